@@ -1,0 +1,218 @@
+/*
+ * qel_hspace.h - client library of the hspace keyed object store.
+ *
+ * One handle is one TCP connection to one service. Initialize the library
+ * once, create a handle from a service URL ("tcp://host:port") and a client
+ * identity, open it, then put, get, post (subscribe), cancel and remove from
+ * any number of threads. Asynchronous results arrive at the handle's event
+ * callback, which runs on the handle's own reader thread.
+ *
+ * Every function returns a t_kro_error: 0 is success, the KRO_ERR_ codes of
+ * kro.h are the library's and the runtime's, any other value is a status
+ * the service sent. qel_hspace_error_get_text names every code.
+ *
+ * Compiles as C99 and as C++.
+ */
+#ifndef QEL_HSPACE_H
+#define QEL_HSPACE_H
+
+#include "kro.h"
+#include "kro_buf.h"
+#include "kro_llist.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define QEL_HSPACE_VERSION 1 /* the version qel_hspace_initialize accepts */
+
+/* The connection handle; opaque. */
+typedef struct qel_hspace_struct *t_qel_hspace;
+
+/* A keyed object: a key and a value buffer, linkable into a t_kro_llist. */
+typedef struct qel_hspace_object_struct *t_qel_hspace_object;
+
+/* What qel_hspace_create needs; owned by the application, copied by create. */
+typedef struct qel_hspace_create_data {
+    t_kro_str service_url;  /* "tcp://host:port"; required */
+    t_kro_str client_name;  /* sent in the handshake; null means "anonymous" */
+    t_kro_str client_group; /* sent in the handshake; null means "default" */
+} qel_hspace_create_data;
+typedef qel_hspace_create_data *t_qel_hspace_create_data;
+
+typedef enum qel_hspace_state {
+    HSPACE_STATE_INIT = 0,    /* created, never opened, or an open failed */
+    HSPACE_STATE_OPEN = 1,    /* connected; requests allowed */
+    HSPACE_STATE_FAILED = 2,  /* the connection broke; close and destroy it */
+    HSPACE_STATE_CLOSING = 3, /* close is under way */
+    HSPACE_STATE_CLOSED = 4   /* final; only destroy is useful */
+} t_qel_hspace_state;
+
+typedef enum qel_hspace_put_semantic {
+    HSPACE_PUT_SYNC = 0,      /* block until the service's reply, return its status */
+    HSPACE_PUT_PIPELINED = 1, /* not supported: KRO_ERR_NOT_SUPPORTED */
+    HSPACE_PUT_NOREPLY = 2    /* send and return; no reply */
+} t_qel_hspace_put_semantic;
+
+typedef enum qel_hspace_get_semantic {
+    HSPACE_GET_SYNC = 10, /* block; objects are appended to the caller's list */
+    HSPACE_GET_ASYNC = 11 /* return after sending; objects arrive as events */
+} t_qel_hspace_get_semantic;
+
+typedef enum qel_hspace_post_semantic {
+    HSPACE_POST_SYNC = 20 /* block until the service accepted the subscription */
+} t_qel_hspace_post_semantic;
+
+typedef enum qel_hspace_cancel_semantic {
+    HSPACE_CANCEL_SYNC = 30 /* block until the service's reply */
+} t_qel_hspace_cancel_semantic;
+
+typedef enum qel_hspace_remove_semantic {
+    HSPACE_REMOVE_SYNC = 40,   /* block until the service's reply, return its status */
+    HSPACE_REMOVE_NOREPLY = 41 /* send and return; no reply */
+} t_qel_hspace_remove_semantic;
+
+#define HSPACE_GET_FLAG_1 0x1          /* passed to the service unchanged */
+#define HSPACE_GET_FLAG_KEY_ONLY 0x4   /* objects without their values */
+#define HSPACE_POST_FLAG_NO_IMAGE 0x2  /* no initial image */
+#define HSPACE_POST_FLAG_KEY_ONLY 0x4  /* image and notifications without values */
+
+typedef enum qel_hspace_event {
+    HSPACE_EVENT_LINK_FAIL = 1,        /* t_qel_hspace_fail_event_data_struct */
+    HSPACE_EVENT_GET_REPLY = 2,        /* t_qel_hspace_reply_image_event_data_struct */
+    HSPACE_EVENT_POST_IMAGE = 3,       /* t_qel_hspace_reply_image_event_data_struct */
+    HSPACE_EVENT_POST_NOTIFICATION = 4 /* t_qel_hspace_post_notification_event_data_struct */
+} t_qel_hspace_event;
+
+/* The event callback. Runs on the handle's reader thread with no library
+ * lock held, one event at a time in packet arrival order. event_data points
+ * to the record of the event and lives only for the call; objects in it
+ * pass to the application (free them with qel_hspace_object_destroy). It may
+ * call close and destroy on its own handle; put, get, post, cancel and
+ * remove on its own handle return KRO_ERR_WOULD_DEADLOCK. */
+typedef void (*t_qel_hspace_event_handler_func)(t_qel_hspace hspace, t_qel_hspace_event event,
+                                                t_kro_ptr event_data);
+
+typedef struct qel_hspace_fail_event_data_struct {
+    t_kro_error error; /* why reading from the connection failed */
+} t_qel_hspace_fail_event_data_struct;
+
+typedef struct qel_hspace_reply_image_event_data_struct {
+    t_kro_ptr urid;            /* the application's id given to get or post */
+    t_kro_str key;             /* the request's key; valid only during the callback */
+    t_kro_error status;        /* 0 for an object or an empty answer, else the error */
+    t_kro_uint4 cardinality;   /* objects in the answer; 0 when empty or failed */
+    t_kro_uint4 index;         /* this object's number, 1..cardinality; 0 without object */
+    t_qel_hspace_object object; /* the object (now the application's), or null */
+} t_qel_hspace_reply_image_event_data_struct;
+
+typedef struct qel_hspace_post_notification_event_data_struct {
+    t_kro_int4 trigger;         /* the trigger the service reported */
+    t_qel_hspace_object object; /* the changed object (now the application's) */
+} t_qel_hspace_post_notification_event_data_struct;
+
+/* ---- library ---- */
+
+/* Starts the library; version must be QEL_HSPACE_VERSION (else
+ * KRO_ERR_VERSION). threaded is accepted and not used. Call once from one
+ * thread before anything else. */
+KRO_API t_kro_error qel_hspace_initialize(t_kro_uint version, t_kro_bool threaded);
+
+/* Stops the library; always 0. Call after every handle is destroyed. */
+KRO_API t_kro_error qel_hspace_finalize(void);
+
+/* Static text naming code: every library and runtime code has its own; any
+ * other value is a service status. Works before initialize. 12 when text is
+ * null. */
+KRO_API t_kro_error qel_hspace_error_get_text(t_kro_error error, const t_kro_char **text);
+
+/* ---- handle ---- */
+
+/* Creates a handle in HSPACE_STATE_INIT into *hspace. create_data and its
+ * strings may be reused as soon as create returns. Errors: 7; 12 for null
+ * create_data, service_url, event_handler or hspace, or a client name or
+ * group longer than 32767 bytes; 21 for a scheme other than tcp; 22 for a
+ * malformed URL. */
+KRO_API t_kro_error qel_hspace_create(t_qel_hspace_create_data create_data,
+                                      t_qel_hspace_event_handler_func event_handler,
+                                      t_qel_hspace *hspace);
+
+/* Connects, handshakes and starts the reader thread. On failure the handle
+ * stays in HSPACE_STATE_INIT and open may be called again. Errors: 7, 12,
+ * 13 unless HSPACE_STATE_INIT, the runtime's connect or read error,
+ * KRO_ERR_INVALID_PACKET for an answer that is no handshake reply. */
+KRO_API t_kro_error qel_hspace_open(t_qel_hspace hspace);
+
+/* Stores the handle's current state (read without a lock). */
+KRO_API t_kro_error qel_hspace_get_state(t_qel_hspace hspace, t_qel_hspace_state *state);
+
+/* Ends the connection from any state. From an application thread it
+ * returns when every outstanding request has completed with KRO_ERR_CLOSED
+ * and the reader thread has ended; from the event callback it returns at
+ * once and the reader thread finishes the close. Errors: 7, 12. */
+KRO_API t_kro_error qel_hspace_close(t_qel_hspace hspace);
+
+/* Releases a handle in HSPACE_STATE_INIT or HSPACE_STATE_CLOSED and clears
+ * *hspace; from the event callback (also while closing) it is deferred to
+ * the end of the reader thread and *hspace is left as it is. Errors: 7, 12,
+ * 13 in any other state. No other thread may be inside an operation on the
+ * handle. */
+KRO_API t_kro_error qel_hspace_destroy(t_qel_hspace *hspace);
+
+/* ---- objects ---- */
+
+/* Makes an object that borrows key and data (a t_kro_buf, or null for no
+ * value): neither is copied, both must outlive the object. */
+KRO_API t_kro_error qel_hspace_object_create(t_kro_str key, t_kro_ptr data,
+                                             t_qel_hspace_object *object);
+/* The object's key pointer (no copy). */
+KRO_API t_kro_error qel_hspace_object_get_key(t_qel_hspace_object object, t_kro_str *key);
+/* The object's value buffer (a t_kro_buf, possibly null); the value is the
+ * bytes from ptr + pos to ptr + lim. */
+KRO_API t_kro_error qel_hspace_object_get_data(t_qel_hspace_object object, t_kro_ptr *data);
+/* Frees the object and clears *object. A library-made object frees its key
+ * and value too; an application-made one leaves them alone. Unlink it from
+ * any list first. */
+KRO_API t_kro_error qel_hspace_object_destroy(t_qel_hspace_object *object);
+
+/* ---- data operations ----
+ * All check, in this order and before taking any lock: 7; 12 (null handle
+ * or key, unknown semantic, key longer than 65535 bytes); 14; 13 unless
+ * HSPACE_STATE_OPEN; 23 on the handle's reader thread. A synchronous call
+ * returns the service's status, KRO_ERR_CLOSED when the handle is closed
+ * meanwhile, or the link's error when the connection fails. */
+
+/* Stores object under its key. flags is unused. */
+KRO_API t_kro_error qel_hspace_put(t_qel_hspace hspace, t_qel_hspace_object object,
+                                   t_qel_hspace_put_semantic semantic, t_kro_int4 flags);
+
+/* Fetches what is stored under key. HSPACE_GET_SYNC appends the objects to
+ * objects (required, writable) and turns KRO_ERR_NO_MATCH into 0;
+ * HSPACE_GET_ASYNC raises HSPACE_EVENT_GET_REPLY events carrying urid.
+ * timeout must be 0 (else 14). flags: HSPACE_GET_FLAG_1, _KEY_ONLY. */
+KRO_API t_kro_error qel_hspace_get(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
+                                   t_qel_hspace_get_semantic semantic, t_kro_int4 timeout,
+                                   t_kro_int4 flags, t_kro_llist objects);
+
+/* Subscribes to key: HSPACE_EVENT_POST_IMAGE events for the initial image,
+ * then HSPACE_EVENT_POST_NOTIFICATION per change. KRO_ERR_EXISTS while a
+ * post of the same key (any letter case) is active. triggers selects the
+ * changes; flags: HSPACE_POST_FLAG_NO_IMAGE, _KEY_ONLY. */
+KRO_API t_kro_error qel_hspace_post(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
+                                    t_qel_hspace_post_semantic semantic, t_kro_byte triggers,
+                                    t_kro_int4 flags);
+
+/* Ends the subscription of key (any letter case), whatever the service
+ * answers. flags is unused. */
+KRO_API t_kro_error qel_hspace_cancel(t_qel_hspace hspace, t_kro_str key,
+                                      t_qel_hspace_cancel_semantic semantic, t_kro_int4 flags);
+
+/* Deletes what is stored under key. flags is unused. */
+KRO_API t_kro_error qel_hspace_remove(t_qel_hspace hspace, t_kro_str key,
+                                      t_qel_hspace_remove_semantic semantic, t_kro_int4 flags);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QEL_HSPACE_H */

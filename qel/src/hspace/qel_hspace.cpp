@@ -1,0 +1,1451 @@
+/*
+ * qel_hspace.cpp - the hspace client library.
+ *
+ * One file, read top to bottom in the order data flows: library state and
+ * error texts; packet layout and encoding; the packet reader; the service
+ * address; the request table; user events; request completion; inbound
+ * processing; the reader thread; the handle's lifecycle; objects; the data
+ * operations.
+ *
+ * Threads and locks: application threads call the public operations; each
+ * open handle adds one reader thread that reads its socket and raises every
+ * event. One lock per handle, `mutex`, guards the request table, `sno`,
+ * every request record and the state transitions of close and of the
+ * reader thread. No callback runs with `mutex` held.
+ */
+#include <arpa/inet.h>
+#include <string.h>
+#include <strings.h>
+
+#include <new>
+
+#include "qel_hspacep.h"
+
+/* ======================================================================
+ * Library state and error texts.
+ * s_initialized is written by initialize and finalize only (the
+ * application calls them from one thread, before and after everything
+ * else) and read by every operation without a lock.
+ * ====================================================================== */
+
+static std::atomic<t_kro_bool> s_initialized{0};
+
+static bool qel_hspace_is_initialized(void)
+{
+    return s_initialized.load(std::memory_order_acquire) != 0;
+}
+
+static void qel_hspace_lock(t_qel_hspace hspace)
+{
+    if (kro_global_threaded_get()) kro_mutex_lock(hspace->mutex);
+}
+
+static void qel_hspace_unlock(t_qel_hspace hspace)
+{
+    if (kro_global_threaded_get()) kro_mutex_unlock(hspace->mutex);
+}
+
+static bool qel_hspace_on_reader_thread(t_qel_hspace hspace)
+{
+    return hspace->reader != NULL && kro_thread_current() == hspace->reader;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_error_get_text(t_kro_error error, const t_kro_char **text)
+{
+    if (text == NULL) return KRO_ERR_INVALID_ARG;
+    switch (error) {
+    case 0: *text = "success"; break;
+    case KRO_ERR_NO_MATCH: *text = "no object is stored under the key"; break;
+    case KRO_ERR_NOT_INITIALIZED: *text = "the library is not initialized"; break;
+    case KRO_ERR_VERSION: *text = "unsupported library version"; break;
+    case KRO_ERR_INVALID_ARG: *text = "invalid argument"; break;
+    case KRO_ERR_INVALID_STATE: *text = "operation not allowed in the handle's state"; break;
+    case KRO_ERR_NOT_SUPPORTED: *text = "not supported"; break;
+    case KRO_ERR_CLOSED: *text = "the handle was closed"; break;
+    case KRO_ERR_EXISTS: *text = "a subscription for the key already exists"; break;
+    case KRO_ERR_BAD_PROTOCOL: *text = "the service URL's scheme is not tcp"; break;
+    case KRO_ERR_BAD_ADDRESS: *text = "the service URL is malformed"; break;
+    case KRO_ERR_WOULD_DEADLOCK: *text = "blocking call from the handle's event callback"; break;
+    case KRO_ERR_CONN_REFUSED: *text = "connection refused"; break;
+    case KRO_ERR_HOST_NOT_FOUND: *text = "host not found"; break;
+    case KRO_ERR_PEER_CLOSED: *text = "the service closed the connection"; break;
+    case KRO_ERR_INTERRUPTED: *text = "the read was interrupted"; break;
+    case KRO_ERR_NET: *text = "network error"; break;
+    case KRO_ERR_INVALID_PACKET: *text = "the service sent an invalid packet"; break;
+    case KRO_ERR_NOT_CONNECTED: *text = "the socket is not connected"; break;
+    case KRO_ERR_OS: *text = "operating system error"; break;
+    case KRO_ERR_TIMEOUT: *text = "timed out"; break;
+    case KRO_ERR_NO_MEMORY: *text = "out of memory"; break;
+    default: *text = "error status reported by the service"; break;
+    }
+    return 0;
+}
+
+/* ======================================================================
+ * Packet layout: accessors over received bytes and length calculators.
+ * Pure functions, no lock, no state. Accessors do no bounds checking: the
+ * packet reader has proved that every section lies inside the packet and
+ * that the rr and hspace subheaders it files are long enough for them.
+ * ====================================================================== */
+
+static inline t_kro_uint2 qel_hspace_pkt_rd16(t_kro_ptr p, t_kro_uint4 off)
+{
+    t_kro_uint2 v;
+    memcpy(&v, (const t_kro_byte *)p + off, sizeof v);
+    return ntohs(v);
+}
+
+static inline t_kro_uint4 qel_hspace_pkt_rd32(t_kro_ptr p, t_kro_uint4 off)
+{
+    t_kro_uint4 v;
+    memcpy(&v, (const t_kro_byte *)p + off, sizeof v);
+    return ntohl(v);
+}
+
+static t_kro_uint4 qel_hspace_pkt_get_wirelen(t_kro_ptr header) { return qel_hspace_pkt_rd32(header, 4); }
+
+[[maybe_unused]] static t_kro_uint2 qel_hspace_pkt_get_body_type_from_header(t_kro_ptr header)
+{
+    return qel_hspace_pkt_rd16(header, 30);
+}
+
+static t_kro_byte qel_hspace_pkt_get_subhdr_count_from_header(t_kro_ptr header)
+{
+    return ((const t_kro_byte *)header)[29];
+}
+
+static t_kro_uint2 qel_hspace_pkt_get_body_type_from_body(t_kro_ptr section)
+{
+    return qel_hspace_pkt_rd16(section, 2);
+}
+
+static t_kro_uint4 qel_hspace_pkt_get_body_len_from_body(t_kro_ptr section)
+{
+    return qel_hspace_pkt_rd32(section, 4);
+}
+
+static t_kro_byte qel_hspace_pkt_get_opcode_from_hspace_subheader(t_kro_ptr subheader)
+{
+    return ((const t_kro_byte *)subheader)[9];
+}
+
+static t_kro_byte qel_hspace_pkt_get_triggers_from_hspace_subheader(t_kro_ptr subheader)
+{
+    return ((const t_kro_byte *)subheader)[11];
+}
+
+/* Stores a new NUL-terminated copy of the subheader's key into *key; the
+ * caller owns it. */
+static void qel_hspace_pkt_get_key_from_hspace_subheader(t_kro_ptr subheader, t_kro_str *key)
+{
+    t_kro_uint2 n = qel_hspace_pkt_rd16(subheader, 20);
+    char *copy = NULL;
+    KRO_CHECK(kro_mm_alloc((t_kro_uint4)n + 1, &copy, 0) == 0);
+    memcpy(copy, (const t_kro_byte *)subheader + HSPACE_PKT_HSPACE_FIXED_LEN, n);
+    copy[n] = '\0';
+    *key = copy;
+}
+
+static t_kro_uint4 qel_hspace_pkt_get_corrid_from_rr_subheader(t_kro_ptr subheader)
+{
+    return qel_hspace_pkt_rd32(subheader, 12);
+}
+
+static t_kro_byte qel_hspace_pkt_is_reply(t_kro_ptr subheader)
+{
+    return (qel_hspace_pkt_rd32(subheader, 16) & 0x80000000u) ? 0 : 1;
+}
+
+static t_kro_byte qel_hspace_pkt_is_success_reply(t_kro_ptr subheader)
+{
+    return (qel_hspace_pkt_rd32(subheader, 16) & 0x04000000u) ? 1 : 0;
+}
+
+static t_kro_uint4 qel_hspace_pkt_get_reply_count_from_rr_subheader(t_kro_ptr subheader)
+{
+    t_kro_uint4 w1 = qel_hspace_pkt_rd32(subheader, 16);
+    t_kro_uint4 w2 = qel_hspace_pkt_rd32(subheader, 20);
+    return ((w1 & 0x03FFFFFFu) << 3) | (w2 >> 29);
+}
+
+static t_kro_uint4 qel_hspace_pkt_get_reply_num_from_rr_subheader(t_kro_ptr subheader)
+{
+    return qel_hspace_pkt_rd32(subheader, 20) & 0x1FFFFFFFu;
+}
+
+static t_kro_uint4 qel_hspace_pkt_get_reply_error_from_rr_subheader(t_kro_ptr subheader)
+{
+    return qel_hspace_pkt_rd32(subheader, 20);
+}
+
+static void qel_hspace_pkt_get_reply_info_from_rr_subheader(t_kro_ptr subheader, t_kro_uint4 *reply_corrid,
+                                                             t_kro_bool *reply_success, t_kro_uint4 *reply_count,
+                                                             t_kro_uint4 *reply_num, t_kro_error *reply_error)
+{
+    *reply_corrid = qel_hspace_pkt_get_corrid_from_rr_subheader(subheader);
+    *reply_success = qel_hspace_pkt_is_success_reply(subheader);
+    if (*reply_success) {
+        *reply_count = qel_hspace_pkt_get_reply_count_from_rr_subheader(subheader);
+        *reply_num = qel_hspace_pkt_get_reply_num_from_rr_subheader(subheader);
+        *reply_error = 0;
+    } else {
+        *reply_count = 0;
+        *reply_num = 0;
+        *reply_error = qel_hspace_pkt_get_reply_error_from_rr_subheader(subheader);
+    }
+}
+
+/* True when the four bytes at p carry the magic 0xBADCAD and version 1. */
+static bool qel_hspace_pkt_magic_and_version_ok(t_kro_ptr p)
+{
+    t_kro_uint4 word = qel_hspace_pkt_rd32(p, 0);
+    return (word >> 8) == HSPACE_PKT_MAGIC && (word & 0xFFu) == HSPACE_PKT_VERSION;
+}
+
+/* Magic and version check of the packet at buf's read position; needs 4
+ * bytes there. Returns nonzero when acceptable. (The reader checks raw
+ * bytes through qel_hspace_pkt_scan_bytes; this form serves tools and
+ * tests that hold a buffer.) */
+[[maybe_unused]] static t_kro_bool qel_hspace_pkt_validate_magic_and_version(t_kro_buf buf)
+{
+    return qel_hspace_pkt_magic_and_version_ok((t_kro_byte *)buf->ptr + buf->pos) ? 1 : 0;
+}
+
+static t_kro_uint4 qel_hspace_pkt_calc_rr_subhdr_len(void) { return HSPACE_PKT_RR_LEN; }
+
+static t_kro_uint4 qel_hspace_pkt_calc_hspace_subhdr_len(t_kro_str key)
+{
+    return HSPACE_PKT_HSPACE_FIXED_LEN + (t_kro_uint4)strlen(key);
+}
+
+/* ======================================================================
+ * Request encoding. Each builder sizes one buffer exactly (zero-filled),
+ * writes every section in order and returns it with pos == lim == size ==
+ * the wire length. Runs on the calling thread; the data operations hold the
+ * handle's mutex, the handshake runs before the reader thread exists.
+ * Callers guarantee the lengths fit their fields (keys up to 65535 bytes,
+ * handshake strings up to 32767 bytes, packets up to 1 GiB).
+ * ====================================================================== */
+
+static inline void qel_hspace_pkt_wr8(t_kro_buf buf, t_kro_uint4 off, t_kro_byte v)
+{
+    ((t_kro_byte *)buf->ptr)[buf->pos + off] = v;
+}
+
+static inline void qel_hspace_pkt_wr16(t_kro_buf buf, t_kro_uint4 off, t_kro_uint2 v)
+{
+    v = htons(v);
+    memcpy((t_kro_byte *)buf->ptr + buf->pos + off, &v, sizeof v);
+}
+
+static inline void qel_hspace_pkt_wr32(t_kro_buf buf, t_kro_uint4 off, t_kro_uint4 v)
+{
+    v = htonl(v);
+    memcpy((t_kro_byte *)buf->ptr + buf->pos + off, &v, sizeof v);
+}
+
+static void qel_hspace_pkt_serialize_header(t_kro_buf buf, t_kro_uint4 len, t_kro_uint2 sport, t_kro_uint2 dport,
+                                            t_kro_uint1 numsh, t_kro_uint2 type)
+{
+    qel_hspace_pkt_wr32(buf, 0, (HSPACE_PKT_MAGIC << 8) | HSPACE_PKT_VERSION);
+    qel_hspace_pkt_wr32(buf, 4, len);
+    qel_hspace_pkt_wr16(buf, 16, sport);
+    qel_hspace_pkt_wr16(buf, 18, dport);
+    qel_hspace_pkt_wr8(buf, 27, 0xFF);
+    qel_hspace_pkt_wr8(buf, 29, numsh);
+    qel_hspace_pkt_wr16(buf, 30, type);
+    kro_buf_set_pos(buf, buf->pos + HSPACE_PKT_HEADER_LEN);
+}
+
+static void qel_hspace_pkt_serialize_body_preamble(t_kro_buf buf, t_kro_uint2 type, t_kro_uint4 len)
+{
+    qel_hspace_pkt_wr8(buf, 0, 0x01);
+    qel_hspace_pkt_wr8(buf, 1, 0x00);
+    qel_hspace_pkt_wr16(buf, 2, type);
+    qel_hspace_pkt_wr32(buf, 4, len);
+    kro_buf_set_pos(buf, buf->pos + HSPACE_PKT_PREAMBLE_LEN);
+}
+
+static void qel_hspace_pkt_serialize_hspace_subheader(t_kro_buf buf, t_kro_byte opcode, t_kro_byte semantic,
+                                                      t_kro_byte triggers, t_kro_int4 timeout, t_kro_int4 flags,
+                                                      t_kro_str key)
+{
+    t_kro_uint2 key_len = (t_kro_uint2)strlen(key);
+    qel_hspace_pkt_serialize_body_preamble(buf, HSPACE_BODY_HSPACE, (t_kro_uint4)key_len + 22);
+    qel_hspace_pkt_wr8(buf, 0, 0x01);
+    qel_hspace_pkt_wr8(buf, 1, opcode);
+    qel_hspace_pkt_wr8(buf, 2, semantic);
+    qel_hspace_pkt_wr8(buf, 3, triggers);
+    qel_hspace_pkt_wr32(buf, 4, (t_kro_uint4)timeout);
+    qel_hspace_pkt_wr32(buf, 8, (t_kro_uint4)flags);
+    qel_hspace_pkt_wr16(buf, 12, key_len);
+    memcpy((t_kro_byte *)buf->ptr + buf->pos + 14, key, key_len);
+    kro_buf_set_pos(buf, buf->pos + 14 + key_len);
+}
+
+static void qel_hspace_pkt_serialize_rr_subheader(t_kro_buf buf, t_kro_uint4 corrid)
+{
+    qel_hspace_pkt_serialize_body_preamble(buf, HSPACE_BODY_RR, HSPACE_PKT_RR_LEN);
+    qel_hspace_pkt_wr32(buf, 0, 0);
+    qel_hspace_pkt_wr32(buf, 4, corrid);
+    qel_hspace_pkt_wr32(buf, 8, 0x80000000u);
+    qel_hspace_pkt_wr32(buf, 12, 0);
+    kro_buf_set_pos(buf, buf->pos + 16);
+}
+
+static void qel_hspace_pkt_serialize_str(t_kro_buf buf, t_kro_str s, t_kro_uint2 len)
+{
+    qel_hspace_pkt_wr16(buf, 0, len);
+    memcpy((t_kro_byte *)buf->ptr + buf->pos + 2, s, len);
+    kro_buf_set_pos(buf, buf->pos + 2 + len);
+}
+
+/* Builds the handshake request; strings up to 32767 bytes each. */
+static t_kro_buf qel_hspace_pkt_serialize_handshake_request(t_kro_str service_type, t_kro_str client_name,
+                                                            t_kro_str client_group)
+{
+    t_kro_int2 service_type_len = (t_kro_int2)strlen(service_type);
+    t_kro_int2 client_name_len = (t_kro_int2)strlen(client_name);
+    t_kro_int2 client_group_len = (t_kro_int2)strlen(client_group);
+    t_kro_uint4 body_wire_size = 2 + 2 + (2 + (t_kro_uint4)service_type_len) + (2 + (t_kro_uint4)client_name_len) +
+                                 (2 + (t_kro_uint4)client_group_len);
+    t_kro_uint4 wire_size = HSPACE_PKT_HEADER_LEN + HSPACE_PKT_PREAMBLE_LEN + body_wire_size;
+    t_kro_buf buf;
+    kro_buf_create(&buf, wire_size, 1);
+    qel_hspace_pkt_serialize_header(buf, wire_size, 0, 0, 0, HSPACE_BODY_HANDSHAKE_REQUEST);
+    qel_hspace_pkt_serialize_body_preamble(buf, HSPACE_BODY_HANDSHAKE_REQUEST, wire_size - HSPACE_PKT_HEADER_LEN);
+    qel_hspace_pkt_wr16(buf, 0, 1);
+    qel_hspace_pkt_wr16(buf, 2, 0xFFFF);
+    kro_buf_set_pos(buf, buf->pos + 4);
+    qel_hspace_pkt_serialize_str(buf, service_type, (t_kro_uint2)service_type_len);
+    qel_hspace_pkt_serialize_str(buf, client_name, (t_kro_uint2)client_name_len);
+    qel_hspace_pkt_serialize_str(buf, client_group, (t_kro_uint2)client_group_len);
+    return buf;
+}
+
+/* Common frame of the keyed requests: header, hspace subheader, rr
+ * subheader when with_rr, and the body preamble for payload_len bytes. */
+static t_kro_buf qel_hspace_pkt_serialize_keyed_request(t_qel_hspace hspace, t_kro_byte opcode, t_kro_byte semantic,
+                                                        t_kro_byte triggers, t_kro_int4 timeout, t_kro_int4 flags,
+                                                        t_kro_str key, bool with_rr, t_kro_uint4 sno,
+                                                        t_kro_uint2 body_type, t_kro_uint4 payload_len)
+{
+    t_kro_uint4 hspace_subhdr_wire_size = qel_hspace_pkt_calc_hspace_subhdr_len(key);
+    t_kro_uint4 rr_subhdr_wire_size = with_rr ? qel_hspace_pkt_calc_rr_subhdr_len() : 0;
+    t_kro_uint4 wire_size = HSPACE_PKT_HEADER_LEN + hspace_subhdr_wire_size + rr_subhdr_wire_size +
+                            HSPACE_PKT_PREAMBLE_LEN + payload_len;
+    t_kro_buf buf;
+    kro_buf_create(&buf, wire_size, 1);
+    qel_hspace_pkt_serialize_header(buf, wire_size, 0, hspace->service_ltp, with_rr ? 2 : 1, body_type);
+    qel_hspace_pkt_serialize_hspace_subheader(buf, opcode, semantic, triggers, timeout, flags, key);
+    if (with_rr) qel_hspace_pkt_serialize_rr_subheader(buf, sno);
+    qel_hspace_pkt_serialize_body_preamble(buf, body_type, HSPACE_PKT_PREAMBLE_LEN + payload_len);
+    return buf;
+}
+
+/* Length of an object's value: [pos, lim) of its buffer, 0 without one. */
+static t_kro_uint4 qel_hspace_object_data_len(t_qel_hspace_object object)
+{
+    t_kro_buf data = object->data.buf;
+    return data == NULL ? 0 : data->lim - data->pos;
+}
+
+static t_kro_buf qel_hspace_pkt_serialize_put_request(t_qel_hspace hspace, t_qel_hspace_object object,
+                                                      t_qel_hspace_put_semantic semantic, t_kro_int4 flags,
+                                                      t_kro_uint4 sno)
+{
+    bool sync = semantic == HSPACE_PUT_SYNC;
+    t_kro_uint4 body_wire_size = qel_hspace_object_data_len(object);
+    t_kro_buf buf;
+    (void)flags; /* a put carries no flags */
+    buf = qel_hspace_pkt_serialize_keyed_request(hspace, HSPACE_OPCODE_PUT,
+                                                 sync ? HSPACE_WIRE_SEMANTIC_SYNC : HSPACE_WIRE_SEMANTIC_NOREPLY, 0, 0,
+                                                 0, object->key, sync, sno, HSPACE_BODY_OBJECT, body_wire_size);
+    if (body_wire_size > 0) {
+        t_kro_buf data = object->data.buf;
+        memcpy((t_kro_byte *)buf->ptr + buf->pos, (const t_kro_byte *)data->ptr + data->pos, body_wire_size);
+    }
+    kro_buf_set_pos(buf, buf->pos + body_wire_size);
+    return buf;
+}
+
+static t_kro_buf qel_hspace_pkt_serialize_get_request(t_qel_hspace hspace, t_kro_str key,
+                                                      t_qel_hspace_get_semantic semantic, t_kro_int4 timeout,
+                                                      t_kro_int4 flags, t_kro_uint4 sno)
+{
+    t_kro_byte wire_semantic = semantic == HSPACE_GET_SYNC ? HSPACE_WIRE_SEMANTIC_SYNC : HSPACE_WIRE_SEMANTIC_ASYNC;
+    return qel_hspace_pkt_serialize_keyed_request(hspace, HSPACE_OPCODE_GET, wire_semantic, 0, timeout, flags & 0x5,
+                                                  key, true, sno, HSPACE_BODY_REQUEST, 0);
+}
+
+static t_kro_buf qel_hspace_pkt_serialize_post_request(t_qel_hspace hspace, t_kro_str key,
+                                                       t_qel_hspace_post_semantic semantic, t_kro_byte triggers,
+                                                       t_kro_int4 flags, t_kro_uint4 sno)
+{
+    bool flg_no_initial_image = (flags & HSPACE_POST_FLAG_NO_IMAGE) != 0;
+    bool flg_keyonly = (flags & HSPACE_POST_FLAG_KEY_ONLY) != 0;
+    t_kro_int4 wire_flags = (flg_no_initial_image ? 0x2 : 0) | (flg_keyonly ? 0x4 : 0);
+    KRO_CHECK((HSPACE_POST_SYNC == semantic));
+    return qel_hspace_pkt_serialize_keyed_request(hspace, HSPACE_OPCODE_POST, HSPACE_WIRE_SEMANTIC_SYNC, triggers, 0,
+                                                  wire_flags, key, true, sno, HSPACE_BODY_REQUEST, 0);
+}
+
+static t_kro_buf qel_hspace_pkt_serialize_cancel_request(t_qel_hspace hspace, t_kro_byte opcode, t_kro_str key,
+                                                         t_qel_hspace_cancel_semantic semantic, t_kro_int4 flags,
+                                                         t_kro_uint4 sno)
+{
+    bool sync = semantic == HSPACE_CANCEL_SYNC;
+    (void)flags; /* a cancel carries no flags */
+    return qel_hspace_pkt_serialize_keyed_request(hspace, opcode,
+                                                  sync ? HSPACE_WIRE_SEMANTIC_SYNC : HSPACE_WIRE_SEMANTIC_NOREPLY, 0, 0,
+                                                  0, key, sync, sno, HSPACE_BODY_REQUEST, 0);
+}
+
+static t_kro_buf qel_hspace_pkt_serialize_remove_request(t_qel_hspace hspace, t_kro_str key,
+                                                         t_qel_hspace_remove_semantic semantic, t_kro_int4 flags,
+                                                         t_kro_uint4 sno)
+{
+    bool sync = semantic == HSPACE_REMOVE_SYNC;
+    (void)flags; /* a remove carries no flags */
+    return qel_hspace_pkt_serialize_keyed_request(hspace, HSPACE_OPCODE_REMOVE,
+                                                  sync ? HSPACE_WIRE_SEMANTIC_SYNC : HSPACE_WIRE_SEMANTIC_NOREPLY, 0, 0,
+                                                  0, key, sync, sno, HSPACE_BODY_REQUEST, 0);
+}
+
+/* Decodes a handshake reply body (a framed packet's body section). The
+ * name is a new string owned by the caller. KRO_ERR_INVALID_PACKET when the
+ * body is no handshake reply or too short for its fields. */
+static t_kro_error qel_hspace_pkt_deserialize_handshake_reply(t_kro_ptr body_ptr, t_kro_uint2 *service_version,
+                                                              t_kro_uint2 *service_ltp, t_kro_str *service_name)
+{
+    t_kro_uint4 len = qel_hspace_pkt_get_body_len_from_body(body_ptr);
+    t_kro_byte *fields = (t_kro_byte *)body_ptr + HSPACE_PKT_PREAMBLE_LEN;
+    t_kro_uint2 name_len;
+    char *name = NULL;
+    if (qel_hspace_pkt_get_body_type_from_body(body_ptr) != HSPACE_BODY_HANDSHAKE_REPLY) return KRO_ERR_INVALID_PACKET;
+    if (len < HSPACE_PKT_PREAMBLE_LEN + 6) return KRO_ERR_INVALID_PACKET;
+    name_len = qel_hspace_pkt_rd16(fields, 4);
+    if ((t_kro_uint4)name_len > len - HSPACE_PKT_PREAMBLE_LEN - 6) return KRO_ERR_INVALID_PACKET;
+    *service_version = qel_hspace_pkt_rd16(fields, 0);
+    *service_ltp = qel_hspace_pkt_rd16(fields, 2);
+    KRO_CHECK(kro_mm_alloc((t_kro_uint4)name_len + 1, &name, 1) == 0);
+    memcpy(name, fields + 6, name_len);
+    *service_name = name;
+    return 0;
+}
+
+/* ======================================================================
+ * Packet reader. Frames the inbound byte stream in the handle's read
+ * buffer, in place. Runs on one thread at a time: the opener during the
+ * handshake, then only the reader thread. Takes no lock.
+ * ====================================================================== */
+
+/* What the bytes at the start of a draining buffer are. */
+enum qel_hspace_pkt_scan {
+    QEL_HSPACE_PKT_MORE,    /* no whole packet yet, and nothing proves it invalid */
+    QEL_HSPACE_PKT_WHOLE,   /* one whole, well-formed packet */
+    QEL_HSPACE_PKT_INVALID  /* the bytes cannot start a valid packet */
+};
+
+/* Examines the n bytes at p, never reading past them. A packet is invalid
+ * when its magic or version is wrong, its wirelen is below 32 or above
+ * HSPACE_PKT_MAX_LEN, a section length is below 8, a section runs past
+ * wirelen, or the numsh subheaders and the body end short of wirelen. It
+ * says so as soon as the bytes present prove it. */
+static qel_hspace_pkt_scan qel_hspace_pkt_scan_bytes(const t_kro_byte *p, t_kro_uint4 n)
+{
+    t_kro_uint4 wirelen, off, section;
+    t_kro_uint4 sections;
+    if (n < HSPACE_PKT_PREAMBLE_LEN) return QEL_HSPACE_PKT_MORE;
+    if (!qel_hspace_pkt_magic_and_version_ok((t_kro_ptr)p)) return QEL_HSPACE_PKT_INVALID;
+    wirelen = qel_hspace_pkt_get_wirelen((t_kro_ptr)p);
+    if (wirelen < HSPACE_PKT_HEADER_LEN || wirelen > HSPACE_PKT_MAX_LEN) return QEL_HSPACE_PKT_INVALID;
+    if (n < HSPACE_PKT_HEADER_LEN) return QEL_HSPACE_PKT_MORE;
+    sections = (t_kro_uint4)qel_hspace_pkt_get_subhdr_count_from_header((t_kro_ptr)p) + 1;
+    off = HSPACE_PKT_HEADER_LEN;
+    for (section = 0; section < sections; section++) {
+        t_kro_uint4 len;
+        if (wirelen - off < HSPACE_PKT_PREAMBLE_LEN) return QEL_HSPACE_PKT_INVALID;
+        if (n - off < HSPACE_PKT_PREAMBLE_LEN) return QEL_HSPACE_PKT_MORE;
+        len = qel_hspace_pkt_get_body_len_from_body((t_kro_ptr)(p + off));
+        if (len < HSPACE_PKT_PREAMBLE_LEN || len > wirelen - off) return QEL_HSPACE_PKT_INVALID;
+        off += len;
+        if (off > n && section + 1 < sections) return QEL_HSPACE_PKT_MORE;
+    }
+    if (off != wirelen) return QEL_HSPACE_PKT_INVALID;
+    return wirelen <= n ? QEL_HSPACE_PKT_WHOLE : QEL_HSPACE_PKT_MORE;
+}
+
+/* Nonzero when [pos, lim) of buf begins with one whole, well-formed
+ * packet. */
+[[maybe_unused]] static t_kro_bool qel_hspace_pkt_is_full(t_kro_buf buf)
+{
+    return qel_hspace_pkt_scan_bytes((const t_kro_byte *)buf->ptr + buf->pos, buf->lim - buf->pos) ==
+           QEL_HSPACE_PKT_WHOLE;
+}
+
+/* Frames the whole packet at buf's pos (qel_hspace_pkt_scan_bytes said
+ * QEL_HSPACE_PKT_WHOLE) into a new packet record and moves pos past it.
+ * Subheaders of types 0 to 4 are filed by type (a later one replaces an
+ * earlier one); others are stepped over. An rr subheader shorter than 24
+ * bytes, or an hspace subheader too short for its key, is not filed, so
+ * inbound processing drops the packet instead of reading past it. */
+static void qel_hspace_pkt_frame(t_kro_buf buf, t_qel_hspace_packet *packet)
+{
+    t_qel_hspace_packet pkt;
+    t_kro_byte *header;
+    t_kro_uint4 num_sh, i, wirelen;
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_packet), packet, 0);
+    pkt = *packet;
+    kro_llist_node_init(pkt);
+    for (i = 0; i < HSPACE_SUBHEADER_SLOTS; i++) pkt->subheaders[i] = NULL;
+    header = (t_kro_byte *)buf->ptr + buf->pos;
+    pkt->header = header;
+    wirelen = qel_hspace_pkt_get_wirelen(header);
+    kro_buf_set_pos(buf, buf->pos + HSPACE_PKT_HEADER_LEN);
+    num_sh = qel_hspace_pkt_get_subhdr_count_from_header(header);
+    for (i = 0; i < num_sh; i++) {
+        t_kro_byte *subheader = (t_kro_byte *)buf->ptr + buf->pos;
+        t_kro_uint2 type = qel_hspace_pkt_get_body_type_from_body(subheader);
+        t_kro_uint4 len = qel_hspace_pkt_get_body_len_from_body(subheader);
+        bool usable = true;
+        if (type == HSPACE_BODY_RR) usable = len >= HSPACE_PKT_RR_LEN;
+        if (type == HSPACE_BODY_HSPACE)
+            usable = len >= HSPACE_PKT_HSPACE_FIXED_LEN &&
+                     qel_hspace_pkt_rd16(subheader, 20) <= len - HSPACE_PKT_HSPACE_FIXED_LEN;
+        if (type < HSPACE_SUBHEADER_SLOTS) pkt->subheaders[type] = usable ? subheader : NULL;
+        kro_buf_set_pos(buf, buf->pos + len);
+    }
+    pkt->body = (t_kro_byte *)buf->ptr + buf->pos;
+    kro_buf_set_pos(buf, buf->pos + qel_hspace_pkt_get_body_len_from_body(pkt->body));
+    KRO_CHECK(header + wirelen == (t_kro_byte *)buf->ptr + buf->pos);
+}
+
+/* Returns the next whole packet of the handle's stream in *packet (a new
+ * record the caller frees with kro_mm_free), reading from the socket as
+ * needed. On error *packet is untouched: the socket's error, or
+ * KRO_ERR_INVALID_PACKET as soon as the bytes received prove the stream
+ * invalid. */
+static t_kro_error qel_hspace_read_packet(t_qel_hspace hspace, t_qel_hspace_packet *packet)
+{
+    t_kro_error error = 0;
+    t_kro_uint4 bytes_transferred = 0;
+    while (error == 0) {
+        t_kro_buf rb = hspace->readbuf;
+        if (rb == NULL) {
+            kro_buf_create(&hspace->readbuf, HSPACE_PKT_READBUF_SIZE, 0);
+            rb = hspace->readbuf;
+            kro_buf_set_lim(rb, rb->pos);
+        }
+        switch (qel_hspace_pkt_scan_bytes((const t_kro_byte *)rb->ptr + rb->pos, rb->lim - rb->pos)) {
+        case QEL_HSPACE_PKT_WHOLE:
+            qel_hspace_pkt_frame(rb, packet);
+            return 0;
+        case QEL_HSPACE_PKT_INVALID:
+            return KRO_ERR_INVALID_PACKET;
+        case QEL_HSPACE_PKT_MORE:
+            break;
+        }
+        kro_buf_compact(rb);
+        if (rb->lim == rb->pos) {
+            t_kro_buf grown;
+            kro_buf_create(&grown, rb->size * 2, 0);
+            memcpy(grown->ptr, rb->ptr, rb->pos);
+            kro_buf_set_pos(grown, rb->pos);
+            kro_buf_release(&hspace->readbuf);
+            hspace->readbuf = grown;
+            rb = grown;
+        }
+        error = kro_socket_read(hspace->socket, rb, &bytes_transferred);
+        if (error != 0) return error;
+        kro_buf_flip(rb);
+    }
+    return error;
+}
+
+/* ======================================================================
+ * Service address: "tcp://host:port" parsed into the runtime's client
+ * socket description, and the unconnected socket made from it. Runs on the
+ * thread calling create or open; touches no shared state.
+ * ====================================================================== */
+
+static void qel_hspace_socket_create_data_destroy(t_kro_socket_client_create_data *socket_create_data)
+{
+    t_kro_socket_client_create_data d = *socket_create_data;
+    if (d->device_create_data.local_ifaddr != NULL) KRO_CHECK(kro_mm_free(&d->device_create_data.local_ifaddr) == 0);
+    if (d->device_create_data.remote_ifaddr != NULL)
+        KRO_CHECK(kro_mm_free(&d->device_create_data.remote_ifaddr) == 0);
+    KRO_CHECK(kro_mm_free(socket_create_data) == 0);
+}
+
+/* The port text as a decimal number: leading white space, an optional
+ * sign, digits up to the first non-digit; only the low 16 bits are kept. */
+static t_kro_ushort qel_hspace_port_parse(const char *text)
+{
+    t_kro_uint4 value = 0;
+    bool negative = false;
+    while (*text == ' ' || (*text >= '\t' && *text <= '\r')) text++;
+    if (*text == '+' || *text == '-') negative = *text++ == '-';
+    while (*text >= '0' && *text <= '9') value = value * 10u + (t_kro_uint4)(*text++ - '0');
+    if (negative) value = 0u - value;
+    return (t_kro_ushort)(value & 0xFFFFu);
+}
+
+static t_kro_error qel_hspace_socket_create_data_create(t_kro_str url,
+                                                        t_kro_socket_client_create_data *socket_create_data)
+{
+    t_kro_str copy = NULL;
+    char *scheme, *host, *port, *p;
+    t_kro_error result = 0;
+    KRO_ALLOC_RECORD(sizeof(struct kro_socket_client_create_data), socket_create_data, 1);
+    kro_str_assign(&copy, url);
+    scheme = (char *)copy;
+    host = port = NULL;
+    p = strstr(scheme, "://");
+    if (p == NULL) {
+        result = KRO_ERR_BAD_ADDRESS;
+    } else {
+        *p = '\0';
+        host = p + 3;
+        p = strchr(host, ':');
+        if (p == NULL) {
+            result = KRO_ERR_BAD_ADDRESS;
+        } else {
+            *p = '\0';
+            port = p + 1;
+            if (strcasecmp(scheme, "tcp") != 0) result = KRO_ERR_BAD_PROTOCOL;
+        }
+    }
+    if (result == 0) {
+        t_kro_socket_device_client_create_data_struct *d = &(*socket_create_data)->device_create_data;
+        kro_str_assign(&d->local_ifaddr, "0.0.0.0");
+        d->local_port = 0;
+        kro_str_assign(&d->remote_ifaddr, host);
+        d->remote_port = qel_hspace_port_parse(port);
+    }
+    KRO_CHECK(kro_mm_free(&copy) == 0);
+    if (result != 0) qel_hspace_socket_create_data_destroy(socket_create_data);
+    return result;
+}
+
+static t_kro_error qel_hspace_socket_create(t_kro_str url, t_kro_socket *socket)
+{
+    t_kro_socket_client_create_data data = NULL;
+    t_kro_error error = qel_hspace_socket_create_data_create(url, &data);
+    if (error != 0) return error;
+    error = kro_socket_client_create(data, socket);
+    if (error != 0) qel_hspace_socket_create_data_destroy(&data);
+    return error;
+}
+
+/* ======================================================================
+ * Request table. Every function here is called with the handle's mutex
+ * held and takes no lock itself.
+ * ====================================================================== */
+
+static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro_byte opcode, t_kro_str key,
+                                                      t_kro_ptr urid, t_kro_buf buf, t_kro_bool dup_key,
+                                                      t_kro_bool async_reply, t_kro_llist replies)
+{
+    t_qel_hspace_request request;
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_request), &request, 0);
+    kro_llist_node_init(request);
+    request->hspace = hspace;
+    request->opcode = opcode;
+    request->dup_key = dup_key;
+    if (dup_key) {
+        request->key = NULL;
+        kro_str_assign(&request->key, key);
+    } else {
+        request->key = key;
+    }
+    request->buf = buf;
+    if (hspace->sno == HSPACE_CORRID_MAX) hspace->sno = 0;
+    request->corrid = ++hspace->sno;
+    request->urid = urid;
+    request->initial_image_complete = 0;
+    request->caller_waiting = async_reply ? 0 : 1;
+    request->orphaned = 0;
+    request->cancelled = 0;
+    if (!async_reply) {
+        t_qel_hspace_request_sync_ctx ctx;
+        KRO_ALLOC_RECORD(sizeof(struct qel_hspace_request_sync_ctx_struct), &request->sync_ctx, 0);
+        ctx = request->sync_ctx;
+        ctx->complete = 0;
+        ctx->error = 0;
+        if (replies != NULL) {
+            ctx->user_reply_list = 1;
+            ctx->replies = replies;
+        } else {
+            ctx->user_reply_list = 0;
+            kro_llist_create(&ctx->replies);
+        }
+    } else {
+        request->sync_ctx = NULL;
+    }
+    kro_llist_append(hspace->reqtable, request);
+    return request;
+}
+
+/* Blocks until the request is complete and returns its status. The mutex
+ * is released while waiting. */
+static t_kro_error qel_hspace_request_reply_wait(t_qel_hspace_request request)
+{
+    t_qel_hspace hspace = request->hspace;
+    KRO_CHECK(request->sync_ctx != NULL);
+    while (!request->sync_ctx->complete) kro_cond_wait(hspace->cond, hspace->mutex, KRO_WAIT_FOREVER);
+    return request->sync_ctx->error;
+}
+
+static t_qel_hspace_request qel_hspace_request_get_by_corrid(t_qel_hspace hspace, t_kro_uint4 corrid)
+{
+    for (t_kro_ptr n = kro_llist_first(hspace->reqtable); n != NULL; n = kro_llist_next(hspace->reqtable, n)) {
+        t_qel_hspace_request request = (t_qel_hspace_request)n;
+        if (request->corrid == corrid) return request;
+    }
+    return NULL;
+}
+
+static t_qel_hspace_request qel_hspace_request_get_post(t_qel_hspace hspace, t_kro_str key)
+{
+    for (t_kro_ptr n = kro_llist_first(hspace->reqtable); n != NULL; n = kro_llist_next(hspace->reqtable, n)) {
+        t_qel_hspace_request request = (t_qel_hspace_request)n;
+        if (request->opcode == HSPACE_OPCODE_POST && strcasecmp(request->key, key) == 0) return request;
+    }
+    return NULL;
+}
+
+static void qel_hspace_request_destroy(t_qel_hspace_request *request)
+{
+    t_qel_hspace_request r = *request;
+    if (r->head != NULL) kro_llist_remove(r);
+    if (r->dup_key && r->key != NULL) KRO_CHECK(kro_mm_free(&r->key) == 0);
+    if (r->buf != NULL) kro_buf_release(&r->buf);
+    if (r->sync_ctx != NULL) {
+        if (!r->sync_ctx->user_reply_list) kro_llist_destroy(&r->sync_ctx->replies);
+        KRO_CHECK(kro_mm_free(&r->sync_ctx) == 0);
+    }
+    KRO_CHECK(kro_mm_free(request) == 0);
+}
+
+/* Ends a record on the reader thread's behalf. A record whose calling
+ * thread has not yet read its status (a post woken by its reply that has
+ * not resumed) is only unlinked and marked orphaned: that thread frees it
+ * once it has read the status, so no thread touches freed memory. */
+static void qel_hspace_request_end(t_qel_hspace_request request)
+{
+    if (request->caller_waiting) {
+        if (request->head != NULL) kro_llist_remove(request);
+        request->orphaned = 1;
+    } else {
+        qel_hspace_request_destroy(&request);
+    }
+}
+
+/* ======================================================================
+ * User events. Reply-image events are raised with the handle's mutex held
+ * by the caller and release it around the callback; notification events
+ * are raised without it. Reader thread only.
+ * ====================================================================== */
+
+static void qel_hspace_dispatch_reply_image_event(t_qel_hspace_request request, t_kro_error error,
+                                                  t_kro_uint4 cardinality, t_kro_uint4 index,
+                                                  t_qel_hspace_object object)
+{
+    t_qel_hspace hspace = request->hspace;
+    t_qel_hspace_reply_image_event_data_struct data;
+    t_qel_hspace_event event =
+        request->opcode == HSPACE_OPCODE_GET ? HSPACE_EVENT_GET_REPLY : HSPACE_EVENT_POST_IMAGE;
+    data.urid = request->urid;
+    data.key = request->key;
+    data.status = error;
+    if (error == 0) {
+        data.cardinality = cardinality;
+        data.index = index;
+        data.object = object;
+    } else {
+        data.cardinality = 0;
+        data.index = 0;
+        data.object = NULL;
+    }
+    qel_hspace_unlock(hspace);
+    hspace->event_handler(hspace, event, &data);
+    qel_hspace_lock(hspace);
+}
+
+static void qel_hspace_dispatch_notification_event(t_qel_hspace hspace, t_kro_byte trigger,
+                                                   t_qel_hspace_object object)
+{
+    t_qel_hspace_post_notification_event_data_struct data;
+    data.trigger = (t_kro_int4)trigger;
+    data.object = object;
+    hspace->event_handler(hspace, HSPACE_EVENT_POST_NOTIFICATION, &data);
+}
+
+/* ======================================================================
+ * Request completion. Called with the handle's mutex held, on the reader
+ * thread. Synchronous records are marked complete, unlinked (a post that
+ * succeeded stays as the subscription) and their waiters woken; their
+ * callers free them. Asynchronous gets and open subscription images end
+ * with a reply-image event.
+ * ====================================================================== */
+
+static void qel_hspace_complete_sync_request(t_qel_hspace_request request, t_kro_error error, t_kro_bool notify,
+                                             t_kro_bool remove)
+{
+    KRO_CHECK(request->sync_ctx != NULL);
+    request->sync_ctx->complete = 1;
+    request->sync_ctx->error = error;
+    if (remove && request->head != NULL) kro_llist_remove(request);
+    if (notify) kro_cond_notifyall(request->hspace->cond);
+}
+
+static void qel_hspace_complete_async_request_with_error(t_qel_hspace_request request, t_kro_error error)
+{
+    qel_hspace_dispatch_reply_image_event(request, error, 0, 0, NULL);
+    qel_hspace_request_end(request);
+}
+
+static void qel_hspace_complete_async_request_with_no_match(t_qel_hspace_request request)
+{
+    qel_hspace_dispatch_reply_image_event(request, 0, 0, 0, NULL);
+    if (request->opcode == HSPACE_OPCODE_POST)
+        request->initial_image_complete = 1;
+    else
+        qel_hspace_request_end(request);
+}
+
+/* Completes request with a status-only answer. */
+static void qel_hspace_complete_request(t_qel_hspace hspace, t_qel_hspace_request request, t_kro_error status)
+{
+    bool sync;
+    if (request->opcode == HSPACE_OPCODE_GET)
+        sync = request->sync_ctx != NULL;
+    else if (request->opcode == HSPACE_OPCODE_POST)
+        sync = !request->sync_ctx->complete;
+    else
+        sync = true;
+
+    if (sync) {
+        bool keep;
+        if (request->opcode == HSPACE_OPCODE_CANCEL) {
+            /* A cancel ends the local subscription whatever its status. A
+             * post still waiting for its own reply is marked instead: its
+             * reply then ends it, and its caller frees it. */
+            t_qel_hspace_request post = qel_hspace_request_get_post(hspace, request->key);
+            if (post != NULL) {
+                if (post->sync_ctx->complete)
+                    qel_hspace_request_end(post);
+                else
+                    post->cancelled = 1;
+            }
+        }
+        keep = request->opcode == HSPACE_OPCODE_POST && status == 0 && !request->cancelled;
+        qel_hspace_complete_sync_request(request, status, 1, keep ? 0 : 1);
+        return;
+    }
+    /* Asynchronous get or subscription. A success reply, or any reply to a
+     * subscription whose image is complete, never answers such a record:
+     * dropped. */
+    if (status == 0) return;
+    if (request->opcode == HSPACE_OPCODE_POST && request->initial_image_complete) return;
+    if (status == KRO_ERR_NO_MATCH)
+        qel_hspace_complete_async_request_with_no_match(request);
+    else
+        qel_hspace_complete_async_request_with_error(request, status);
+}
+
+/* Abandons every outstanding request with status (never 0), oldest first,
+ * then wakes every waiter. The first record is re-read on every pass, so
+ * records freed while a callback runs do not disturb the walk. */
+static void qel_hspace_complete_all_requests(t_qel_hspace hspace, t_kro_error status)
+{
+    t_kro_ptr n;
+    KRO_CHECK(status != 0);
+    while ((n = kro_llist_first(hspace->reqtable)) != NULL) {
+        t_qel_hspace_request request = (t_qel_hspace_request)n;
+        if (request->opcode == HSPACE_OPCODE_POST && request->sync_ctx->complete && request->initial_image_complete)
+            qel_hspace_request_end(request);
+        else
+            qel_hspace_complete_request(hspace, request, status);
+    }
+    kro_cond_notifyall(hspace->cond);
+}
+
+/* ======================================================================
+ * Inbound processing. Reader thread only, one packet at a time; entered
+ * without the mutex. Replies and objects take it for the lookup and
+ * everything after; notifications take no lock. Packets that fit none of
+ * the exchanges the library makes are dropped, and nothing built for them
+ * survives.
+ * ====================================================================== */
+
+/* Builds a library-owned object from a packet with an hspace subheader. */
+static void qel_hspace_object_create_from_packet(t_qel_hspace_packet packet, t_qel_hspace_object *object)
+{
+    t_qel_hspace_object o;
+    t_kro_uint4 data_len;
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_object_struct), object, 0);
+    o = *object;
+    kro_llist_node_init(o);
+    o->user_created = 0;
+    o->key = NULL;
+    qel_hspace_pkt_get_key_from_hspace_subheader(packet->subheaders[HSPACE_BODY_HSPACE], &o->key);
+    data_len = qel_hspace_pkt_get_body_len_from_body(packet->body) - HSPACE_PKT_PREAMBLE_LEN;
+    if (data_len == 0) {
+        o->data.buf = NULL;
+    } else {
+        kro_buf_create(&o->data.buf, data_len, 0);
+        memcpy((t_kro_byte *)o->data.buf->ptr + o->data.buf->pos,
+               (const t_kro_byte *)packet->body + HSPACE_PKT_PREAMBLE_LEN, data_len);
+    }
+}
+
+static void qel_hspace_process_reply(t_qel_hspace hspace, t_qel_hspace_packet packet)
+{
+    t_kro_ptr rr = packet->subheaders[HSPACE_BODY_RR];
+    t_kro_uint4 corrid, count, num;
+    t_kro_bool success;
+    t_kro_error error;
+    t_qel_hspace_request request;
+    if (rr == NULL || !qel_hspace_pkt_is_reply(rr)) return;
+    qel_hspace_pkt_get_reply_info_from_rr_subheader(rr, &corrid, &success, &count, &num, &error);
+    qel_hspace_lock(hspace);
+    request = qel_hspace_request_get_by_corrid(hspace, corrid);
+    if (request != NULL) qel_hspace_complete_request(hspace, request, success ? 0 : error);
+    qel_hspace_unlock(hspace);
+}
+
+static void qel_hspace_process_object(t_qel_hspace hspace, t_qel_hspace_packet packet)
+{
+    t_kro_ptr rr = packet->subheaders[HSPACE_BODY_RR];
+    t_kro_uint4 corrid, count, num;
+    t_kro_bool success;
+    t_kro_error error;
+    t_qel_hspace_request request;
+    t_qel_hspace_object object = NULL;
+    if (rr == NULL || !qel_hspace_pkt_is_reply(rr)) return;
+    qel_hspace_pkt_get_reply_info_from_rr_subheader(rr, &corrid, &success, &count, &num, &error);
+    qel_hspace_lock(hspace);
+    request = qel_hspace_request_get_by_corrid(hspace, corrid);
+    if (request != NULL && request->opcode == HSPACE_OPCODE_GET && request->sync_ctx != NULL) {
+        /* Synchronous get: the caller's list, in arrival order. */
+        qel_hspace_object_create_from_packet(packet, &object);
+        kro_llist_append(request->sync_ctx->replies, object);
+        if (num == count) qel_hspace_complete_sync_request(request, error, 1, 1);
+    } else if (request != NULL && request->opcode == HSPACE_OPCODE_GET) {
+        qel_hspace_object_create_from_packet(packet, &object);
+        qel_hspace_dispatch_reply_image_event(request, 0, count, num, object);
+        if (num == count) qel_hspace_request_end(request);
+    } else if (request != NULL && request->opcode == HSPACE_OPCODE_POST && request->sync_ctx->complete) {
+        /* An active subscription; objects for a post whose own reply has
+         * not arrived are dropped. */
+        qel_hspace_object_create_from_packet(packet, &object);
+        qel_hspace_dispatch_reply_image_event(request, 0, count, num, object);
+        if (num == count) request->initial_image_complete = 1;
+    }
+    qel_hspace_unlock(hspace);
+}
+
+static void qel_hspace_process_notification(t_qel_hspace hspace, t_qel_hspace_packet packet)
+{
+    t_qel_hspace_object object;
+    qel_hspace_object_create_from_packet(packet, &object);
+    qel_hspace_dispatch_notification_event(
+        hspace, qel_hspace_pkt_get_triggers_from_hspace_subheader(packet->subheaders[HSPACE_BODY_HSPACE]), object);
+}
+
+static void qel_hspace_process_packet(t_qel_hspace hspace, t_qel_hspace_packet packet)
+{
+    t_kro_ptr hs = packet->subheaders[HSPACE_BODY_HSPACE];
+    if (qel_hspace_pkt_get_body_type_from_body(packet->body) == HSPACE_BODY_REPLY) {
+        qel_hspace_process_reply(hspace, packet);
+        return;
+    }
+    if (hs == NULL) return;
+    switch (qel_hspace_pkt_get_opcode_from_hspace_subheader(hs)) {
+    case HSPACE_OPCODE_GET:
+    case HSPACE_OPCODE_POST: qel_hspace_process_object(hspace, packet); break;
+    case HSPACE_OPCODE_NOTIFICATION: qel_hspace_process_notification(hspace, packet); break;
+    default: break;
+    }
+}
+
+/* ======================================================================
+ * The reader thread: reads and processes packets while the handle is open,
+ * then ends the connection's life: final state, every outstanding request
+ * completed, the link-failure event, and a destroy asked for from a
+ * callback. It is the only reader of the socket after the handshake.
+ * ====================================================================== */
+
+static void qel_hspace_destroy_final(t_qel_hspace *hspace);
+
+/* Sets the final state and abandons every request. Mutex held. */
+static void qel_hspace_close_final(t_qel_hspace hspace, t_kro_error error, t_qel_hspace_state state)
+{
+    hspace->state.store(state);
+    qel_hspace_complete_all_requests(hspace, error);
+}
+
+static void qel_hspace_reader_entry_point(t_kro_ptr ptr)
+{
+    t_qel_hspace hspace = (t_qel_hspace)ptr;
+    t_kro_error error = 0;
+    t_qel_hspace_state state;
+    while (hspace->state.load() == HSPACE_STATE_OPEN) {
+        t_qel_hspace_packet packet = NULL;
+        error = qel_hspace_read_packet(hspace, &packet);
+        if (error != 0) break;
+        qel_hspace_process_packet(hspace, packet);
+        KRO_CHECK(kro_mm_free(&packet) == 0);
+    }
+    qel_hspace_lock(hspace);
+    state = hspace->state.load();
+    KRO_CHECK(state == HSPACE_STATE_OPEN || state == HSPACE_STATE_CLOSING);
+    if (state == HSPACE_STATE_CLOSING)
+        qel_hspace_close_final(hspace, KRO_ERR_CLOSED, HSPACE_STATE_CLOSED);
+    else
+        qel_hspace_close_final(hspace, error, HSPACE_STATE_FAILED);
+    state = hspace->state.load();
+    qel_hspace_unlock(hspace);
+    if (state == HSPACE_STATE_FAILED) {
+        t_qel_hspace_fail_event_data_struct event_data;
+        event_data.error = error;
+        hspace->event_handler(hspace, HSPACE_EVENT_LINK_FAIL, &event_data);
+    }
+    /* Without a deferred destroy another thread may release the handle as
+     * soon as this thread has ended: touch nothing after this test. */
+    if (hspace->destroy) qel_hspace_destroy_final(&hspace);
+}
+
+/* ======================================================================
+ * The handle's lifecycle: initialize, finalize, create, get_state, open
+ * with its handshake, close, destroy.
+ * ====================================================================== */
+
+extern "C" KRO_API t_kro_error qel_hspace_initialize(t_kro_uint version, t_kro_bool threaded)
+{
+    t_kro_error error;
+    (void)threaded;
+    if (version != QEL_HSPACE_VERSION) return KRO_ERR_VERSION;
+    error = kro_initialize(1);
+    if (error == 0) s_initialized.store(1, std::memory_order_release);
+    return error;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_finalize(void)
+{
+    if (!qel_hspace_is_initialized()) return 0;
+    kro_finalize();
+    s_initialized.store(0, std::memory_order_release);
+    return 0;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_create(t_qel_hspace_create_data create_data,
+                                                 t_qel_hspace_event_handler_func event_handler, t_qel_hspace *hspace)
+{
+    t_qel_hspace h;
+    t_kro_error error;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (create_data == NULL || create_data->service_url == NULL || event_handler == NULL || hspace == NULL)
+        return KRO_ERR_INVALID_ARG;
+    if ((create_data->client_name != NULL && strlen(create_data->client_name) > HSPACE_HANDSHAKE_STR_MAX_LEN) ||
+        (create_data->client_group != NULL && strlen(create_data->client_group) > HSPACE_HANDSHAKE_STR_MAX_LEN))
+        return KRO_ERR_INVALID_ARG;
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_struct), hspace, 1);
+    h = *hspace;
+    new (&h->state) std::atomic<t_qel_hspace_state>(HSPACE_STATE_INIT);
+    kro_str_assign(&h->service_url, create_data->service_url);
+    kro_str_assign(&h->client_name, create_data->client_name != NULL ? create_data->client_name : "anonymous");
+    kro_str_assign(&h->client_group, create_data->client_group != NULL ? create_data->client_group : "default");
+    h->event_handler = event_handler;
+    error = qel_hspace_socket_create(h->service_url, &h->socket);
+    if (error != 0) {
+        qel_hspace_destroy_final(hspace);
+        return error;
+    }
+    kro_llist_create(&h->reqtable);
+    KRO_CHECK(kro_mutex_create(KRO_MT_FAST, &h->mutex) == 0);
+    KRO_CHECK(kro_mutex_create(KRO_MT_FAST, &h->mutex_close) == 0);
+    KRO_CHECK(kro_cond_create(&h->cond) == 0);
+    h->state.store(HSPACE_STATE_INIT);
+    return 0;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_get_state(t_qel_hspace hspace, t_qel_hspace_state *state)
+{
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || state == NULL) return KRO_ERR_INVALID_ARG;
+    *state = hspace->state.load();
+    return 0;
+}
+
+/* Sends the handshake request over the connected socket and decodes the
+ * reply; the name is a new string owned by the caller. Opening thread, no
+ * lock, before the reader thread exists. */
+static t_kro_error qel_hspace_handshake(t_qel_hspace hspace, t_kro_uint2 *service_version, t_kro_uint2 *service_ltp,
+                                        t_kro_str *service_name)
+{
+    t_kro_uint4 bytes_transferred = 0;
+    t_qel_hspace_packet packet = NULL;
+    t_kro_error error;
+    t_kro_buf buf = qel_hspace_pkt_serialize_handshake_request("data", hspace->client_name, hspace->client_group);
+    kro_buf_flip(buf);
+    error = kro_socket_write_single(hspace->socket, buf, &bytes_transferred);
+    kro_buf_release(&buf);
+    if (error != 0) return error;
+    error = qel_hspace_read_packet(hspace, &packet);
+    if (error != 0) return error;
+    error = qel_hspace_pkt_deserialize_handshake_reply(packet->body, service_version, service_ltp, service_name);
+    KRO_CHECK(kro_mm_free(&packet) == 0);
+    return error;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_open(t_qel_hspace hspace)
+{
+    t_kro_error error;
+    t_kro_str name = NULL;
+    t_kro_uint2 version = 0, ltp = 0;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL) return KRO_ERR_INVALID_ARG;
+    if (hspace->state.load() != HSPACE_STATE_INIT) return KRO_ERR_INVALID_STATE;
+    error = kro_socket_connect(hspace->socket);
+    if (error != 0) return error;
+    error = qel_hspace_handshake(hspace, &version, &ltp, &name);
+    if (error != 0) {
+        /* A retried open starts on a fresh socket and a clean stream. */
+        KRO_CHECK(kro_socket_destroy(&hspace->socket) == 0);
+        KRO_CHECK(qel_hspace_socket_create(hspace->service_url, &hspace->socket) == 0);
+        if (hspace->readbuf != NULL) {
+            hspace->readbuf->pos = 0;
+            hspace->readbuf->lim = 0;
+        }
+        return error;
+    }
+    hspace->service_version = version;
+    hspace->service_ltp = ltp;
+    kro_str_assign(&hspace->service_name, name);
+    KRO_CHECK(kro_mm_free(&name) == 0);
+    hspace->state.store(HSPACE_STATE_OPEN);
+    KRO_CHECK(kro_thread_create(qel_hspace_reader_entry_point, hspace, 0, &hspace->reader) == 0);
+    return 0;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_close(t_qel_hspace hspace)
+{
+    t_qel_hspace_state state;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL) return KRO_ERR_INVALID_ARG;
+    state = hspace->state.load();
+    if (state == HSPACE_STATE_CLOSING || state == HSPACE_STATE_CLOSED) return 0;
+    qel_hspace_lock(hspace);
+    state = hspace->state.load();
+    if (state == HSPACE_STATE_OPEN) {
+        hspace->state.store(HSPACE_STATE_CLOSING);
+        if (!qel_hspace_on_reader_thread(hspace)) {
+            /* The reader's blocked read fails, its loop sees the closing
+             * state, and it completes every request with KRO_ERR_CLOSED. */
+            KRO_CHECK(kro_socket_interrupt(hspace->socket) == 0);
+            qel_hspace_unlock(hspace);
+            kro_thread_join(hspace->reader);
+            qel_hspace_lock(hspace);
+        }
+    } else if (state == HSPACE_STATE_INIT || state == HSPACE_STATE_FAILED) {
+        hspace->state.store(HSPACE_STATE_CLOSED);
+    }
+    qel_hspace_unlock(hspace);
+    return 0;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_destroy(t_qel_hspace *hspace)
+{
+    t_qel_hspace h;
+    t_qel_hspace_state state;
+    bool on_reader;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || *hspace == NULL) return KRO_ERR_INVALID_ARG;
+    h = *hspace;
+    state = h->state.load();
+    on_reader = qel_hspace_on_reader_thread(h);
+    if (!(state == HSPACE_STATE_INIT || state == HSPACE_STATE_CLOSED ||
+          (state == HSPACE_STATE_CLOSING && on_reader)))
+        return KRO_ERR_INVALID_STATE;
+    if (state != HSPACE_STATE_INIT && on_reader) {
+        h->destroy = 1;
+        return 0;
+    }
+    qel_hspace_destroy_final(hspace);
+    return 0;
+}
+
+/* Releases the handle and everything it owns, and clears *hspace. Runs on
+ * an application thread (no other thread inside the handle) or as the
+ * reader thread's last act. */
+static void qel_hspace_destroy_final(t_qel_hspace *hspace)
+{
+    t_qel_hspace h = *hspace;
+    if (h->reader != NULL) {
+        kro_thread_join(h->reader);
+        KRO_CHECK(kro_thread_destroy(&h->reader) == 0);
+    }
+    if (h->socket != NULL) KRO_CHECK(kro_socket_destroy(&h->socket) == 0);
+    if (h->mutex != NULL) KRO_CHECK(kro_mutex_destroy(&h->mutex) == 0);
+    if (h->mutex_close != NULL) KRO_CHECK(kro_mutex_destroy(&h->mutex_close) == 0);
+    if (h->cond != NULL) KRO_CHECK(kro_cond_destroy(&h->cond) == 0);
+    if (h->reqtable != NULL) kro_llist_destroy(&h->reqtable);
+    if (h->readbuf != NULL) kro_buf_release(&h->readbuf);
+    if (h->service_url != NULL) KRO_CHECK(kro_mm_free(&h->service_url) == 0);
+    if (h->service_name != NULL) KRO_CHECK(kro_mm_free(&h->service_name) == 0);
+    if (h->client_name != NULL) KRO_CHECK(kro_mm_free(&h->client_name) == 0);
+    if (h->client_group != NULL) KRO_CHECK(kro_mm_free(&h->client_group) == 0);
+    h->state.~atomic();
+    KRO_CHECK(kro_mm_free(hspace) == 0);
+}
+
+/* ======================================================================
+ * Objects. No lock: an object belongs to one thread at a time.
+ * ====================================================================== */
+
+extern "C" KRO_API t_kro_error qel_hspace_object_create(t_kro_str key, t_kro_ptr data, t_qel_hspace_object *object)
+{
+    t_qel_hspace_object o;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (key == NULL || object == NULL) return KRO_ERR_INVALID_ARG;
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_object_struct), object, 0);
+    o = *object;
+    kro_llist_node_init(o);
+    o->user_created = 1;
+    o->key = key;
+    o->data.buf = (t_kro_buf)data;
+    return 0;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_object_get_key(t_qel_hspace_object object, t_kro_str *key)
+{
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (object == NULL || key == NULL) return KRO_ERR_INVALID_ARG;
+    *key = object->key;
+    return 0;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_object_get_data(t_qel_hspace_object object, t_kro_ptr *data)
+{
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (object == NULL || data == NULL) return KRO_ERR_INVALID_ARG;
+    *data = object->data.buf;
+    return 0;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_object_destroy(t_qel_hspace_object *object)
+{
+    t_qel_hspace_object o;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (object == NULL || *object == NULL) return KRO_ERR_INVALID_ARG;
+    o = *object;
+    if (!o->user_created) {
+        if (o->key != NULL) KRO_CHECK(kro_mm_free(&o->key) == 0);
+        if (o->data.buf != NULL) kro_buf_release(&o->data.buf);
+    }
+    KRO_CHECK(kro_mm_free(object) == 0);
+    return 0;
+}
+
+/* ======================================================================
+ * Data operations. Checks run without the lock in a fixed order: 7, then
+ * 12, then 14, then 13, then 23. The mutex is then held to the return,
+ * across the one socket write, and released only while a synchronous caller
+ * waits for its completion.
+ * ====================================================================== */
+
+/* A key the wire can carry: at most 65535 bytes. */
+static bool qel_hspace_key_ok(t_kro_str key)
+{
+    return strnlen(key, HSPACE_KEY_MAX_LEN + 1) <= HSPACE_KEY_MAX_LEN;
+}
+
+/* The state and reader-thread checks that close every operation's
+ * unlocked checks. */
+static t_kro_error qel_hspace_check_open(t_qel_hspace hspace)
+{
+    if (hspace->state.load() != HSPACE_STATE_OPEN) return KRO_ERR_INVALID_STATE;
+    if (qel_hspace_on_reader_thread(hspace)) return KRO_ERR_WOULD_DEADLOCK;
+    return 0;
+}
+
+/* Flips buf and sends it with one write. Mutex held. */
+static t_kro_error qel_hspace_send(t_qel_hspace hspace, t_kro_buf buf)
+{
+    t_kro_uint4 bytes_transferred = 0;
+    kro_buf_flip(buf);
+    return kro_socket_write_single(hspace->socket, buf, &bytes_transferred);
+}
+
+/* Waits for a synchronous record whose packet went out, then checks that
+ * no object was filed under it (only gets receive objects). Mutex held. */
+static t_kro_error qel_hspace_wait_status(t_qel_hspace_request request)
+{
+    t_kro_error error = qel_hspace_request_reply_wait(request);
+    KRO_CHECK(request->sync_ctx->replies->num_elements == 0);
+    return error;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_put(t_qel_hspace hspace, t_qel_hspace_object object,
+                                              t_qel_hspace_put_semantic semantic, t_kro_int4 flags)
+{
+    t_kro_error error;
+    t_qel_hspace_request request = NULL;
+    t_kro_buf buf;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || object == NULL || object->key == NULL) return KRO_ERR_INVALID_ARG;
+    if (semantic != HSPACE_PUT_SYNC && semantic != HSPACE_PUT_PIPELINED && semantic != HSPACE_PUT_NOREPLY)
+        return KRO_ERR_INVALID_ARG;
+    if (!qel_hspace_key_ok(object->key)) return KRO_ERR_INVALID_ARG;
+    if (object->data.buf != NULL &&
+        (object->data.buf->pos > object->data.buf->lim ||
+         object->data.buf->lim - object->data.buf->pos >
+             HSPACE_PKT_MAX_LEN - (86 + (t_kro_uint4)strlen(object->key))))
+        return KRO_ERR_INVALID_ARG;
+    if (semantic == HSPACE_PUT_PIPELINED) return KRO_ERR_NOT_SUPPORTED;
+    if ((error = qel_hspace_check_open(hspace)) != 0) return error;
+
+    qel_hspace_lock(hspace);
+    if (hspace->state.load() != HSPACE_STATE_OPEN) {
+        qel_hspace_unlock(hspace);
+        return KRO_ERR_INVALID_STATE;
+    }
+    if (semantic != HSPACE_PUT_NOREPLY)
+        request = qel_hspace_request_create(hspace, HSPACE_OPCODE_PUT, object->key, NULL, NULL, 0, 0, NULL);
+    buf = qel_hspace_pkt_serialize_put_request(hspace, object, semantic, flags, request ? request->corrid : 0);
+    if (request != NULL) request->buf = buf;
+    error = qel_hspace_send(hspace, buf);
+    if (error == 0 && semantic == HSPACE_PUT_SYNC) error = qel_hspace_wait_status(request);
+    if (request == NULL)
+        kro_buf_release(&buf);
+    else
+        qel_hspace_request_destroy(&request);
+    qel_hspace_unlock(hspace);
+    return error;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_get(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
+                                              t_qel_hspace_get_semantic semantic, t_kro_int4 timeout,
+                                              t_kro_int4 flags, t_kro_llist objects)
+{
+    t_kro_error error;
+    t_qel_hspace_request request;
+    bool sync = semantic == HSPACE_GET_SYNC;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || key == NULL) return KRO_ERR_INVALID_ARG;
+    if (semantic != HSPACE_GET_SYNC && semantic != HSPACE_GET_ASYNC) return KRO_ERR_INVALID_ARG;
+    if (sync && (objects == NULL || objects->read_only)) return KRO_ERR_INVALID_ARG;
+    if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
+    if (timeout != 0) return KRO_ERR_NOT_SUPPORTED;
+    if ((error = qel_hspace_check_open(hspace)) != 0) return error;
+
+    qel_hspace_lock(hspace);
+    if (hspace->state.load() != HSPACE_STATE_OPEN) {
+        qel_hspace_unlock(hspace);
+        return KRO_ERR_INVALID_STATE;
+    }
+    request = qel_hspace_request_create(hspace, HSPACE_OPCODE_GET, key, urid, NULL, sync ? 0 : 1, sync ? 0 : 1,
+                                        sync ? objects : NULL);
+    request->buf = qel_hspace_pkt_serialize_get_request(hspace, key, semantic, timeout, flags, request->corrid);
+    error = qel_hspace_send(hspace, request->buf);
+    if (error == 0 && sync) {
+        error = qel_hspace_request_reply_wait(request);
+        if (error == KRO_ERR_NO_MATCH) error = 0;
+    }
+    if (error != 0 || sync) qel_hspace_request_destroy(&request);
+    qel_hspace_unlock(hspace);
+    return error;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_post(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
+                                               t_qel_hspace_post_semantic semantic, t_kro_byte triggers,
+                                               t_kro_int4 flags)
+{
+    t_kro_error error;
+    t_qel_hspace_request request;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || key == NULL || semantic != HSPACE_POST_SYNC) return KRO_ERR_INVALID_ARG;
+    if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
+    if ((error = qel_hspace_check_open(hspace)) != 0) return error;
+
+    qel_hspace_lock(hspace);
+    if (qel_hspace_request_get_post(hspace, key) != NULL) {
+        qel_hspace_unlock(hspace);
+        return KRO_ERR_EXISTS;
+    }
+    if (hspace->state.load() != HSPACE_STATE_OPEN) {
+        qel_hspace_unlock(hspace);
+        return KRO_ERR_INVALID_STATE;
+    }
+    request = qel_hspace_request_create(hspace, HSPACE_OPCODE_POST, key, urid, NULL, 1, 0, NULL);
+    request->initial_image_complete = (flags & HSPACE_POST_FLAG_NO_IMAGE) ? 1 : 0;
+    request->buf = qel_hspace_pkt_serialize_post_request(hspace, key, semantic, triggers, flags, request->corrid);
+    error = qel_hspace_send(hspace, request->buf);
+    if (error == 0) error = qel_hspace_wait_status(request);
+    /* The status is read: from now on the reader thread may free the
+     * subscription itself. A record it ended meanwhile (orphaned), or one
+     * a cancel overtook (no longer linked), is ours to free. */
+    request->caller_waiting = 0;
+    if (error != 0 || request->orphaned || request->head == NULL) qel_hspace_request_destroy(&request);
+    qel_hspace_unlock(hspace);
+    return error;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_cancel(t_qel_hspace hspace, t_kro_str key,
+                                                 t_qel_hspace_cancel_semantic semantic, t_kro_int4 flags)
+{
+    t_kro_error error;
+    t_qel_hspace_request request;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || key == NULL || semantic != HSPACE_CANCEL_SYNC) return KRO_ERR_INVALID_ARG;
+    if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
+    if ((error = qel_hspace_check_open(hspace)) != 0) return error;
+
+    qel_hspace_lock(hspace);
+    if (hspace->state.load() != HSPACE_STATE_OPEN) {
+        qel_hspace_unlock(hspace);
+        return KRO_ERR_INVALID_STATE;
+    }
+    request = qel_hspace_request_create(hspace, HSPACE_OPCODE_CANCEL, key, NULL, NULL, 0, 0, NULL);
+    request->buf =
+        qel_hspace_pkt_serialize_cancel_request(hspace, HSPACE_OPCODE_CANCEL, key, semantic, flags, request->corrid);
+    error = qel_hspace_send(hspace, request->buf);
+    if (error == 0) error = qel_hspace_wait_status(request);
+    qel_hspace_request_destroy(&request);
+    qel_hspace_unlock(hspace);
+    return error;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_remove(t_qel_hspace hspace, t_kro_str key,
+                                                 t_qel_hspace_remove_semantic semantic, t_kro_int4 flags)
+{
+    t_kro_error error;
+    t_qel_hspace_request request = NULL;
+    t_kro_buf buf;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || key == NULL) return KRO_ERR_INVALID_ARG;
+    if (semantic != HSPACE_REMOVE_SYNC && semantic != HSPACE_REMOVE_NOREPLY) return KRO_ERR_INVALID_ARG;
+    if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
+    if ((error = qel_hspace_check_open(hspace)) != 0) return error;
+
+    qel_hspace_lock(hspace);
+    if (hspace->state.load() != HSPACE_STATE_OPEN) {
+        qel_hspace_unlock(hspace);
+        return KRO_ERR_INVALID_STATE;
+    }
+    if (semantic == HSPACE_REMOVE_SYNC)
+        request = qel_hspace_request_create(hspace, HSPACE_OPCODE_REMOVE, key, NULL, NULL, 0, 0, NULL);
+    buf = qel_hspace_pkt_serialize_remove_request(hspace, key, semantic, flags, request ? request->corrid : 0);
+    if (request != NULL) request->buf = buf;
+    error = qel_hspace_send(hspace, buf);
+    if (error == 0 && request != NULL) error = qel_hspace_wait_status(request);
+    if (request == NULL)
+        kro_buf_release(&buf);
+    else
+        qel_hspace_request_destroy(&request);
+    qel_hspace_unlock(hspace);
+    return error;
+}

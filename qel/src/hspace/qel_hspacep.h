@@ -1,0 +1,134 @@
+/*
+ * qel_hspacep.h - private structures of the hspace client library: the
+ * received packet, the request record with its wait context, the object and
+ * the connection handle. Only qel_hspace.cpp (and white-box tests that
+ * include it) see these.
+ */
+#ifndef QEL_HSPACEP_H
+#define QEL_HSPACEP_H
+
+#include <atomic>
+
+#include "kro.h"
+#include "kro_buf.h"
+#include "kro_cond.h"
+#include "kro_llist.h"
+#include "kro_mutex.h"
+#include "kro_socket.h"
+#include "kro_thread.h"
+#include "qel_hspace.h"
+
+/* Wire constants. */
+#define HSPACE_PKT_MAGIC 0xBADCADu      /* first three header bytes */
+#define HSPACE_PKT_VERSION 0x01u        /* fourth header byte */
+#define HSPACE_PKT_HEADER_LEN 32u       /* bytes of the packet header */
+#define HSPACE_PKT_PREAMBLE_LEN 8u      /* bytes of a section preamble */
+#define HSPACE_PKT_RR_LEN 24u           /* bytes of an rr subheader section */
+#define HSPACE_PKT_HSPACE_FIXED_LEN 22u /* bytes of an hspace subheader before its key */
+#define HSPACE_PKT_MAX_LEN (1u << 30)   /* largest packet accepted from the peer: 1 GiB */
+#define HSPACE_PKT_READBUF_SIZE 8192u   /* initial size of a handle's read buffer */
+#define HSPACE_KEY_MAX_LEN 65535u       /* longest key the 16-bit length field carries */
+#define HSPACE_HANDSHAKE_STR_MAX_LEN 32767u /* longest handshake string (signed 16-bit length) */
+#define HSPACE_CORRID_MAX 0x40000000u   /* correlation ids run 1..this, then wrap to 1 */
+#define HSPACE_SUBHEADER_SLOTS 5        /* subheader types 0..4 are kept */
+
+/* Section and body types. */
+#define HSPACE_BODY_RR 1
+#define HSPACE_BODY_HSPACE 4
+#define HSPACE_BODY_OBJECT 257
+#define HSPACE_BODY_REQUEST 259
+#define HSPACE_BODY_REPLY 260
+#define HSPACE_BODY_HANDSHAKE_REQUEST 321
+#define HSPACE_BODY_HANDSHAKE_REPLY 322
+
+/* Opcodes, on the wire and in request records. */
+#define HSPACE_OPCODE_PUT 1
+#define HSPACE_OPCODE_GET 2
+#define HSPACE_OPCODE_POST 4
+#define HSPACE_OPCODE_CANCEL 5
+#define HSPACE_OPCODE_REMOVE 6
+#define HSPACE_OPCODE_NOTIFICATION 7
+
+/* Wire values of the semantic byte. */
+#define HSPACE_WIRE_SEMANTIC_SYNC 1
+#define HSPACE_WIRE_SEMANTIC_ASYNC 3
+#define HSPACE_WIRE_SEMANTIC_NOREPLY 4
+
+/* One received packet: pointers into the handle's read buffer, valid until
+ * the next read on the handle. Owned by the caller of the reader, freed
+ * with one kro_mm_free. */
+struct qel_hspace_packet {
+    t_kro_llist_node next;                        /* list links, unused */
+    t_kro_llist_node prev;
+    t_kro_llist head;
+    t_kro_ptr header;                             /* first byte of the packet */
+    t_kro_ptr subheaders[HSPACE_SUBHEADER_SLOTS]; /* slot i: subheader of type i, or null */
+    t_kro_ptr body;                               /* the body section, at its preamble */
+};
+typedef struct qel_hspace_packet *t_qel_hspace_packet;
+
+/* Wait context of a synchronous request; guarded by the handle's mutex. */
+struct qel_hspace_request_sync_ctx_struct {
+    t_kro_bool complete;        /* set once the request is completed; never cleared */
+    t_kro_error error;          /* completion status */
+    t_kro_bool user_reply_list; /* replies is the caller's list, not ours to free */
+    t_kro_llist replies;        /* objects answering a synchronous get */
+};
+typedef struct qel_hspace_request_sync_ctx_struct *t_qel_hspace_request_sync_ctx;
+
+/* One outstanding request; every field is guarded by the handle's mutex. */
+struct qel_hspace_request {
+    t_kro_llist_node next;            /* list links: the handle's reqtable */
+    t_kro_llist_node prev;
+    t_kro_llist head;                 /* the reqtable, or null when unlinked */
+    struct qel_hspace_struct *hspace; /* the owning handle */
+    t_kro_byte opcode;                /* HSPACE_OPCODE_ of the request */
+    t_kro_buf buf;                    /* the encoded packet; one reference held */
+    t_kro_uint4 corrid;               /* correlation id in the rr subheader */
+    t_kro_ptr urid;                   /* the application's request id, never dereferenced */
+    t_kro_bool dup_key;               /* key is our own copy */
+    t_kro_str key;                    /* the key the request is about */
+    t_kro_bool initial_image_complete; /* post: no further image object expected */
+    t_qel_hspace_request_sync_ctx sync_ctx; /* null exactly for an asynchronous get */
+    t_kro_bool caller_waiting;        /* the calling thread has not yet read the status */
+    t_kro_bool orphaned;              /* ended while caller_waiting: the caller frees it */
+    t_kro_bool cancelled;             /* post overtaken by a cancel before its own reply */
+};
+typedef struct qel_hspace_request *t_qel_hspace_request;
+
+/* A keyed object. Application-made objects borrow key and buffer; library-
+ * made objects own both. */
+struct qel_hspace_object_struct {
+    t_kro_llist_node next;    /* list links (a synchronous get's result list) */
+    t_kro_llist_node prev;
+    t_kro_llist head;
+    t_kro_bool user_created;  /* 1: made by qel_hspace_object_create */
+    t_kro_str key;            /* the key */
+    union {
+        t_kro_buf buf;        /* the value is [pos, lim) of it; null for none */
+    } data;
+};
+
+/* The connection handle. Fields marked "mutex" are guarded by mutex; the
+ * others are set before the reader thread starts or belong to one thread. */
+struct qel_hspace_struct {
+    t_kro_str service_url;     /* our copy of the creation URL */
+    t_kro_str service_name;    /* from the handshake reply; null until open */
+    t_kro_uint2 service_version; /* from the handshake reply */
+    t_kro_uint2 service_ltp;   /* from the handshake reply; dport of every request */
+    t_kro_str client_name;     /* our copy, "anonymous" by default */
+    t_kro_str client_group;    /* our copy, "default" by default */
+    t_qel_hspace_event_handler_func event_handler; /* set once by create */
+    t_kro_socket socket;       /* the client socket */
+    t_kro_buf readbuf;         /* received bytes; reader thread (or open) only */
+    t_kro_uint4 sno;           /* mutex: last correlation id drawn */
+    t_kro_llist reqtable;      /* mutex: outstanding requests, oldest first */
+    t_kro_thread reader;       /* the reader thread; null until open */
+    t_kro_mutex mutex;         /* the handle's one lock */
+    t_kro_mutex mutex_close;   /* created and destroyed, never locked */
+    t_kro_cond cond;           /* mutex: every synchronous waiter waits here */
+    t_kro_bool destroy;        /* reader thread only: release the handle as its last act */
+    std::atomic<t_qel_hspace_state> state; /* written under mutex (or before the reader starts), read anywhere */
+};
+
+#endif /* QEL_HSPACEP_H */

@@ -1,0 +1,67 @@
+/*
+ * kro_socket.h - TCP client sockets of the kro runtime (BSD sockets).
+ * Internal to the library: not installed, not exported.
+ *
+ * One socket may be read by one thread while other threads write to it
+ * (writes are serialised by the caller) and another thread interrupts it.
+ */
+#ifndef KRO_SOCKET_H
+#define KRO_SOCKET_H
+
+#include "kro.h"
+#include "kro_buf.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct kro_socket *t_kro_socket;
+
+typedef struct kro_socket_device_client_create_data_struct {
+    t_kro_str local_ifaddr;   /* local address to bind; "0.0.0.0" (or null) binds nothing */
+    t_kro_ushort local_port;  /* local port; 0 for any */
+    t_kro_str remote_ifaddr;  /* host name or numeric address of the peer; "" means loopback */
+    t_kro_ushort remote_port; /* port of the peer */
+} t_kro_socket_device_client_create_data_struct;
+
+struct kro_socket_client_create_data {
+    t_kro_socket_device_client_create_data_struct device_create_data;
+};
+typedef struct kro_socket_client_create_data *t_kro_socket_client_create_data;
+
+/* Creates an unconnected client socket into *socket. On success the socket
+ * owns create_data (both strings and the record, all allocated with
+ * kro_mm_alloc) and frees it in kro_socket_destroy at the latest; on
+ * failure the caller still owns it. */
+t_kro_error kro_socket_client_create(t_kro_socket_client_create_data create_data,
+                                     t_kro_socket *socket);
+
+/* Resolves the remote address and connects, blocking; disables Nagle's
+ * algorithm. KRO_ERR_HOST_NOT_FOUND, KRO_ERR_CONN_REFUSED or KRO_ERR_NET on
+ * failure; a failed socket may be connected again. */
+t_kro_error kro_socket_connect(t_kro_socket socket);
+
+/* Blocks until at least one byte has arrived, stores at most lim - pos
+ * bytes at ptr + pos, advances pos and stores the count. Never succeeds
+ * with 0 bytes: the peer's orderly close is KRO_ERR_PEER_CLOSED, a read
+ * interrupted by kro_socket_interrupt is KRO_ERR_INTERRUPTED, anything else
+ * KRO_ERR_NET. A buffer without free space is KRO_ERR_INVALID_ARG. */
+t_kro_error kro_socket_read(t_kro_socket socket, t_kro_buf buf, t_kro_uint4 *bytes_transferred);
+
+/* Sends every byte of [pos, lim) (retrying partial writes and EINTR),
+ * never raising SIGPIPE; 0 means all were sent. pos is left unchanged. */
+t_kro_error kro_socket_write_single(t_kro_socket socket, t_kro_buf buf,
+                                    t_kro_uint4 *bytes_transferred);
+
+/* Makes a read blocked in another thread return KRO_ERR_INTERRUPTED
+ * promptly; later reads fail the same way. */
+t_kro_error kro_socket_interrupt(t_kro_socket socket);
+
+/* Closes and frees the socket with its create data, and clears *socket. */
+t_kro_error kro_socket_destroy(t_kro_socket *socket);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KRO_SOCKET_H */
