@@ -1,0 +1,236 @@
+/*
+ * kro_socket.cpp - TCP client sockets over BSD sockets.
+ *
+ * One thread reads, callers serialise their writes, and any thread may
+ * interrupt. fd and interrupted are the only fields shared between those
+ * threads and are atomic; fd is set only once a connect has succeeded, so
+ * an interrupt never sees a half-made socket.
+ */
+#include <errno.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <new>
+
+#include "kro_private.h"
+#include "kro_socket.h"
+
+struct kro_socket {
+    t_kro_socket_client_create_data create_data; /* addresses; owned, freed in destroy */
+    std::atomic<int> fd{-1};                     /* connected descriptor, -1 when not connected */
+    std::atomic<bool> interrupted{false};        /* set by kro_socket_interrupt, never cleared */
+};
+
+t_kro_error kro_socket_client_create(t_kro_socket_client_create_data create_data,
+                                     t_kro_socket *socket)
+{
+    t_kro_socket s;
+    if (create_data == NULL || socket == NULL) return KRO_ERR_INVALID_ARG;
+    if (create_data->device_create_data.remote_ifaddr == NULL) return KRO_ERR_INVALID_ARG;
+    s = new (std::nothrow) kro_socket;
+    if (s == NULL) {
+        kro_em_os_error_set(ENOMEM);
+        return KRO_ERR_NO_MEMORY;
+    }
+    s->create_data = create_data;
+    *socket = s;
+    return 0;
+}
+
+/* Connects fd to addr, finishing a connect that a signal interrupted.
+ * Returns 0 or the errno value of the failure. */
+static int kro_socket_connect_fd(int fd, const struct sockaddr *addr, socklen_t addrlen)
+{
+    struct pollfd pfd;
+    socklen_t len = sizeof(int);
+    int err = 0;
+    if (connect(fd, addr, addrlen) == 0) return 0;
+    if (errno != EINTR) return errno;
+    pfd.fd = fd;
+    pfd.events = POLLOUT;
+    while (poll(&pfd, 1, -1) < 0) {
+        if (errno != EINTR) return errno;
+    }
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) return errno;
+    return err;
+}
+
+/* Binds fd to the local address of the create data, of the given family.
+ * Returns 0 or the errno value (or resolver code) of the failure. */
+static int kro_socket_bind_local(int fd, int family, t_kro_str ifaddr, t_kro_ushort port)
+{
+    struct addrinfo hints;
+    struct addrinfo *res = NULL;
+    char service[8];
+    int rc;
+    memset(&hints, 0, sizeof hints);
+    hints.ai_family = family;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE;
+    snprintf(service, sizeof service, "%u", (unsigned)port);
+    rc = getaddrinfo(ifaddr, service, &hints, &res);
+    if (rc != 0) return rc == EAI_SYSTEM ? errno : rc;
+    rc = bind(fd, res->ai_addr, res->ai_addrlen) == 0 ? 0 : errno;
+    freeaddrinfo(res);
+    return rc;
+}
+
+/* Resolves the remote host and tries each of its addresses in turn. On
+ * failure no descriptor stays open; the result follows the last attempt. */
+t_kro_error kro_socket_connect(t_kro_socket socket)
+{
+    t_kro_socket_device_client_create_data_struct *data;
+    struct addrinfo hints;
+    struct addrinfo *res = NULL;
+    struct addrinfo *ai;
+    t_kro_str node;
+    t_kro_str local = NULL;
+    char service[8];
+    int one = 1;
+    int last = ECONNREFUSED;
+    int fd = -1;
+    int rc;
+    if (socket == NULL) return KRO_ERR_INVALID_ARG;
+    if (socket->fd.load() >= 0) {
+        kro_em_net_error_set(EISCONN);
+        return KRO_ERR_NET;
+    }
+    data = &socket->create_data->device_create_data;
+    node = data->remote_ifaddr[0] != '\0' ? data->remote_ifaddr : NULL;
+    if (data->local_ifaddr != NULL && data->local_ifaddr[0] != '\0' &&
+        strcmp(data->local_ifaddr, "0.0.0.0") != 0)
+        local = data->local_ifaddr;
+    memset(&hints, 0, sizeof hints);
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    snprintf(service, sizeof service, "%u", (unsigned)data->remote_port);
+    rc = getaddrinfo(node, service, &hints, &res);
+    if (rc != 0) {
+        kro_em_net_error_set(rc == EAI_SYSTEM ? errno : rc);
+        return KRO_ERR_HOST_NOT_FOUND;
+    }
+    for (ai = res; ai != NULL; ai = ai->ai_next) {
+        fd = ::socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC, ai->ai_protocol);
+        if (fd < 0) {
+            last = errno;
+            continue;
+        }
+        last = 0;
+        if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0) last = errno;
+        if (last == 0 && (local != NULL || data->local_port != 0))
+            last = kro_socket_bind_local(fd, ai->ai_family, local, data->local_port);
+        if (last == 0) last = kro_socket_connect_fd(fd, ai->ai_addr, ai->ai_addrlen);
+        if (last == 0) break;
+        close(fd);
+        fd = -1;
+    }
+    freeaddrinfo(res);
+    if (fd < 0) {
+        kro_em_net_error_set(last);
+        return last == ECONNREFUSED ? KRO_ERR_CONN_REFUSED : KRO_ERR_NET;
+    }
+    socket->fd.store(fd);
+    /* An interrupt that came before the store saw no descriptor to shut. */
+    if (socket->interrupted.load()) shutdown(fd, SHUT_RDWR);
+    return 0;
+}
+
+/* One recv into [pos, lim) of buf; the reader thread only. */
+t_kro_error kro_socket_read(t_kro_socket socket, t_kro_buf buf, t_kro_uint4 *bytes_transferred)
+{
+    ssize_t n;
+    int fd;
+    if (socket == NULL || buf == NULL || bytes_transferred == NULL) return KRO_ERR_INVALID_ARG;
+    *bytes_transferred = 0;
+    if (buf->pos >= buf->lim) return KRO_ERR_INVALID_ARG;
+    if (socket->interrupted.load()) return KRO_ERR_INTERRUPTED;
+    fd = socket->fd.load();
+    if (fd < 0) return KRO_ERR_NOT_CONNECTED;
+    do {
+        n = recv(fd, (t_kro_byte *)buf->ptr + buf->pos, buf->lim - buf->pos, 0);
+    } while (n < 0 && errno == EINTR);
+    if (n > 0) {
+        buf->pos += (t_kro_uint4)n;
+        *bytes_transferred = (t_kro_uint4)n;
+        return 0;
+    }
+    if (n < 0) kro_em_net_error_set(errno);
+    if (socket->interrupted.load()) return KRO_ERR_INTERRUPTED;
+    return n == 0 ? KRO_ERR_PEER_CLOSED : KRO_ERR_NET;
+}
+
+/* Sends [pos, lim) of buf completely; writers are serialised by the caller.
+ * The count stores the bytes sent, also on failure. */
+t_kro_error kro_socket_write_single(t_kro_socket socket, t_kro_buf buf,
+                                    t_kro_uint4 *bytes_transferred)
+{
+    const t_kro_byte *p;
+    t_kro_uint4 total = 0;
+    t_kro_uint4 length;
+    ssize_t n;
+    int fd;
+    if (socket == NULL || buf == NULL || bytes_transferred == NULL) return KRO_ERR_INVALID_ARG;
+    *bytes_transferred = 0;
+    if (buf->pos > buf->lim) return KRO_ERR_INVALID_ARG;
+    fd = socket->fd.load();
+    if (fd < 0) return KRO_ERR_NOT_CONNECTED;
+    p = (const t_kro_byte *)buf->ptr + buf->pos;
+    length = buf->lim - buf->pos;
+    while (total < length) {
+        n = send(fd, p + total, length - total, MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            kro_em_net_error_set(errno);
+            *bytes_transferred = total;
+            return socket->interrupted.load() ? KRO_ERR_INTERRUPTED : KRO_ERR_NET;
+        }
+        total += (t_kro_uint4)n;
+    }
+    *bytes_transferred = total;
+    return 0;
+}
+
+/* Marks the socket interrupted and shuts the connection down both ways,
+ * which wakes a recv blocked on another thread. Sticky: later reads fail
+ * with KRO_ERR_INTERRUPTED. 0 also when not connected. */
+t_kro_error kro_socket_interrupt(t_kro_socket socket)
+{
+    int fd;
+    if (socket == NULL) return KRO_ERR_INVALID_ARG;
+    socket->interrupted.store(true);
+    fd = socket->fd.load();
+    if (fd >= 0 && shutdown(fd, SHUT_RDWR) != 0 && errno != ENOTCONN) {
+        kro_em_net_error_set(errno);
+        return KRO_ERR_NET;
+    }
+    return 0;
+}
+
+/* Closes the descriptor, frees the create data and the record, clears
+ * *socket. No other thread may use the socket any more. */
+t_kro_error kro_socket_destroy(t_kro_socket *socket)
+{
+    t_kro_socket s;
+    t_kro_socket_client_create_data data;
+    int fd;
+    if (socket == NULL || *socket == NULL) return KRO_ERR_INVALID_ARG;
+    s = *socket;
+    fd = s->fd.exchange(-1);
+    if (fd >= 0 && close(fd) != 0) kro_em_net_error_set(errno);
+    data = s->create_data;
+    if (data->device_create_data.remote_ifaddr != NULL)
+        kro_mm_free(&data->device_create_data.remote_ifaddr);
+    if (data->device_create_data.local_ifaddr != NULL)
+        kro_mm_free(&data->device_create_data.local_ifaddr);
+    kro_mm_free(&data);
+    delete s;
+    *socket = NULL;
+    return 0;
+}
