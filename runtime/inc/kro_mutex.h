@@ -21,7 +21,8 @@ typedef enum kro_mutex_type {
     KRO_MT_SPINLOCK = 2
 } t_kro_mutex_type;
 
-/* Creates a mutex into *mutex; 0 or KRO_ERR_OS / KRO_ERR_INVALID_ARG. */
+/* Creates a mutex into *mutex; 0, or KRO_ERR_OS, KRO_ERR_NO_MEMORY or
+ * KRO_ERR_INVALID_ARG. */
 t_kro_error kro_mutex_create(t_kro_mutex_type type, t_kro_mutex *mutex);
 /* Blocks until the calling thread owns the mutex. */
 t_kro_error kro_mutex_lock(t_kro_mutex mutex);
