@@ -1,0 +1,466 @@
+/*
+ * fake_service.cpp - the scriptable fake hspace service of the tests.
+ *
+ * Sockets are non-blocking; every wait is a poll() on the socket and the
+ * service's stop pipe, bounded by the caller's watchdog. Sends use
+ * MSG_NOSIGNAL, so a vanished client never raises SIGPIPE.
+ */
+#include "fake_service.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+
+#include <gtest/gtest.h>
+
+namespace hspace {
+namespace test {
+
+using Clock = std::chrono::steady_clock;
+
+class StopSignal {
+public:
+    StopSignal()
+    {
+        if (pipe2(fds_, O_CLOEXEC | O_NONBLOCK) != 0) {
+            ADD_FAILURE() << "fake service: pipe2: " << strerror(errno);
+            fds_[0] = fds_[1] = -1;
+        }
+    }
+    ~StopSignal()
+    {
+        if (fds_[0] >= 0) ::close(fds_[0]);
+        if (fds_[1] >= 0) ::close(fds_[1]);
+    }
+    StopSignal(const StopSignal &) = delete;
+    StopSignal &operator=(const StopSignal &) = delete;
+
+    // Makes fd() readable for good. Any thread.
+    void raise()
+    {
+        if (raised_.exchange(true) || fds_[1] < 0) return;
+        char byte = 0;
+        if (write(fds_[1], &byte, 1) != 1) ADD_FAILURE() << "fake service: stop write failed";
+    }
+    int fd() const { return fds_[0]; }
+
+private:
+    int fds_[2];                               // pipe: read end polled, write end raised
+    std::atomic<bool> raised_{false};          // raise() was called
+};
+
+namespace {
+
+enum class Wait { Ready, Timeout, Stopped };
+
+// Waits until fd reports one of events, the stop signal is raised, or the
+// deadline passes.
+Wait wait_for(int fd, short events, Clock::time_point deadline, const StopSignal &stop)
+{
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() < 0) return Wait::Timeout;
+        struct pollfd fds[2] = {{fd, events, 0}, {stop.fd(), POLLIN, 0}};
+        int n = poll(fds, 2, static_cast<int>(left.count()) + 1);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            ADD_FAILURE() << "fake service: poll: " << strerror(errno);
+            return Wait::Stopped;
+        }
+        if (fds[1].revents != 0) return Wait::Stopped;
+        if (fds[0].revents != 0) return Wait::Ready;
+    }
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// FakeConnection
+
+FakeConnection::FakeConnection(int fd, std::shared_ptr<StopSignal> stop, std::chrono::milliseconds watchdog)
+    : fd_(fd), stop_(std::move(stop)), watchdog_(watchdog)
+{
+}
+
+FakeConnection::~FakeConnection()
+{
+    close();
+}
+
+FakeConnection::FakeConnection(FakeConnection &&other) noexcept
+{
+    *this = std::move(other);
+}
+
+FakeConnection &FakeConnection::operator=(FakeConnection &&other) noexcept
+{
+    if (this != &other) {
+        close();
+        fd_ = other.fd_;
+        other.fd_ = -1;
+        stop_ = std::move(other.stop_);
+        watchdog_ = other.watchdog_;
+        in_ = std::move(other.in_);
+        batch_ = std::move(other.batch_);
+        batching_ = other.batching_;
+    }
+    return *this;
+}
+
+FakeConnection::Io FakeConnection::read_some(Clock::time_point deadline, const char *what)
+{
+    if (fd_ < 0) {
+        ADD_FAILURE() << "fake service: waiting for " << what << " on a connection that is not open";
+        return Io::Failed;
+    }
+    for (;;) {
+        Wait w = wait_for(fd_, POLLIN, deadline, *stop_);
+        if (w == Wait::Timeout) {
+            ADD_FAILURE() << "fake service: watchdog: no " << what << " within " << watchdog_.count() << " ms";
+            return Io::Failed;
+        }
+        if (w == Wait::Stopped) {
+            ADD_FAILURE() << "fake service: stopped while waiting for " << what;
+            return Io::Failed;
+        }
+        char buf[65536];
+        ssize_t n = recv(fd_, buf, sizeof buf, 0);
+        if (n > 0) {
+            in_.append(buf, static_cast<size_t>(n));
+            return Io::Ready;
+        }
+        if (n == 0) return Io::Closed;
+        if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
+        return Io::Closed;
+    }
+}
+
+Packet FakeConnection::next_packet()
+{
+    Clock::time_point deadline = Clock::now() + watchdog_;
+    for (;;) {
+        codec::FrameResult f = codec::frame(in_);
+        if (f.status == codec::FrameStatus::Complete) {
+            Packet p;
+            bool ok = codec::decode(reinterpret_cast<const uint8_t *>(in_.data()), f.wirelen, p);
+            in_.erase(0, f.wirelen);
+            if (ok) return p;
+            ADD_FAILURE() << "fake service: the client sent a packet whose fields do not fit its sections";
+            return Packet();
+        }
+        if (f.status == codec::FrameStatus::Invalid) {
+            ADD_FAILURE() << "fake service: the client sent bytes that are not a valid packet";
+            return Packet();
+        }
+        Io io = read_some(deadline, "packet from the client");
+        if (io == Io::Closed) {
+            ADD_FAILURE() << "fake service: the client closed the connection while a packet was expected";
+            return Packet();
+        }
+        if (io == Io::Failed) return Packet();
+    }
+}
+
+Packet FakeConnection::expect_handshake()
+{
+    Packet p = next_packet();
+    if (p.wirelen != 0 && !p.handshake_request) {
+        ADD_FAILURE() << "fake service: expected a handshake request, got body type " << p.body_type;
+        return Packet();
+    }
+    return p;
+}
+
+bool FakeConnection::answer_handshake(uint16_t ltp, const std::string &name, uint16_t version)
+{
+    std::string bytes;
+    codec::encode_handshake_reply(bytes, version, ltp, name);
+    return send(bytes);
+}
+
+Packet FakeConnection::handshake(uint16_t ltp, const std::string &name, uint16_t version)
+{
+    Packet p = expect_handshake();
+    if (p.wirelen != 0) answer_handshake(ltp, name, version);
+    return p;
+}
+
+bool FakeConnection::reply(uint32_t corrid, uint32_t status)
+{
+    std::string bytes;
+    codec::encode_reply(bytes, corrid, status);
+    return send(bytes);
+}
+
+bool FakeConnection::object(uint32_t corrid, uint8_t opcode, const std::string &key, const std::string &value,
+                            uint32_t count, uint32_t num, int32_t flags)
+{
+    std::string bytes;
+    codec::encode_object(bytes, corrid, opcode, key, value, count, num, flags);
+    return send(bytes);
+}
+
+bool FakeConnection::objects(uint32_t corrid, uint8_t opcode,
+                             const std::vector<std::pair<std::string, std::string>> &kv)
+{
+    std::string bytes;
+    uint32_t n = static_cast<uint32_t>(kv.size());
+    for (uint32_t i = 0; i < n; i++) codec::encode_object(bytes, corrid, opcode, kv[i].first, kv[i].second, n, i + 1);
+    return send(bytes);
+}
+
+bool FakeConnection::notify(const std::string &key, uint8_t trigger, const std::string &value)
+{
+    std::string bytes;
+    codec::encode_notification(bytes, key, trigger, value);
+    return send(bytes);
+}
+
+bool FakeConnection::send_raw(const std::string &bytes)
+{
+    return send(bytes);
+}
+
+bool FakeConnection::send_raw_bytewise(const std::string &bytes)
+{
+    for (char c : bytes) {
+        if (!send(std::string(1, c))) return false;
+    }
+    return true;
+}
+
+void FakeConnection::batch()
+{
+    batching_ = true;
+}
+
+bool FakeConnection::flush()
+{
+    batching_ = false;
+    std::string bytes;
+    bytes.swap(batch_);
+    return write_all(bytes);
+}
+
+bool FakeConnection::send(const std::string &bytes)
+{
+    if (batching_) {
+        batch_.append(bytes);
+        return true;
+    }
+    return write_all(bytes);
+}
+
+bool FakeConnection::write_all(const std::string &bytes)
+{
+    if (fd_ < 0) {
+        ADD_FAILURE() << "fake service: send on a connection that is not open";
+        return false;
+    }
+    Clock::time_point deadline = Clock::now() + watchdog_;
+    size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        if (n >= 0) {
+            done += static_cast<size_t>(n);
+            continue;
+        }
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            ADD_FAILURE() << "fake service: send: " << strerror(errno);
+            return false;
+        }
+        Wait w = wait_for(fd_, POLLOUT, deadline, *stop_);
+        if (w != Wait::Ready) {
+            ADD_FAILURE() << "fake service: " << (w == Wait::Timeout ? "watchdog: client not reading" : "stopped")
+                          << " with " << bytes.size() - done << " bytes unsent";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool FakeConnection::wait_closed()
+{
+    Clock::time_point deadline = Clock::now() + watchdog_;
+    for (;;) {
+        Io io = read_some(deadline, "close by the client");
+        if (io == Io::Closed) return true;
+        if (io == Io::Failed) return false;
+    }
+}
+
+void FakeConnection::close()
+{
+    if (fd_ < 0) return;
+    // Take what the client already sent, so the close is a FIN and not a
+    // reset for unread data.
+    char buf[4096];
+    while (recv(fd_, buf, sizeof buf, 0) > 0) {
+    }
+    shutdown(fd_, SHUT_WR);
+    ::close(fd_);
+    fd_ = -1;
+}
+
+void FakeConnection::reset()
+{
+    if (fd_ < 0) return;
+    struct linger lg = {1, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+    ::close(fd_);
+    fd_ = -1;
+}
+
+// ---------------------------------------------------------------------------
+// FakeService
+
+FakeService::FakeService(std::chrono::milliseconds watchdog)
+    : watchdog_(watchdog), stop_(std::make_shared<StopSignal>())
+{
+    struct sockaddr_in addr;
+    socklen_t len = sizeof addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = 0;
+    listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (listen_fd_ < 0 || bind(listen_fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 ||
+        listen(listen_fd_, 16) != 0 || getsockname(listen_fd_, reinterpret_cast<struct sockaddr *>(&addr), &len) != 0) {
+        ADD_FAILURE() << "fake service: cannot listen on 127.0.0.1: " << strerror(errno);
+        return;
+    }
+    port_ = ntohs(addr.sin_port);
+}
+
+FakeService::~FakeService()
+{
+    if (worker_.joinable()) {
+        join();
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            quit_ = true;
+            cond_.notify_all();
+        }
+        worker_.join();
+    }
+    done_.clear();
+    if (listen_fd_ >= 0) ::close(listen_fd_);
+}
+
+std::string FakeService::url() const
+{
+    return "tcp://127.0.0.1:" + std::to_string(port_);
+}
+
+FakeConnection FakeService::accept()
+{
+    Clock::time_point deadline = Clock::now() + watchdog_;
+    if (listen_fd_ < 0) {
+        ADD_FAILURE() << "fake service: not listening";
+        return FakeConnection();
+    }
+    for (;;) {
+        Wait w = wait_for(listen_fd_, POLLIN, deadline, *stop_);
+        if (w != Wait::Ready) {
+            ADD_FAILURE() << "fake service: " << (w == Wait::Timeout ? "watchdog: no client connected" : "stopped")
+                          << " while accepting";
+            return FakeConnection();
+        }
+        int fd = accept4(listen_fd_, NULL, NULL, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR || errno == ECONNABORTED)) continue;
+        if (fd < 0) {
+            ADD_FAILURE() << "fake service: accept: " << strerror(errno);
+            return FakeConnection();
+        }
+        int one = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        return FakeConnection(fd, stop_, watchdog_);
+    }
+}
+
+void FakeService::serve(std::function<void(FakeConnection &)> script)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    scripts_.push_back(std::move(script));
+    if (!worker_.joinable()) worker_ = std::thread(&FakeService::run_scripts, this);
+    cond_.notify_all();
+}
+
+bool FakeService::join()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    auto idle = [this] { return scripts_.empty() && !busy_; };
+    if (cond_.wait_for(lock, watchdog_, idle)) return true;
+    ADD_FAILURE() << "fake service: watchdog: scripts still running after " << watchdog_.count() << " ms";
+    scripts_.clear();
+    stop_->raise();
+    // Every call of a stopped connection returns at once; a script blocked
+    // elsewhere gets the default bound.
+    if (!cond_.wait_for(lock, std::max(watchdog_, kDefaultWatchdog), idle))
+        ADD_FAILURE() << "fake service: a script does not return even after the stop signal";
+    return false;
+}
+
+FakeConnection FakeService::take_connection()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (done_.empty()) {
+        ADD_FAILURE() << "fake service: no finished script holds a connection";
+        return FakeConnection();
+    }
+    FakeConnection conn = std::move(done_.front());
+    done_.pop_front();
+    return conn;
+}
+
+// Background thread: runs the queued scripts in order, each with the next
+// accepted connection, and keeps the connection when the script returns.
+void FakeService::run_scripts()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        cond_.wait(lock, [this] { return quit_ || !scripts_.empty(); });
+        if (quit_) return;
+        std::function<void(FakeConnection &)> script = std::move(scripts_.front());
+        scripts_.pop_front();
+        busy_ = true;
+        lock.unlock();
+        FakeConnection conn = accept();
+        if (conn.valid()) script(conn);
+        lock.lock();
+        if (conn.valid()) done_.push_back(std::move(conn));
+        busy_ = false;
+        cond_.notify_all();
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Signal
+
+void Signal::raise()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    raised_ = true;
+    cond_.notify_all();
+}
+
+bool Signal::wait(std::chrono::milliseconds bound)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (cond_.wait_for(lock, bound, [this] { return raised_; })) return true;
+    ADD_FAILURE() << "fake service: watchdog: signal not raised within " << bound.count() << " ms";
+    return false;
+}
+
+} // namespace test
+} // namespace hspace
