@@ -1,0 +1,818 @@
+/*
+ * service_test.cpp - the client library against the reference service,
+ * started in-process on 127.0.0.1 and an ephemeral port: every operation
+ * and semantic, patterns, subscriptions across handles, and clients that
+ * misbehave on raw sockets (garbage, no handshake, a subscriber that never
+ * reads) while the others go on.
+ *
+ * Every wait is bounded by kWatchdog and fails the test when it runs out.
+ */
+#include <errno.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "hspace_codec.h"
+#include "qel_hspace.h"
+#include "server.h"
+
+namespace {
+
+namespace codec = hspace::codec;
+using hspace::service::Options;
+using hspace::service::Server;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kWatchdog{15000}; // bound of every wait
+
+using Value = std::optional<std::string>;     // an object's value; nullopt: no data buffer
+using KeyValues = std::vector<std::pair<std::string, Value>>;
+
+// One event as the callback saw it, copied out of the library's records.
+struct Event {
+    t_qel_hspace_event type;                   // which event
+    uintptr_t urid = 0;                        // reply-image: the request's urid
+    std::string key;                           // reply-image: the request's key
+    t_kro_error status = 0;                    // reply-image: status; link fail: error
+    uint32_t cardinality = 0;                  // reply-image
+    uint32_t index = 0;                        // reply-image
+    bool has_object = false;                   // an object came with the event
+    std::string object_key;                    // its key
+    Value value;                               // its value
+    int trigger = 0;                           // notification: trigger
+};
+
+void read_object(t_qel_hspace_object object, std::string *key, Value *value)
+{
+    t_kro_str k = nullptr;
+    t_kro_ptr data = nullptr;
+    ASSERT_EQ(qel_hspace_object_get_key(object, &k), 0u);
+    ASSERT_EQ(qel_hspace_object_get_data(object, &data), 0u);
+    *key = k;
+    t_kro_buf buf = static_cast<t_kro_buf>(data);
+    if (buf == nullptr)
+        value->reset();
+    else
+        *value = std::string(static_cast<const char *>(buf->ptr) + buf->pos, buf->lim - buf->pos);
+}
+
+class Client;
+std::mutex registry_mutex;                     // guards registry
+std::map<t_qel_hspace, Client *> registry;     // handle -> its Client, from create to destroy
+
+void on_event(t_qel_hspace hspace, t_qel_hspace_event type, t_kro_ptr data);
+
+// One open handle that records its events. Operations are called from the
+// test thread (or several threads); events arrive on the reader thread.
+class Client {
+public:
+    explicit Client(const std::string &url, const char *name = "test")
+    {
+        qel_hspace_create_data cd;
+        cd.service_url = url.c_str();
+        cd.client_name = name;
+        cd.client_group = "tests";
+        EXPECT_EQ(qel_hspace_create(&cd, on_event, &h), 0u);
+        {
+            std::lock_guard<std::mutex> lock(registry_mutex);
+            registry[h] = this;
+        }
+        EXPECT_EQ(qel_hspace_open(h), 0u);
+    }
+    ~Client()
+    {
+        qel_hspace_close(h);
+        {
+            std::lock_guard<std::mutex> lock(registry_mutex);
+            registry.erase(h);
+        }
+        EXPECT_EQ(qel_hspace_destroy(&h), 0u);
+    }
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    t_kro_error put(const std::string &key, const Value &value, t_qel_hspace_put_semantic sem = HSPACE_PUT_SYNC)
+    {
+        t_kro_buf buf = nullptr;
+        if (value) {
+            kro_buf_create(&buf, static_cast<t_kro_uint4>(value->size()), 0);
+            if (!value->empty()) memcpy(buf->ptr, value->data(), value->size());
+        }
+        t_qel_hspace_object object = nullptr;
+        EXPECT_EQ(qel_hspace_object_create(key.c_str(), buf, &object), 0u);
+        t_kro_error error = qel_hspace_put(h, object, sem, 0);
+        qel_hspace_object_destroy(&object);
+        if (buf != nullptr) kro_buf_release(&buf);
+        return error;
+    }
+
+    // Synchronous get; the objects in arrival order.
+    t_kro_error get(const std::string &key, KeyValues *out, t_kro_int4 flags = 0)
+    {
+        t_kro_llist list = nullptr;
+        kro_llist_create(&list);
+        t_kro_error error = qel_hspace_get(h, key.c_str(), nullptr, HSPACE_GET_SYNC, 0, flags, list);
+        out->clear();
+        t_kro_ptr node;
+        while ((node = kro_llist_first(list)) != nullptr) {
+            t_qel_hspace_object object = static_cast<t_qel_hspace_object>(node);
+            kro_llist_remove(object);
+            std::string k;
+            Value v;
+            read_object(object, &k, &v);
+            out->emplace_back(k, v);
+            qel_hspace_object_destroy(&object);
+        }
+        kro_llist_destroy(&list);
+        return error;
+    }
+
+    t_kro_error post(const std::string &key, t_kro_byte triggers = 0, t_kro_int4 flags = 0, uintptr_t urid = 0)
+    {
+        return qel_hspace_post(h, key.c_str(), reinterpret_cast<t_kro_ptr>(urid), HSPACE_POST_SYNC, triggers, flags);
+    }
+    t_kro_error cancel(const std::string &key) { return qel_hspace_cancel(h, key.c_str(), HSPACE_CANCEL_SYNC, 0); }
+    t_kro_error remove(const std::string &key, t_qel_hspace_remove_semantic sem = HSPACE_REMOVE_SYNC)
+    {
+        return qel_hspace_remove(h, key.c_str(), sem, 0);
+    }
+
+    // Reader thread: records an event.
+    void record(const Event &e)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(e);
+        cond_.notify_all();
+    }
+
+    // Waits until at least n events have arrived; all events so far. Fails
+    // the test when the watchdog runs out.
+    std::vector<Event> wait_events(size_t n)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        bool ok = cond_.wait_for(lock, kWatchdog, [&] { return events_.size() >= n; });
+        EXPECT_TRUE(ok) << "watchdog: " << events_.size() << " of " << n << " events";
+        return events_;
+    }
+
+    // Waits until a notification for key with value has arrived; the events
+    // before it (not including it), which are then forgotten with it.
+    std::vector<Event> wait_notification(const std::string &key, const std::string &value)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        auto is_it = [&](const Event &e) {
+            return e.type == HSPACE_EVENT_POST_NOTIFICATION && e.object_key == key && e.value == value;
+        };
+        size_t at = 0;
+        bool ok = cond_.wait_for(lock, kWatchdog, [&] {
+            for (at = 0; at < events_.size(); at++)
+                if (is_it(events_[at])) return true;
+            return false;
+        });
+        EXPECT_TRUE(ok) << "watchdog: no notification " << key << " = " << value;
+        if (!ok) return {};
+        std::vector<Event> before(events_.begin(), events_.begin() + static_cast<long>(at));
+        events_.erase(events_.begin(), events_.begin() + static_cast<long>(at) + 1);
+        return before;
+    }
+
+    void clear_events()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.clear();
+    }
+
+    t_qel_hspace h = nullptr;                  // the handle
+
+private:
+    std::mutex mutex_;                         // guards events_
+    std::condition_variable cond_;             // signals events_ growth
+    std::vector<Event> events_;                // events in arrival order
+};
+
+void on_event(t_qel_hspace hspace, t_qel_hspace_event type, t_kro_ptr data)
+{
+    Event e;
+    e.type = type;
+    t_qel_hspace_object object = nullptr;
+    if (type == HSPACE_EVENT_LINK_FAIL) {
+        e.status = static_cast<t_qel_hspace_fail_event_data_struct *>(data)->error;
+    } else if (type == HSPACE_EVENT_POST_NOTIFICATION) {
+        auto *n = static_cast<t_qel_hspace_post_notification_event_data_struct *>(data);
+        e.trigger = n->trigger;
+        object = n->object;
+    } else {
+        auto *r = static_cast<t_qel_hspace_reply_image_event_data_struct *>(data);
+        e.urid = reinterpret_cast<uintptr_t>(r->urid);
+        e.key = r->key;
+        e.status = r->status;
+        e.cardinality = r->cardinality;
+        e.index = r->index;
+        object = r->object;
+    }
+    if (object != nullptr) {
+        e.has_object = true;
+        read_object(object, &e.object_key, &e.value);
+        qel_hspace_object_destroy(&object);
+    }
+    std::lock_guard<std::mutex> lock(registry_mutex);
+    auto it = registry.find(hspace);
+    if (it != registry.end()) it->second->record(e);
+}
+
+// A client on a plain blocking socket that speaks through the codec, for
+// bytes the library never sends and for a peer that stops reading.
+class RawClient {
+public:
+    // Connects to port; rcvbuf > 0 shrinks the socket's receive buffer first.
+    explicit RawClient(uint16_t port, int rcvbuf = 0)
+    {
+        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_GE(fd_, 0);
+        if (rcvbuf > 0) setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_port = htons(port);
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(fd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0) << strerror(errno);
+    }
+    ~RawClient()
+    {
+        if (fd_ >= 0) close(fd_);
+    }
+
+    void send(const std::string &bytes)
+    {
+        size_t off = 0;
+        while (off < bytes.size()) {
+            ssize_t n = ::send(fd_, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);
+            ASSERT_GT(n, 0) << strerror(errno);
+            off += static_cast<size_t>(n);
+        }
+    }
+
+    // The next packet from the service; false at end of stream, on garbage
+    // or when the watchdog runs out (a failure is recorded for the last two).
+    bool next(codec::Packet *p)
+    {
+        auto deadline = Clock::now() + kWatchdog;
+        for (;;) {
+            codec::FrameResult f = codec::frame(in_);
+            if (f.status == codec::FrameStatus::Invalid) {
+                ADD_FAILURE() << "service sent an invalid packet";
+                return false;
+            }
+            if (f.status == codec::FrameStatus::Complete) {
+                bool ok = codec::decode(in_.substr(0, f.wirelen), *p);
+                in_.erase(0, f.wirelen);
+                EXPECT_TRUE(ok);
+                return ok;
+            }
+            if (read_some(deadline) <= 0) return false;
+        }
+    }
+
+    void handshake()
+    {
+        std::string out;
+        codec::encode_handshake_request(out, "data", "raw", "tests");
+        send(out);
+        codec::Packet p;
+        ASSERT_TRUE(next(&p));
+        ASSERT_TRUE(p.handshake_reply.has_value());
+    }
+
+    // True once the service has closed the connection (end of stream or a
+    // reset), reading and dropping whatever comes before; false, with a
+    // recorded failure, when the watchdog runs out first.
+    bool wait_closed()
+    {
+        auto deadline = Clock::now() + kWatchdog;
+        for (;;) {
+            in_.clear();
+            ssize_t n = read_some(deadline);
+            if (n == 0 || (n < 0 && errno != ETIMEDOUT)) return true;
+            if (n < 0) {
+                ADD_FAILURE() << "watchdog: the service did not close the connection";
+                return false;
+            }
+        }
+    }
+
+private:
+    // Reads what is there into in_: > 0 bytes, 0 at end of stream, < 0 on
+    // an error (errno ETIMEDOUT when the deadline passed).
+    ssize_t read_some(Clock::time_point deadline)
+    {
+        for (;;) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            if (left < 0) {
+                errno = ETIMEDOUT;
+                return -1;
+            }
+            pollfd pfd = {fd_, POLLIN, 0};
+            int r = poll(&pfd, 1, static_cast<int>(left) + 1);
+            if (r < 0 && errno == EINTR) continue;
+            if (r == 0) continue;
+            char chunk[65536];
+            ssize_t n = recv(fd_, chunk, sizeof chunk, 0);
+            if (n < 0 && errno == EINTR) continue;
+            if (n > 0) in_.append(chunk, static_cast<size_t>(n));
+            if (n < 0 && errno == ETIMEDOUT) errno = ECONNRESET;
+            return n;
+        }
+    }
+
+    int fd_ = -1;                              // the socket
+    std::string in_;                           // received, not yet returned
+};
+
+class ServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(qel_hspace_initialize(QEL_HSPACE_VERSION, 1), 0u);
+        start_server(Options());
+    }
+    void TearDown() override
+    {
+        server_.reset();
+        qel_hspace_finalize();
+    }
+    void start_server(Options options)
+    {
+        server_.reset();
+        server_.reset(new Server(options));
+        std::string error;
+        ASSERT_TRUE(server_->start(&error)) << error;
+        url_ = server_->url();
+    }
+
+    // A put by writer followed by its notification at subscriber, which
+    // must have posted "fence": every notification the writer caused before
+    // has arrived. Returns the events before the fence.
+    std::vector<Event> fence(Client &writer, Client &subscriber)
+    {
+        std::string mark = std::to_string(++fences_);
+        EXPECT_EQ(writer.put("fence", mark), 0u);
+        return subscriber.wait_notification("fence", mark);
+    }
+
+    std::unique_ptr<Server> server_;
+    std::string url_;
+    int fences_ = 0;
+};
+
+TEST_F(ServiceTest, PutGetRemoveEverySemantic)
+{
+    Client c(url_);
+    KeyValues got;
+
+    EXPECT_EQ(c.put("k1", std::string("v1")), 0u);
+    ASSERT_EQ(c.get("k1", &got), 0u);
+    EXPECT_EQ(got, (KeyValues{{"k1", std::string("v1")}}));
+
+    // Replace, no-reply put: the get after it on the same connection sees it.
+    EXPECT_EQ(c.put("k1", std::string("v1b"), HSPACE_PUT_NOREPLY), 0u);
+    ASSERT_EQ(c.get("k1", &got), 0u);
+    EXPECT_EQ(got, (KeyValues{{"k1", std::string("v1b")}}));
+
+    // Null data and an empty buffer both store an empty value, read back
+    // as no data.
+    EXPECT_EQ(c.put("empty1", std::nullopt), 0u);
+    EXPECT_EQ(c.put("empty2", std::string()), 0u);
+    ASSERT_EQ(c.get("empty1", &got), 0u);
+    EXPECT_EQ(got, (KeyValues{{"empty1", std::nullopt}}));
+    ASSERT_EQ(c.get("empty2", &got), 0u);
+    EXPECT_EQ(got, (KeyValues{{"empty2", std::nullopt}}));
+
+    // Binary values and a large one come back byte for byte; keys are case
+    // sensitive.
+    std::string binary("a\0b\xff\n", 5);
+    std::string large(3 << 20, 'x');
+    for (size_t i = 0; i < large.size(); i += 4096) large[i] = static_cast<char>(i / 4096);
+    EXPECT_EQ(c.put("bin", binary), 0u);
+    EXPECT_EQ(c.put("large", large), 0u);
+    ASSERT_EQ(c.get("bin", &got), 0u);
+    EXPECT_EQ(got, (KeyValues{{"bin", binary}}));
+    ASSERT_EQ(c.get("large", &got), 0u);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_TRUE(got[0].second == large);
+    ASSERT_EQ(c.get("K1", &got), 0u);
+    EXPECT_TRUE(got.empty());
+
+    // Missing: a synchronous get turns status 2 into success with nothing.
+    ASSERT_EQ(c.get("missing", &got), 0u);
+    EXPECT_TRUE(got.empty());
+
+    // Remove answers 2 for a missing key; a no-reply remove takes effect.
+    EXPECT_EQ(c.remove("k1"), 0u);
+    EXPECT_EQ(c.remove("k1"), KRO_ERR_NO_MATCH);
+    EXPECT_EQ(c.remove("bin", HSPACE_REMOVE_NOREPLY), 0u);
+    ASSERT_EQ(c.get("bin", &got), 0u);
+    EXPECT_TRUE(got.empty());
+    EXPECT_EQ(c.remove("missing", HSPACE_REMOVE_NOREPLY), 0u);
+    EXPECT_EQ(c.put("after", std::string("ok")), 0u);
+}
+
+TEST_F(ServiceTest, PatternAndAsynchronousGets)
+{
+    Client c(url_);
+    for (const char *k : {"p/c", "p/a", "q/x", "p/b", "p", "pz"}) EXPECT_EQ(c.put(k, std::string("v-") + k), 0u);
+    KeyValues got;
+
+    // Every key with the prefix, in key order.
+    ASSERT_EQ(c.get("p/*", &got), 0u);
+    EXPECT_EQ(got, (KeyValues{{"p/a", std::string("v-p/a")}, {"p/b", std::string("v-p/b")},
+                              {"p/c", std::string("v-p/c")}}));
+    ASSERT_EQ(c.get("p*", &got), 0u);
+    EXPECT_EQ(got.size(), 5u);
+    ASSERT_EQ(c.get("*", &got), 0u);
+    EXPECT_EQ(got.size(), 6u);
+    ASSERT_EQ(c.get("nothing/*", &got), 0u);
+    EXPECT_TRUE(got.empty());
+
+    // Key only: objects without values.
+    ASSERT_EQ(c.get("p/*", &got, HSPACE_GET_FLAG_KEY_ONLY), 0u);
+    EXPECT_EQ(got, (KeyValues{{"p/a", std::nullopt}, {"p/b", std::nullopt}, {"p/c", std::nullopt}}));
+    ASSERT_EQ(c.get("p/a", &got, HSPACE_GET_FLAG_KEY_ONLY), 0u);
+    EXPECT_EQ(got, (KeyValues{{"p/a", std::nullopt}}));
+
+    // Asynchronous: one event per object numbered 1..n of n, then one
+    // empty answer for a missing key.
+    EXPECT_EQ(qel_hspace_get(c.h, "p/*", reinterpret_cast<t_kro_ptr>(uintptr_t(7)), HSPACE_GET_ASYNC, 0, 0, nullptr),
+              0u);
+    EXPECT_EQ(qel_hspace_get(c.h, "none", reinterpret_cast<t_kro_ptr>(uintptr_t(8)), HSPACE_GET_ASYNC, 0, 0, nullptr),
+              0u);
+    std::vector<Event> ev = c.wait_events(4);
+    ASSERT_EQ(ev.size(), 4u);
+    const char *keys[] = {"p/a", "p/b", "p/c"};
+    for (uint32_t i = 0; i < 3; i++) {
+        EXPECT_EQ(ev[i].type, HSPACE_EVENT_GET_REPLY);
+        EXPECT_EQ(ev[i].urid, 7u);
+        EXPECT_EQ(ev[i].key, "p/*");
+        EXPECT_EQ(ev[i].status, 0u);
+        EXPECT_EQ(ev[i].cardinality, 3u);
+        EXPECT_EQ(ev[i].index, i + 1);
+        EXPECT_EQ(ev[i].object_key, keys[i]);
+        EXPECT_EQ(ev[i].value, std::string("v-") + keys[i]);
+    }
+    EXPECT_EQ(ev[3].type, HSPACE_EVENT_GET_REPLY);
+    EXPECT_EQ(ev[3].urid, 8u);
+    EXPECT_EQ(ev[3].status, 0u);
+    EXPECT_EQ(ev[3].cardinality, 0u);
+    EXPECT_FALSE(ev[3].has_object);
+}
+
+TEST_F(ServiceTest, SubscriptionImageNotificationsAndCancel)
+{
+    Client c(url_);
+    EXPECT_EQ(c.put("a/1", std::string("one")), 0u);
+    EXPECT_EQ(c.put("a/2", std::string("two")), 0u);
+    EXPECT_EQ(c.post("fence"), 0u);
+    c.wait_events(1); // the fence's empty image
+    c.clear_events();
+
+    // The image: the stored objects addressed to the post, 1..n of n.
+    EXPECT_EQ(c.post("a/*", 0, 0, 42), 0u);
+    std::vector<Event> ev = c.wait_events(2);
+    ASSERT_EQ(ev.size(), 2u);
+    for (uint32_t i = 0; i < 2; i++) {
+        EXPECT_EQ(ev[i].type, HSPACE_EVENT_POST_IMAGE);
+        EXPECT_EQ(ev[i].urid, 42u);
+        EXPECT_EQ(ev[i].key, "a/*");
+        EXPECT_EQ(ev[i].cardinality, 2u);
+        EXPECT_EQ(ev[i].index, i + 1);
+    }
+    EXPECT_EQ(ev[0].object_key, "a/1");
+    EXPECT_EQ(ev[1].value, std::string("two"));
+    c.clear_events();
+
+    // The same key in another letter case is a duplicate on this connection.
+    EXPECT_EQ(c.post("A/*"), KRO_ERR_EXISTS);
+
+    // Changes: stored with the value, removed without; the writer's own
+    // notifications come before its put's reply.
+    EXPECT_EQ(c.put("a/3", std::string("three")), 0u);
+    EXPECT_EQ(c.remove("a/1"), 0u);
+    EXPECT_EQ(c.put("b/1", std::string("other")), 0u);
+    ev = fence(c, c);
+    ASSERT_EQ(ev.size(), 2u);
+    EXPECT_EQ(ev[0].type, HSPACE_EVENT_POST_NOTIFICATION);
+    EXPECT_EQ(ev[0].trigger, 1);
+    EXPECT_EQ(ev[0].object_key, "a/3");
+    EXPECT_EQ(ev[0].value, std::string("three"));
+    EXPECT_EQ(ev[1].trigger, 2);
+    EXPECT_EQ(ev[1].object_key, "a/1");
+    EXPECT_EQ(ev[1].value, std::nullopt);
+
+    // Cancel in another letter case ends it: no more notifications; a
+    // second cancel finds nothing; a new post of the key is accepted.
+    EXPECT_EQ(c.cancel("A/*"), 0u);
+    EXPECT_EQ(c.cancel("a/*"), KRO_ERR_NO_MATCH);
+    EXPECT_EQ(c.put("a/4", std::string("four")), 0u);
+    EXPECT_TRUE(fence(c, c).empty());
+
+    // No image with flag 2; an empty image otherwise.
+    EXPECT_EQ(c.post("a/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+    EXPECT_EQ(c.post("none"), 0u);
+    ev = c.wait_events(1);
+    ASSERT_EQ(ev.size(), 1u);
+    EXPECT_EQ(ev[0].type, HSPACE_EVENT_POST_IMAGE);
+    EXPECT_EQ(ev[0].key, "none");
+    EXPECT_EQ(ev[0].status, 0u);
+    EXPECT_FALSE(ev[0].has_object);
+    EXPECT_TRUE(fence(c, c).size() == 1u); // still only the empty image
+}
+
+TEST_F(ServiceTest, TriggerMaskAndKeyOnlySubscriptions)
+{
+    Client writer(url_), sub(url_);
+    EXPECT_EQ(sub.post("fence"), 0u);
+    EXPECT_EQ(sub.post("stored", 1, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+    EXPECT_EQ(sub.post("removed", 2, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+    EXPECT_EQ(sub.post("all", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+    EXPECT_EQ(sub.post("keys", 0, HSPACE_POST_FLAG_NO_IMAGE | HSPACE_POST_FLAG_KEY_ONLY), 0u);
+    sub.wait_events(1); // the fence's empty image
+    sub.clear_events();
+
+    for (const char *k : {"stored", "removed", "all", "keys"}) {
+        EXPECT_EQ(writer.put(k, std::string("v")), 0u);
+        EXPECT_EQ(writer.remove(k), 0u);
+    }
+    std::vector<Event> ev = fence(writer, sub);
+    std::vector<std::pair<std::string, int>> seen;
+    for (const Event &e : ev) seen.emplace_back(e.object_key, e.trigger);
+    EXPECT_EQ(seen, (std::vector<std::pair<std::string, int>>{
+                        {"stored", 1}, {"removed", 2}, {"all", 1}, {"all", 2}, {"keys", 1}, {"keys", 2}}));
+    ASSERT_EQ(ev.size(), 6u);
+    EXPECT_EQ(ev[2].value, std::string("v"));
+    EXPECT_EQ(ev[4].value, std::nullopt); // key only
+}
+
+TEST_F(ServiceTest, NotificationsReachAnotherHandleInOrder)
+{
+    Client writer(url_, "writer"), sub(url_, "subscriber");
+    EXPECT_EQ(sub.post("seq/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+    constexpr int kPuts = 300;
+    for (int i = 0; i < kPuts; i++) {
+        char key[32];
+        snprintf(key, sizeof key, "seq/%03d", i % 50);
+        t_qel_hspace_put_semantic sem = i % 3 == 0 ? HSPACE_PUT_SYNC : HSPACE_PUT_NOREPLY;
+        EXPECT_EQ(writer.put(key, std::to_string(i), sem), 0u);
+    }
+    std::vector<Event> ev = sub.wait_events(kPuts);
+    ASSERT_EQ(ev.size(), static_cast<size_t>(kPuts));
+    for (int i = 0; i < kPuts; i++) {
+        char key[32];
+        snprintf(key, sizeof key, "seq/%03d", i % 50);
+        ASSERT_EQ(ev[i].type, HSPACE_EVENT_POST_NOTIFICATION);
+        ASSERT_EQ(ev[i].object_key, key);
+        ASSERT_EQ(ev[i].value, std::to_string(i)) << "notification " << i;
+    }
+}
+
+TEST_F(ServiceTest, OneHandleSharedByThreads)
+{
+    Client c(url_);
+    constexpr int kThreads = 4, kOps = 100;
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; t++) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kOps; i++) {
+                std::string key = "t" + std::to_string(t) + "/" + std::to_string(i % 10);
+                std::string value = std::to_string(t * 1000 + i);
+                KeyValues got;
+                if (c.put(key, value) != 0) failures++;
+                if (c.get(key, &got) != 0 || got.size() != 1 || got[0].second != value) failures++;
+            }
+        });
+    }
+    for (auto &th : threads) th.join();
+    EXPECT_EQ(failures.load(), 0);
+    KeyValues got;
+    ASSERT_EQ(c.get("t*", &got), 0u);
+    EXPECT_EQ(got.size(), static_cast<size_t>(kThreads * 10));
+}
+
+TEST_F(ServiceTest, HandshakeAndUnknownRequestsOnTheWire)
+{
+    // The handshake reply: version 1, a nonzero ltp, the service's name.
+    {
+        RawClient raw(server_->port());
+        std::string out;
+        codec::encode_handshake_request(out, "data", "raw", "tests");
+        raw.send(out);
+        codec::Packet p;
+        ASSERT_TRUE(raw.next(&p));
+        ASSERT_TRUE(p.handshake_reply.has_value());
+        EXPECT_EQ(p.handshake_reply->version, 1);
+        EXPECT_NE(p.handshake_reply->ltp, 0);
+        EXPECT_EQ(p.handshake_reply->name, "hspaced");
+
+        // An unknown opcode with a correlation id is answered 14; without
+        // one it is dropped; a get without reply wanted is not answered.
+        codec::Request unknown;
+        unknown.opcode = 3;
+        unknown.key = "k";
+        unknown.corrid = 11;
+        out.clear();
+        codec::encode_request(out, unknown);
+        unknown.opcode = 9;
+        unknown.corrid.reset();
+        codec::encode_request(out, unknown);
+        codec::Request get;
+        get.opcode = codec::kOpGet;
+        get.key = "k";
+        get.semantic = codec::kSemNoReply;
+        get.corrid = 12;
+        codec::encode_request(out, get);
+        get.semantic = codec::kSemSync;
+        get.corrid = 13;
+        codec::encode_request(out, get);
+        raw.send(out);
+        ASSERT_TRUE(raw.next(&p));
+        ASSERT_TRUE(p.rr.has_value());
+        EXPECT_EQ(p.rr->corrid, 11u);
+        EXPECT_FALSE(p.rr->is_success());
+        EXPECT_EQ(p.rr->error(), KRO_ERR_NOT_SUPPORTED);
+        ASSERT_TRUE(raw.next(&p));
+        EXPECT_EQ(p.rr->corrid, 13u);
+        EXPECT_EQ(p.rr->error(), KRO_ERR_NO_MATCH);
+    }
+
+    // Anything but a handshake for service type "data" first: closed.
+    {
+        RawClient raw(server_->port());
+        std::string out;
+        codec::encode_handshake_request(out, "other", "raw", "tests");
+        raw.send(out);
+        EXPECT_TRUE(raw.wait_closed());
+    }
+    {
+        RawClient raw(server_->port());
+        codec::Request get;
+        get.opcode = codec::kOpGet;
+        get.key = "k";
+        get.corrid = 1;
+        std::string out;
+        codec::encode_request(out, get);
+        raw.send(out);
+        EXPECT_TRUE(raw.wait_closed());
+    }
+    EXPECT_EQ(server_->stats().dropped_invalid.load(), 2u);
+}
+
+TEST_F(ServiceTest, GarbageFromOneClientHarmsNoOther)
+{
+    Client good(url_), writer(url_);
+    EXPECT_EQ(good.post("fence"), 0u);
+    EXPECT_EQ(good.post("g/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+    good.wait_events(1);
+    good.clear_events();
+
+    // Not a packet at all; a header claiming more than the largest packet;
+    // a section length that runs past the packet; a packet cut short by the
+    // peer's close.
+    std::vector<std::string> bad;
+    bad.push_back("hello, service\r\n\r\n");
+    {
+        std::string s;
+        codec::put_header(s, codec::kMaxPacket + 1, 0, 0, 0, codec::kTypeRequest);
+        bad.push_back(s);
+    }
+    {
+        std::string s;
+        codec::put_header(s, 48, 0, 1, 1, codec::kTypeRequest);
+        codec::put_preamble(s, codec::kTypeHspace, 200);
+        s.append(8, '\0');
+        bad.push_back(s);
+    }
+    for (const std::string &garbage : bad) {
+        RawClient raw(server_->port());
+        raw.handshake();
+        raw.send(garbage);
+        EXPECT_TRUE(raw.wait_closed());
+    }
+    {
+        RawClient raw(server_->port());
+        raw.handshake();
+        std::string out;
+        codec::Request put;
+        put.opcode = codec::kOpPut;
+        put.key = "g/cut";
+        put.data = "never complete";
+        codec::encode_request(out, put);
+        raw.send(out.substr(0, out.size() - 3));
+    }
+    EXPECT_EQ(server_->stats().dropped_invalid.load(), bad.size());
+
+    // The others go on as before.
+    EXPECT_EQ(writer.put("g/1", std::string("still")), 0u);
+    KeyValues got;
+    ASSERT_EQ(good.get("g/*", &got), 0u);
+    EXPECT_EQ(got, (KeyValues{{"g/1", std::string("still")}}));
+    std::vector<Event> ev = fence(writer, good);
+    ASSERT_EQ(ev.size(), 1u);
+    EXPECT_EQ(ev[0].object_key, "g/1");
+}
+
+TEST_F(ServiceTest, SlowSubscriberIsDisconnectedOthersGoOn)
+{
+    Options options;
+    options.max_queue = 1 << 20;
+    start_server(options);
+    Client writer(url_, "writer"), good(url_, "good");
+    EXPECT_EQ(good.post("big/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+
+    // Subscribes, then never reads again.
+    RawClient slow(server_->port(), 16384);
+    slow.handshake();
+    {
+        codec::Request post;
+        post.opcode = codec::kOpPost;
+        post.key = "big/*";
+        post.flags = codec::kFlagNoImage;
+        post.corrid = 1;
+        std::string out;
+        codec::encode_request(out, post);
+        slow.send(out);
+        codec::Packet p;
+        ASSERT_TRUE(slow.next(&p));
+        ASSERT_TRUE(p.rr && p.rr->is_success());
+    }
+
+    // The writer's puts each reach the good subscriber (which is waited
+    // for, so its own queue stays small) until the slow one's queue
+    // overflows; the kernel's socket buffers absorb a few MiB first.
+    const std::string value(256 * 1024, 'v');
+    int puts = 0;
+    for (; puts < 400 && server_->stats().dropped_slow.load() == 0; puts++) {
+        std::string key = "big/" + std::to_string(puts);
+        ASSERT_EQ(writer.put(key, value), 0u);
+        good.wait_notification(key, value);
+    }
+    EXPECT_EQ(server_->stats().dropped_slow.load(), 1u) << "after " << puts << " puts";
+    EXPECT_TRUE(slow.wait_closed());
+
+    // The others are unharmed.
+    EXPECT_EQ(writer.put("big/last", std::string("small")), 0u);
+    good.wait_notification("big/last", "small");
+    KeyValues got;
+    ASSERT_EQ(writer.get("big/last", &got), 0u);
+    EXPECT_EQ(got.size(), 1u);
+    EXPECT_EQ(server_->stats().open.load(), 2u);
+}
+
+TEST_F(ServiceTest, StopEndsEveryConnection)
+{
+    Client c(url_);
+    EXPECT_EQ(c.post("k"), 0u);
+    c.wait_events(1);
+    c.clear_events();
+    server_->stop();
+    server_->stop(); // idempotent
+    std::vector<Event> ev = c.wait_events(1);
+    ASSERT_EQ(ev.size(), 1u);
+    EXPECT_EQ(ev[0].type, HSPACE_EVENT_LINK_FAIL);
+    t_qel_hspace_state state;
+    EXPECT_EQ(qel_hspace_get_state(c.h, &state), 0u);
+    EXPECT_EQ(state, HSPACE_STATE_FAILED);
+    EXPECT_EQ(server_->stats().open.load(), 0u);
+}
+
+TEST(ServerLifecycle, RefusesABusyPortAndASecondStart)
+{
+    Server first;
+    ASSERT_TRUE(first.start());
+    Options options;
+    options.port = first.port();
+    Server second(options);
+    std::string error;
+    EXPECT_FALSE(second.start(&error));
+    EXPECT_NE(error.find("cannot listen"), std::string::npos) << error;
+    EXPECT_FALSE(first.start(&error)); // only once
+    first.stop();
+    first.stop();
+}
+
+} // namespace
