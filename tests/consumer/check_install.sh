@@ -1,0 +1,84 @@
+#!/usr/bin/env bash
+# Installs a built qel_hspace tree into a scratch prefix and proves the
+# installed copy is usable by an application outside the tree:
+#   - headers, libraries, SONAME, pkg-config file and CMake package in place;
+#   - the shared library exports exactly the functions the installed headers
+#     declare KRO_API, nothing more and nothing less;
+#   - app/consumer.c builds through pkg-config and through find_package
+#     (shared and static) and runs.
+#
+#   check_install.sh BINARY_DIR APP_DIR CMAKE GENERATOR C_COMPILER
+set -euo pipefail
+
+bin=$1 app=$2 cmake=$3 generator=$4 cc=$5
+tmp=$(mktemp -d "${TMPDIR:-/tmp}/qel_install.XXXXXX")
+trap 'rm -rf "$tmp"' EXIT
+prefix=$tmp/prefix
+status=0
+
+fail() { echo "FAIL: $*"; status=1; }
+step() { echo "== $*"; }
+
+# Runs a command quietly; on failure shows its output and stops.
+quiet() {
+    if ! "$@" >"$tmp/step.log" 2>&1; then
+        cat "$tmp/step.log"
+        echo "FAIL: $*"
+        exit 1
+    fi
+}
+
+step "install into a scratch prefix"
+quiet "$cmake" --install "$bin" --prefix "$prefix"
+
+pc=$(find "$prefix" -path '*/pkgconfig/qel_hspace.pc' | head -n 1)
+[ -n "$pc" ] || { echo "FAIL: no pkgconfig/qel_hspace.pc under $prefix"; exit 1; }
+export PKG_CONFIG_PATH=$(dirname "$pc")
+libdir=$(pkg-config --variable=libdir qel_hspace)
+incdir=$(pkg-config --variable=includedir qel_hspace)/qel_hspace
+echo "libdir $libdir"
+echo "includedir $incdir"
+
+step "installed files"
+headers=$(cd "$incdir" && ls | tr '\n' ' ')
+[ "$headers" = "kro.h kro_buf.h kro_llist.h qel_hspace.h " ] || fail "installed headers are: $headers"
+for f in libqel_hspace.so libqel_hspace.so.1 libqel_hspace.a; do
+    [ -e "$libdir/$f" ] || fail "missing $libdir/$f"
+done
+soname=$(readelf -d "$libdir/libqel_hspace.so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+[ "$soname" = "libqel_hspace.so.1" ] || fail "SONAME is '$soname'"
+find "$prefix" -name qel_hspaceConfig.cmake | grep -q . || fail "no qel_hspaceConfig.cmake"
+find "$prefix" -name qel_hspaceConfigVersion.cmake | grep -q . || fail "no qel_hspaceConfigVersion.cmake"
+
+step "exported symbols of libqel_hspace.so"
+exported=$(nm -D --defined-only "$libdir/libqel_hspace.so" | awk '{print $NF}' | sort -u)
+declared=$(cat "$incdir"/*.h | grep -o '^KRO_API[^(]*(' | sed 's/($//; s/.*[ *]//' | sort -u)
+extra=$(comm -23 <(echo "$exported") <(echo "$declared"))
+missing=$(comm -13 <(echo "$exported") <(echo "$declared"))
+echo "$(echo "$exported" | wc -l) exported, $(echo "$declared" | wc -l) declared"
+[ -z "$extra" ] || fail "exported but not public: $(echo $extra)"
+[ -z "$missing" ] || fail "public but not exported: $(echo $missing)"
+
+step "consumer through pkg-config"
+# shellcheck disable=SC2046 # pkg-config's flags are meant to split
+quiet "$cc" -std=c99 -Wall -Wextra -Werror -pedantic -o "$tmp/consumer_pc" "$app/consumer.c" \
+    $(pkg-config --cflags --libs qel_hspace)
+LD_LIBRARY_PATH=$libdir "$tmp/consumer_pc" || fail "consumer built through pkg-config"
+
+step "consumer through find_package"
+quiet "$cmake" -S "$app" -B "$tmp/app" -G "$generator" -DCMAKE_C_COMPILER="$cc" \
+    -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
+found=$(sed -n 's/^qel_hspace_DIR:PATH=//p' "$tmp/app/CMakeCache.txt")
+case $found in
+"$prefix"/*) echo "found $found" ;;
+*) fail "find_package found '$found', not the scratch prefix" ;;
+esac
+quiet "$cmake" --build "$tmp/app"
+LD_LIBRARY_PATH=$libdir "$tmp/app/consumer" || fail "consumer built through find_package (shared)"
+"$tmp/app/consumer_static" || fail "consumer built through find_package (static)"
+if readelf -d "$tmp/app/consumer_static" | grep -q 'libqel_hspace'; then
+    fail "consumer_static depends on the shared library"
+fi
+
+[ $status -eq 0 ] && echo "install and consumers: ok"
+exit $status
