@@ -1,0 +1,191 @@
+/*
+ * checks_test.cpp - the checks every data operation makes before it takes
+ * the handle's lock, in their fixed order: null arguments and unknown
+ * semantics (12), unsupported variants (14), the handle's state (13), the
+ * reader thread (23).
+ */
+#include <gtest/gtest.h>
+
+#include "harness.h"
+
+namespace ops {
+namespace {
+
+template <typename T> T Sem(int v) { return static_cast<T>(v); }
+
+TEST(CheckOrder, Put)
+{
+    FakeService svc;
+    Client c(svc); // never opened: HSPACE_STATE_INIT
+    UserObject o("k", "value");
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_put(nullptr, o.obj, HSPACE_PUT_SYNC, 0));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_put(c.h, nullptr, HSPACE_PUT_PIPELINED, 0)) << "12 before 14";
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_put(c.h, o.obj, Sem<t_qel_hspace_put_semantic>(3), 0));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_put(c.h, o.obj, Sem<t_qel_hspace_put_semantic>(-1), 0));
+    EXPECT_EQ(KRO_ERR_NOT_SUPPORTED, qel_hspace_put(c.h, o.obj, HSPACE_PUT_PIPELINED, 0)) << "14 before 13";
+    EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0));
+    EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_put(c.h, o.obj, HSPACE_PUT_NOREPLY, 0));
+
+    // A value window with pos past lim is an argument error, before 14.
+    o.buf->pos = 4;
+    o.buf->lim = 3;
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_put(c.h, o.obj, HSPACE_PUT_PIPELINED, 0));
+    o.buf->pos = 0;
+    o.buf->lim = o.buf->size;
+
+    // On an open handle PIPELINED is refused without sending anything: the
+    // next packet the service sees is the remove that follows.
+    ASSERT_TRUE(c.open());
+    EXPECT_EQ(KRO_ERR_NOT_SUPPORTED,
+              Bounded(c.h, [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_PIPELINED, 0); }));
+    Packet sent;
+    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_remove(c.h, "k", HSPACE_REMOVE_SYNC, 0); }, ReplyWith(0),
+                           &sent));
+    ASSERT_TRUE(sent.hspace);
+    EXPECT_EQ(codec::kOpRemove, sent.hspace->opcode);
+}
+
+TEST(CheckOrder, Get)
+{
+    FakeService svc;
+    Client c(svc);
+    t_kro_llist list = nullptr;
+    kro_llist_create(&list);
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_get(nullptr, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_get(c.h, nullptr, nullptr, HSPACE_GET_SYNC, 0, 0, list));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG,
+              qel_hspace_get(c.h, "k", nullptr, Sem<t_qel_hspace_get_semantic>(12), 0, 0, list));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_SYNC, 0, 0, nullptr));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_SYNC, 1, 0, nullptr))
+        << "12 before 14";
+    list->read_only = 1;
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list));
+    list->read_only = 0;
+    EXPECT_EQ(KRO_ERR_NOT_SUPPORTED, qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_SYNC, 1, 0, list))
+        << "14 before 13";
+    EXPECT_EQ(KRO_ERR_NOT_SUPPORTED, qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_ASYNC, -1, 0, nullptr));
+    EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list));
+    EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr))
+        << "an asynchronous get needs no list";
+    EXPECT_EQ(0, list->num_elements);
+    kro_llist_destroy(&list);
+}
+
+TEST(CheckOrder, PostCancelRemove)
+{
+    FakeService svc;
+    Client c(svc);
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_post(nullptr, "k", nullptr, HSPACE_POST_SYNC, 0, 0));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_post(c.h, nullptr, nullptr, HSPACE_POST_SYNC, 0, 0));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_post(c.h, "k", nullptr, Sem<t_qel_hspace_post_semantic>(21), 0, 0));
+    EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_post(c.h, "k", nullptr, HSPACE_POST_SYNC, 0, 0));
+
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_cancel(nullptr, "k", HSPACE_CANCEL_SYNC, 0));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_cancel(c.h, nullptr, HSPACE_CANCEL_SYNC, 0));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_cancel(c.h, "k", Sem<t_qel_hspace_cancel_semantic>(31), 0));
+    EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_cancel(c.h, "k", HSPACE_CANCEL_SYNC, 0));
+
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_remove(nullptr, "k", HSPACE_REMOVE_SYNC, 0));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_remove(c.h, nullptr, HSPACE_REMOVE_NOREPLY, 0));
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_remove(c.h, "k", Sem<t_qel_hspace_remove_semantic>(42), 0));
+    EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_remove(c.h, "k", HSPACE_REMOVE_SYNC, 0));
+    EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_remove(c.h, "k", HSPACE_REMOVE_NOREPLY, 0));
+}
+
+// A key the 16-bit length field cannot carry is an argument error for every
+// operation, ahead of the state check; 65535 bytes pass the argument checks.
+TEST(CheckOrder, KeyOf65536BytesIsAnArgumentError)
+{
+    FakeService svc;
+    Client c(svc);
+    t_kro_llist list = nullptr;
+    kro_llist_create(&list);
+    UserObject too_long(std::string(65536, 'k'), "v");
+    UserObject longest(std::string(65535, 'k'), "v");
+    for (t_kro_error r : CallEveryOperation(c.h, too_long.obj, list, too_long.key.c_str()))
+        EXPECT_EQ(KRO_ERR_INVALID_ARG, r);
+    for (t_kro_error r : CallEveryOperation(c.h, longest.obj, list, longest.key.c_str()))
+        EXPECT_EQ(KRO_ERR_INVALID_STATE, r);
+    EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_put(c.h, too_long.obj, HSPACE_PUT_PIPELINED, 0)) << "12 before 14";
+    kro_llist_destroy(&list);
+}
+
+// Every operation on a handle that is not open returns 13: never opened,
+// closed after opening, failed with its connection.
+TEST(CheckOrder, EveryOperationOnAHandleThatIsNotOpenReturns13)
+{
+    FakeService svc;
+    UserObject o("k", "v");
+    t_kro_llist list = nullptr;
+    kro_llist_create(&list);
+    t_qel_hspace_state state;
+
+    Client unopened(svc);
+    for (t_kro_error r : CallEveryOperation(unopened.h, o.obj, list, "k")) EXPECT_EQ(KRO_ERR_INVALID_STATE, r);
+
+    Client closed(svc);
+    ASSERT_TRUE(closed.open());
+    ASSERT_EQ(0u, qel_hspace_close(closed.h));
+    EXPECT_EQ(0u, qel_hspace_get_state(closed.h, &state));
+    EXPECT_EQ(HSPACE_STATE_CLOSED, state);
+    for (t_kro_error r : CallEveryOperation(closed.h, o.obj, list, "k")) EXPECT_EQ(KRO_ERR_INVALID_STATE, r);
+
+    Client failed(svc);
+    ASSERT_TRUE(failed.open());
+    failed.conn.close();
+    ASSERT_TRUE(failed.events.wait_count(1));
+    EXPECT_EQ(HSPACE_EVENT_LINK_FAIL, failed.events.events()[0].type);
+    EXPECT_EQ(0u, qel_hspace_get_state(failed.h, &state));
+    EXPECT_EQ(HSPACE_STATE_FAILED, state);
+    for (t_kro_error r : CallEveryOperation(failed.h, o.obj, list, "k")) EXPECT_EQ(KRO_ERR_INVALID_STATE, r);
+
+    EXPECT_EQ(0, list->num_elements);
+    kro_llist_destroy(&list);
+}
+
+// From inside the event callback every operation returns 23, whether the
+// event is a notification (raised without the lock) or a reply-image event
+// (raised with the lock released around it); afterwards the handle serves
+// other threads normally.
+TEST(CheckOrder, EveryOperationFromTheCallbackReturns23)
+{
+    FakeService svc;
+    Client c(svc);
+    ASSERT_TRUE(c.open());
+    UserObject o("k", "v");
+    t_kro_llist list = nullptr;
+    kro_llist_create(&list);
+    std::vector<std::vector<t_kro_error>> results; // per event; written by the hook, read after wait_count
+    c.events.set_hook(
+        [&](t_qel_hspace h, const Event &) { results.push_back(CallEveryOperation(h, o.obj, list, "k")); });
+
+    c.conn.notify("k", 1, "changed");
+    ASSERT_TRUE(c.events.wait_count(1));
+    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); },
+                           ObjectsWith(codec::kOpGet, {{"k", "v"}})));
+    ASSERT_TRUE(c.events.wait_count(2));
+    c.events.set_hook(nullptr);
+
+    ASSERT_EQ(2u, results.size());
+    for (const auto &per_event : results) {
+        ASSERT_EQ(8u, per_event.size());
+        for (t_kro_error r : per_event) EXPECT_EQ(KRO_ERR_WOULD_DEADLOCK, r);
+    }
+    EXPECT_EQ(HSPACE_EVENT_POST_NOTIFICATION, c.events.events()[0].type);
+    EXPECT_EQ(HSPACE_EVENT_GET_REPLY, c.events.events()[1].type);
+
+    // The handle is still usable, and nothing the callback tried was sent:
+    // the next request the service sees is this get.
+    Packet sent;
+    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list); },
+                           ReplyWith(KRO_ERR_NO_MATCH), &sent));
+    ASSERT_TRUE(sent.hspace);
+    EXPECT_EQ(codec::kOpGet, sent.hspace->opcode);
+    EXPECT_EQ(codec::kSemSync, sent.hspace->semantic);
+    EXPECT_EQ(0, list->num_elements);
+    kro_llist_destroy(&list);
+}
+
+} // namespace
+} // namespace ops

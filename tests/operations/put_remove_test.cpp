@@ -1,0 +1,174 @@
+/*
+ * put_remove_test.cpp - put and its twin remove against the fake service:
+ * the bytes each form sends, the request table around them, correlation
+ * ids, and the service's status handed back unchanged.
+ */
+#include <gtest/gtest.h>
+
+#include "harness.h"
+
+namespace ops {
+namespace {
+
+constexpr uint16_t kLtp = 5; // the fake service's ltp: every request's dport
+
+// No-reply forms send one packet without an rr subheader and touch no record
+// (the table holds an active subscription before and after).
+TEST(PutRemove, NoReplyFormsCarryNoRrAndLeaveTheTableAlone)
+{
+    FakeService svc;
+    Client c(svc);
+    ASSERT_TRUE(c.open());
+    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_post(c.h, "sub", nullptr, HSPACE_POST_SYNC, 0,
+                                                           HSPACE_POST_FLAG_NO_IMAGE); },
+                           ReplyWith(0)));
+    ASSERT_EQ(1, RequestCount(c.h));
+
+    UserObject o("alpha", "xyz");
+    EXPECT_EQ(0u, Bounded(c.h, [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_NOREPLY, -1); }));
+    EXPECT_EQ(1, RequestCount(c.h));
+    Packet p = c.conn.next_packet();
+    EXPECT_EQ(1, p.numsh);
+    EXPECT_EQ(std::vector<uint16_t>{codec::kTypeHspace}, p.subheader_types);
+    EXPECT_FALSE(p.rr);
+    ASSERT_TRUE(p.hspace);
+    EXPECT_EQ(codec::kOpPut, p.hspace->opcode);
+    EXPECT_EQ(codec::kSemNoReply, p.hspace->semantic);
+    EXPECT_EQ(0, p.hspace->flags);
+    EXPECT_EQ("alpha", p.hspace->key);
+    EXPECT_EQ(kLtp, p.dport);
+    EXPECT_EQ(codec::kTypeObject, p.type);
+    EXPECT_EQ(codec::kTypeObject, p.body_type);
+    EXPECT_EQ("xyz", p.body);
+
+    EXPECT_EQ(0u, Bounded(c.h, [&] { return qel_hspace_remove(c.h, "beta", HSPACE_REMOVE_NOREPLY, -1); }));
+    EXPECT_EQ(1, RequestCount(c.h));
+    p = c.conn.next_packet();
+    EXPECT_EQ(1, p.numsh);
+    EXPECT_FALSE(p.rr);
+    ASSERT_TRUE(p.hspace);
+    EXPECT_EQ(codec::kOpRemove, p.hspace->opcode);
+    EXPECT_EQ(codec::kSemNoReply, p.hspace->semantic);
+    EXPECT_EQ(0, p.hspace->flags);
+    EXPECT_EQ("beta", p.hspace->key);
+    EXPECT_EQ(codec::kTypeRequest, p.body_type);
+    EXPECT_EQ("", p.body);
+
+    // The longest key the wire carries goes out whole.
+    UserObject longest(std::string(65535, 'x'), "v");
+    EXPECT_EQ(0u, Bounded(c.h, [&] { return qel_hspace_put(c.h, longest.obj, HSPACE_PUT_NOREPLY, 0); }));
+    p = c.conn.next_packet();
+    ASSERT_TRUE(p.hspace);
+    EXPECT_EQ(longest.key, p.hspace->key);
+    EXPECT_EQ(1, RequestCount(c.h));
+}
+
+// Correlation ids start at 1 on a new handle and rise by one per request
+// that expects an answer, across operations; no-reply forms draw none.
+TEST(PutRemove, CorrelationIdsStartAt1AndIncreaseAcrossOperations)
+{
+    FakeService svc;
+    Client c(svc);
+    ASSERT_TRUE(c.open());
+    UserObject o("k", "v");
+    t_kro_llist list = nullptr;
+    kro_llist_create(&list);
+    std::vector<std::function<t_kro_error()>> calls = {
+        [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0); },
+        [&] { return qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list); },
+        [&] { return qel_hspace_post(c.h, "k", nullptr, HSPACE_POST_SYNC, 0, HSPACE_POST_FLAG_NO_IMAGE); },
+        [&] { return qel_hspace_cancel(c.h, "k", HSPACE_CANCEL_SYNC, 0); },
+        [&] { return qel_hspace_remove(c.h, "k", HSPACE_REMOVE_SYNC, 0); },
+    };
+    uint32_t expected = 1;
+    for (auto &call : calls) {
+        Packet sent;
+        EXPECT_EQ(0u, Exchange(c, call, ReplyWith(0), &sent));
+        ASSERT_TRUE(sent.rr);
+        EXPECT_EQ(expected, sent.rr->corrid);
+        EXPECT_TRUE(sent.rr->is_request());
+        EXPECT_EQ(kLtp, sent.dport);
+        expected++;
+        EXPECT_EQ(0u, Bounded(c.h, [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_NOREPLY, 0); }));
+        EXPECT_EQ(0u, Bounded(c.h, [&] { return qel_hspace_remove(c.h, "k", HSPACE_REMOVE_NOREPLY, 0); }));
+        EXPECT_FALSE(c.conn.next_packet().rr);
+        EXPECT_FALSE(c.conn.next_packet().rr);
+    }
+    Packet sent;
+    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); },
+                           ReplyWith(KRO_ERR_NO_MATCH), &sent));
+    ASSERT_TRUE(sent.rr);
+    EXPECT_EQ(expected, sent.rr->corrid);
+    ASSERT_TRUE(c.events.wait_count(1));
+    EXPECT_EQ(0, list->num_elements);
+    kro_llist_destroy(&list);
+}
+
+// A synchronous put sends the value window [pos, lim) of the object's buffer
+// (nothing for a null buffer) and leaves object and buffer as they were.
+TEST(PutRemove, PutSendsTheValueWindowAndLeavesTheBufferAlone)
+{
+    FakeService svc;
+    Client c(svc);
+    ASSERT_TRUE(c.open());
+
+    UserObject window("win", "0123456789ABCDEF");
+    window.buf->pos = 3;
+    window.buf->lim = 10;
+    Packet sent;
+    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_put(c.h, window.obj, HSPACE_PUT_SYNC, -1); }, ReplyWith(0),
+                           &sent));
+    EXPECT_EQ(2, sent.numsh);
+    EXPECT_EQ((std::vector<uint16_t>{codec::kTypeHspace, codec::kTypeRr}), sent.subheader_types);
+    ASSERT_TRUE(sent.hspace);
+    EXPECT_EQ(codec::kOpPut, sent.hspace->opcode);
+    EXPECT_EQ(codec::kSemSync, sent.hspace->semantic);
+    EXPECT_EQ(0, sent.hspace->flags) << "a put carries no flags";
+    EXPECT_EQ("win", sent.hspace->key);
+    EXPECT_EQ(codec::kTypeObject, sent.body_type);
+    EXPECT_EQ("3456789", sent.body);
+    EXPECT_EQ(3u, window.buf->pos);
+    EXPECT_EQ(10u, window.buf->lim);
+    EXPECT_EQ(16u, window.buf->size);
+    EXPECT_EQ(1, window.buf->refcount);
+    EXPECT_EQ("0123456789ABCDEF", std::string(static_cast<const char *>(window.buf->ptr), 16));
+    EXPECT_EQ(window.key, ObjectKey(window.obj));
+
+    UserObject no_value("nv");
+    EXPECT_EQ(77u, Exchange(c, [&] { return qel_hspace_put(c.h, no_value.obj, HSPACE_PUT_SYNC, 0); },
+                            ReplyWith(77), &sent));
+    EXPECT_EQ(codec::kTypeObject, sent.body_type);
+    EXPECT_EQ("", sent.body);
+    // header 32 + hspace 22 + key 2 + rr 24 + bare body preamble 8
+    EXPECT_EQ(88u, sent.wirelen);
+    EXPECT_EQ(std::string("\x01\x00\x01\x01\x00\x00\x00\x08", 8), sent.raw.substr(sent.raw.size() - 8));
+}
+
+// Synchronous put and remove return the reply's status as it came, 2
+// included, and leave no record behind.
+TEST(PutRemove, SyncFormsReturnTheServiceStatusUnchanged)
+{
+    FakeService svc;
+    Client c(svc);
+    ASSERT_TRUE(c.open());
+    UserObject o("k", "v");
+    for (t_kro_error status : {0u, KRO_ERR_NO_MATCH, 77u, 0xDEADBEEFu}) {
+        EXPECT_EQ(status, Exchange(c, [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0); },
+                                   ReplyWith(status)));
+        EXPECT_EQ(0, RequestCount(c.h));
+        Packet sent;
+        EXPECT_EQ(status, Exchange(c, [&] { return qel_hspace_remove(c.h, "gone", HSPACE_REMOVE_SYNC, -1); },
+                                   ReplyWith(status), &sent));
+        EXPECT_EQ(0, RequestCount(c.h));
+        EXPECT_EQ(2, sent.numsh);
+        ASSERT_TRUE(sent.hspace);
+        EXPECT_EQ(codec::kOpRemove, sent.hspace->opcode);
+        EXPECT_EQ(codec::kSemSync, sent.hspace->semantic);
+        EXPECT_EQ(0, sent.hspace->flags) << "a remove carries no flags";
+        EXPECT_EQ("gone", sent.hspace->key);
+        EXPECT_EQ(codec::kTypeRequest, sent.body_type);
+    }
+}
+
+} // namespace
+} // namespace ops
