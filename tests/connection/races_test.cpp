@@ -1,0 +1,177 @@
+/*
+ * races_test.cpp - a subscription ended while its post caller has been
+ * woken but has not resumed, white-box: the post's reply raced against a
+ * cancel's completion and against the end of the connection, round after
+ * round (run it under ThreadSanitizer and AddressSanitizer), and a cancel
+ * answered before the post it overtook.
+ */
+#include "qel_hspace.cpp"
+
+#include "connection_support.h"
+
+namespace {
+
+using namespace conn;
+
+using Races = ConnectionTest;
+
+constexpr int kCancelRounds = 300;     // post/cancel races on one connection
+constexpr int kConnectionRounds = 120; // post reply against the connection's end
+
+// The number of records in h's request table, read under its mutex.
+int Outstanding(t_qel_hspace h)
+{
+    qel_hspace_lock(h);
+    int n = h->reqtable->num_elements;
+    qel_hspace_unlock(h);
+    return n;
+}
+
+TEST_F(Races, PostReplyAgainstACancelCompletingInTheSameWrite)
+{
+    FakeService svc;
+    t_qel_hspace h = nullptr;
+    FakeConnection c;
+    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
+    for (int i = 0; i < kCancelRounds; i++) {
+        SCOPED_TRACE(i);
+        watchdog_.Kick();
+        bool cancel_first = i % 3 == 2;                 // the cancel overtakes the post
+        t_kro_error post_status = i % 5 == 4 ? 0x6100 : 0; // the service refuses the post
+        t_kro_int4 flags = i % 2 == 0 ? HSPACE_POST_FLAG_NO_IMAGE : 0;
+        Call post([&] { return qel_hspace_post(h, "Race", nullptr, HSPACE_POST_SYNC, 1, flags); });
+        Packet p = c.next_packet();
+        Call cancel([&] { return qel_hspace_cancel(h, "rACE", HSPACE_CANCEL_SYNC, 0); });
+        Packet q = c.next_packet();
+        ASSERT_TRUE(p.rr && q.rr && p.hspace && q.hspace);
+        ASSERT_EQ(codec::kOpPost, p.hspace->opcode);
+        ASSERT_EQ(codec::kOpCancel, q.hspace->opcode);
+        c.batch();
+        if (cancel_first) c.reply(q.rr->corrid, 0);
+        c.reply(p.rr->corrid, post_status);
+        if (!cancel_first) c.reply(q.rr->corrid, 0);
+        ASSERT_TRUE(c.flush());
+        EXPECT_EQ(post_status, post.Result());
+        EXPECT_EQ(0u, cancel.Result());
+        ASSERT_EQ(0, Outstanding(h));
+    }
+    CloseAndDestroy(&h);
+    EXPECT_TRUE(g_events.Events().empty());
+}
+
+TEST_F(Races, PostReplyAgainstTheEndOfTheConnection)
+{
+    FakeService svc;
+    for (int i = 0; i < kConnectionRounds; i++) {
+        SCOPED_TRACE(i);
+        watchdog_.Kick();
+        g_events.Reset();
+        bool no_image = i % 2 == 0;
+        bool service_hangs_up = i % 4 < 2; // else the application closes
+        t_qel_hspace h = nullptr;
+        FakeConnection c;
+        ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
+        int urid = 0;
+        Call post([&] {
+            return qel_hspace_post(h, "k", &urid, HSPACE_POST_SYNC, 1, no_image ? HSPACE_POST_FLAG_NO_IMAGE : 0);
+        });
+        Packet p = c.next_packet();
+        ASSERT_TRUE(p.rr.has_value());
+        c.reply(p.rr->corrid, 0);
+        if (service_hangs_up) {
+            c.close();
+            // The reply precedes the end of stream: the post succeeded, and
+            // its open image (if any) ends with the link's error.
+            EXPECT_EQ(0u, post.Result());
+            ASSERT_TRUE(g_events.WaitFor(no_image ? 1 : 2));
+            CloseAndDestroy(&h);
+            std::vector<Event> ev = g_events.Events();
+            ASSERT_EQ(no_image ? 1u : 2u, ev.size());
+            if (!no_image) {
+                EXPECT_EQ(HSPACE_EVENT_POST_IMAGE, ev[0].type);
+                EXPECT_EQ(&urid, ev[0].urid);
+                EXPECT_EQ(KRO_ERR_PEER_CLOSED, ev[0].status);
+            }
+            EXPECT_EQ(HSPACE_EVENT_LINK_FAIL, ev.back().type);
+            EXPECT_EQ(KRO_ERR_PEER_CLOSED, ev.back().status);
+        } else {
+            // Close as soon as the reply is sent: the post either got its
+            // reply (and an open image then ends with 18) or ends with 18.
+            EXPECT_EQ(0u, qel_hspace_close(h));
+            t_kro_error status = post.Result();
+            std::vector<Event> ev = g_events.Events(); // close joined the reader
+            if (status == 0 && !no_image) {
+                ASSERT_EQ(1u, ev.size());
+                EXPECT_EQ(HSPACE_EVENT_POST_IMAGE, ev[0].type);
+                EXPECT_EQ(KRO_ERR_CLOSED, ev[0].status);
+            } else {
+                EXPECT_TRUE(status == 0 || status == KRO_ERR_CLOSED) << status;
+                EXPECT_TRUE(ev.empty());
+            }
+            EXPECT_EQ(0u, qel_hspace_destroy(&h));
+        }
+    }
+}
+
+TEST_F(Races, CancelAnsweredBeforeThePostItOvertookEndsThatPostWhenItsReplyArrives)
+{
+    FakeService svc;
+    t_qel_hspace h = nullptr;
+    FakeConnection c;
+    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
+    int urid = 0;
+
+    Call post([&] { return qel_hspace_post(h, "Sub", &urid, HSPACE_POST_SYNC, 1, 0); });
+    Packet p = c.next_packet();
+    Call cancel([&] { return qel_hspace_cancel(h, "sUB", HSPACE_CANCEL_SYNC, 0); });
+    Packet q = c.next_packet();
+    ASSERT_TRUE(p.rr && q.rr);
+    c.reply(q.rr->corrid, 0);
+    EXPECT_EQ(0u, cancel.Result());
+    qel_hspace_lock(h);
+    t_qel_hspace_request record = qel_hspace_request_get_post(h, "SUB");
+    ASSERT_NE(nullptr, record);
+    EXPECT_TRUE(record->cancelled);
+    EXPECT_FALSE(record->sync_ctx->complete);
+    EXPECT_EQ(1, h->reqtable->num_elements);
+    qel_hspace_unlock(h);
+
+    // The post's own reply, then image objects for it: the post returns the
+    // reply's status, the subscription is gone and its objects are dropped.
+    c.reply(p.rr->corrid, 0);
+    EXPECT_EQ(0u, post.Result());
+    EXPECT_EQ(0, Outstanding(h));
+    c.objects(p.rr->corrid, codec::kOpPost, {{"Sub/a", "dropped"}});
+
+    // A new post of the key is accepted and delivers its image.
+    int urid2 = 0;
+    Call again([&] { return qel_hspace_post(h, "SUB", &urid2, HSPACE_POST_SYNC, 1, 0); });
+    Packet p2 = c.next_packet();
+    ASSERT_TRUE(p2.rr.has_value());
+    c.reply(p2.rr->corrid, 0);
+    EXPECT_EQ(0u, again.Result());
+    c.objects(p2.rr->corrid, codec::kOpPost, {{"Sub/b", "kept"}});
+    ASSERT_TRUE(g_events.WaitFor(1));
+    EXPECT_EQ(1, Outstanding(h));
+
+    // Overtaken and then refused: the post returns the refusal.
+    Call refused([&] { return qel_hspace_post(h, "other", nullptr, HSPACE_POST_SYNC, 1, 0); });
+    Packet p3 = c.next_packet();
+    Call cancel3([&] { return qel_hspace_cancel(h, "OTHER", HSPACE_CANCEL_SYNC, 0); });
+    Packet q3 = c.next_packet();
+    ASSERT_TRUE(p3.rr && q3.rr);
+    c.reply(q3.rr->corrid, 0x6300);
+    EXPECT_EQ(0x6300u, cancel3.Result());
+    c.reply(p3.rr->corrid, 0x6200);
+    EXPECT_EQ(0x6200u, refused.Result());
+    EXPECT_EQ(1, Outstanding(h));
+
+    CloseAndDestroy(&h);
+    std::vector<Event> ev = g_events.Events();
+    ASSERT_EQ(1u, ev.size());
+    EXPECT_EQ(&urid2, ev[0].urid);
+    EXPECT_EQ("SUB", ev[0].key);
+    EXPECT_EQ("Sub/b", ev[0].object_key);
+}
+
+} // namespace

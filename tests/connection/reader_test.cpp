@@ -1,0 +1,393 @@
+/*
+ * reader_test.cpp - the reader thread and inbound dispatch, white-box:
+ * replies matched to waiters by correlation id, a synchronous get's list,
+ * reply-image and notification events with their fields, answers for
+ * unknown correlation ids, packets merged into one write or split into
+ * single bytes, and the refusal of data operations inside a callback.
+ */
+#include "kro.h"
+#include "kro_buf.h"
+#include "kro_llist.h"
+
+/* Allocations the library makes through kro_mm_alloc in its own file are
+ * counted per thread, so a test can prove that a packet was dropped without
+ * building anything. */
+static thread_local int t_allocations = 0;
+static t_kro_error qel_test_counted_alloc(t_kro_uint4 size, void *variable, t_kro_bool clear);
+#define kro_mm_alloc(size, variable, clear) qel_test_counted_alloc(size, variable, clear)
+#include "qel_hspace.cpp"
+#undef kro_mm_alloc
+
+static t_kro_error qel_test_counted_alloc(t_kro_uint4 size, void *variable, t_kro_bool clear)
+{
+    t_allocations++;
+    return kro_mm_alloc(size, variable, clear);
+}
+
+#include <map>
+
+#include "connection_support.h"
+
+namespace {
+
+using namespace conn;
+
+using Reader = ConnectionTest;
+using Callbacks = ConnectionTest;
+
+TEST_F(Reader, RepliesCompleteWaitersByCorrelationIdInAnyOrder)
+{
+    FakeService svc;
+    t_qel_hspace h = nullptr;
+    FakeConnection c;
+    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
+    t_qel_hspace_object object = nullptr;
+    ASSERT_EQ(0u, qel_hspace_object_create("k-put", nullptr, &object));
+    ObjectList list;
+
+    // Four waiters of four kinds; each reply carries a status of its own.
+    Call put([&] { return qel_hspace_put(h, object, HSPACE_PUT_SYNC, 0); });
+    Call remove([&] { return qel_hspace_remove(h, "k-remove", HSPACE_REMOVE_SYNC, 0); });
+    Call get([&] { return qel_hspace_get(h, "k-get", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()); });
+    Call cancel([&] { return qel_hspace_cancel(h, "k-cancel", HSPACE_CANCEL_SYNC, 0); });
+    std::vector<Packet> requests;
+    for (int i = 0; i < 4; i++) {
+        requests.push_back(c.next_packet());
+        ASSERT_TRUE(requests.back().rr.has_value() && requests.back().hspace.has_value());
+    }
+    std::map<std::string, t_kro_error> status = {
+        {"k-put", 0x7001}, {"k-remove", 0x7002}, {"k-get", 0x7003}, {"k-cancel", 0x7004}};
+    for (auto it = requests.rbegin(); it != requests.rend(); ++it) c.reply(it->rr->corrid, status.at(it->hspace->key));
+    EXPECT_EQ(0x7001u, put.Result());
+    EXPECT_EQ(0x7002u, remove.Result());
+    EXPECT_EQ(0x7003u, get.Result());
+    EXPECT_EQ(0x7004u, cancel.Result());
+    EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
+    qel_hspace_lock(h);
+    EXPECT_EQ(0, h->reqtable->num_elements);
+    qel_hspace_unlock(h);
+    CloseAndDestroy(&h);
+    EXPECT_TRUE(g_events.Events().empty());
+}
+
+TEST_F(Reader, SynchronousGetAppendsObjectsInArrivalOrderAfterTheCallersOwn)
+{
+    FakeService svc;
+    t_qel_hspace h = nullptr;
+    FakeConnection c;
+    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
+    ObjectList list;
+    t_qel_hspace_object mine = nullptr;
+    ASSERT_EQ(0u, qel_hspace_object_create("mine", nullptr, &mine));
+    kro_llist_append(list.get(), mine);
+
+    Call get([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()); });
+    Packet p = c.next_packet();
+    ASSERT_TRUE(p.rr.has_value());
+    // Numbered 2, 1, 3 of 3: the list follows arrival, the third completes.
+    c.object(p.rr->corrid, codec::kOpGet, "key/b", "bee", 3, 2);
+    c.object(p.rr->corrid, codec::kOpGet, "key/a", "", 3, 1);
+    c.object(p.rr->corrid, codec::kOpGet, "key/c", std::string(3, '\0'), 3, 3);
+    EXPECT_EQ(0u, get.Result());
+    kro_llist_remove(mine);
+    EXPECT_EQ(0u, qel_hspace_object_destroy(&mine));
+    std::vector<std::pair<std::string, std::string>> expected = {
+        {"key/b", "bee"}, {"key/a", "(null)"}, {"key/c", std::string(3, '\0')}};
+    EXPECT_EQ(expected, list.Contents());
+    list.Clear();
+
+    // A failed answer: its one object (count 0, number 0) ends the get with
+    // the error, and the list keeps it; nothing stored is a success.
+    Call failed([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()); });
+    p = c.next_packet();
+    ASSERT_TRUE(p.rr.has_value());
+    std::string bytes;
+    Packet o;
+    o.hspace = codec::HspaceSubheader();
+    o.hspace->opcode = codec::kOpGet;
+    o.hspace->key = "key";
+    o.rr = codec::RrSubheader::failure(p.rr->corrid, 77);
+    o.body_type = codec::kTypeObject;
+    codec::encode(bytes, o);
+    c.send_raw(bytes);
+    EXPECT_EQ(77u, failed.Result());
+    EXPECT_EQ(1u, list.Contents().size());
+    list.Clear();
+    Call nothing([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()); });
+    p = c.next_packet();
+    c.reply(p.rr->corrid, KRO_ERR_NO_MATCH);
+    EXPECT_EQ(0u, nothing.Result());
+    EXPECT_TRUE(list.Contents().empty());
+    CloseAndDestroy(&h);
+}
+
+TEST_F(Reader, AsynchronousAnswersRaiseReplyImageEventsWithTheRequestsFields)
+{
+    FakeService svc;
+    t_qel_hspace h = nullptr;
+    FakeConnection c;
+    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
+    int urids[5];
+
+    // Three asynchronous gets: two objects, nothing stored, an error. The
+    // caller's key buffer is reused at once.
+    char key[16] = "Get-1";
+    ASSERT_EQ(0u, qel_hspace_get(h, key, &urids[0], HSPACE_GET_ASYNC, 0, 0, nullptr));
+    strcpy(key, "Get-2");
+    ASSERT_EQ(0u, qel_hspace_get(h, key, &urids[1], HSPACE_GET_ASYNC, 0, 0, nullptr));
+    strcpy(key, "Get-3");
+    ASSERT_EQ(0u, qel_hspace_get(h, key, &urids[2], HSPACE_GET_ASYNC, 0, 0, nullptr));
+    strcpy(key, "xxxxx");
+    Packet g1 = c.next_packet(), g2 = c.next_packet(), g3 = c.next_packet();
+    ASSERT_TRUE(g1.rr && g2.rr && g3.rr);
+    c.objects(g1.rr->corrid, codec::kOpGet, {{"Get-1/x", "one"}, {"Get-1/y", ""}});
+    c.reply(g2.rr->corrid, KRO_ERR_NO_MATCH);
+    c.reply(g3.rr->corrid, 0); // success never answers an asynchronous get: dropped
+    c.reply(g3.rr->corrid, 0x6001);
+
+    // Two subscriptions: an image of two objects, and an empty image.
+    Call post1([&] { return qel_hspace_post(h, "Post-1", &urids[3], HSPACE_POST_SYNC, 0x0F, 0); });
+    Packet p1 = c.next_packet();
+    ASSERT_TRUE(p1.rr.has_value());
+    c.object(p1.rr->corrid, codec::kOpPost, "early", "e", 1, 1); // before the post's reply: dropped
+    c.reply(p1.rr->corrid, 0);
+    EXPECT_EQ(0u, post1.Result());
+    c.objects(p1.rr->corrid, codec::kOpPost, {{"Post-1/a", "A"}, {"Post-1/b", "B"}});
+    Call post2([&] { return qel_hspace_post(h, "Post-2", &urids[4], HSPACE_POST_SYNC, 0x0F, 0); });
+    Packet p2 = c.next_packet();
+    ASSERT_TRUE(p2.rr.has_value());
+    c.reply(p2.rr->corrid, 0);
+    EXPECT_EQ(0u, post2.Result());
+    c.reply(p2.rr->corrid, KRO_ERR_NO_MATCH);
+    // Replies no exchange produces are dropped: success for a subscription,
+    // anything for one whose image is complete.
+    c.reply(p1.rr->corrid, 0);
+    c.reply(p1.rr->corrid, 0x6002);
+    // An image object whose rr subheader is marked as a request: dropped.
+    Packet request_marked;
+    request_marked.hspace = codec::HspaceSubheader();
+    request_marked.hspace->opcode = codec::kOpPost;
+    request_marked.hspace->key = "marked";
+    request_marked.rr = codec::RrSubheader::request(p1.rr->corrid);
+    request_marked.body_type = codec::kTypeObject;
+    std::string bytes;
+    codec::encode(bytes, request_marked);
+    c.send_raw(bytes);
+    c.notify("end", 1);
+
+    ASSERT_TRUE(g_events.WaitFor(8));
+    std::vector<Event> ev = g_events.Events();
+    ASSERT_EQ(8u, ev.size());
+    struct Want {
+        t_qel_hspace_event type;        // the event
+        int urid;                       // index into urids
+        const char *key;                // the request's key
+        t_kro_error status;             // the event's status
+        t_kro_uint4 cardinality, index; // count and number of the object
+        const char *object_key;         // null: no object
+        const char *value;              // the object's value; "" for none
+    } want[] = {
+        {HSPACE_EVENT_GET_REPLY, 0, "Get-1", 0, 2, 1, "Get-1/x", "one"},
+        {HSPACE_EVENT_GET_REPLY, 0, "Get-1", 0, 2, 2, "Get-1/y", ""},
+        {HSPACE_EVENT_GET_REPLY, 1, "Get-2", 0, 0, 0, nullptr, nullptr},
+        {HSPACE_EVENT_GET_REPLY, 2, "Get-3", 0x6001, 0, 0, nullptr, nullptr},
+        {HSPACE_EVENT_POST_IMAGE, 3, "Post-1", 0, 2, 1, "Post-1/a", "A"},
+        {HSPACE_EVENT_POST_IMAGE, 3, "Post-1", 0, 2, 2, "Post-1/b", "B"},
+        {HSPACE_EVENT_POST_IMAGE, 4, "Post-2", 0, 0, 0, nullptr, nullptr},
+    };
+    for (size_t i = 0; i < sizeof want / sizeof want[0]; i++) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(want[i].type, ev[i].type);
+        EXPECT_EQ(&urids[want[i].urid], ev[i].urid);
+        EXPECT_EQ(want[i].key, ev[i].key);
+        EXPECT_EQ(want[i].status, ev[i].status);
+        EXPECT_EQ(want[i].cardinality, ev[i].cardinality);
+        EXPECT_EQ(want[i].index, ev[i].index);
+        EXPECT_EQ(want[i].object_key != nullptr, ev[i].has_object);
+        if (want[i].object_key != nullptr) {
+            EXPECT_EQ(want[i].object_key, ev[i].object_key);
+            EXPECT_EQ(want[i].value, ev[i].object_value);
+            EXPECT_EQ(want[i].value[0] == '\0', ev[i].object_data_null);
+        }
+        EXPECT_EQ(HSPACE_STATE_OPEN, ev[i].state);
+    }
+    EXPECT_EQ(HSPACE_EVENT_POST_NOTIFICATION, ev[7].type);
+
+    // The gets are gone; both subscriptions remain, their images complete.
+    qel_hspace_lock(h);
+    EXPECT_EQ(2, h->reqtable->num_elements);
+    for (t_kro_ptr n = kro_llist_first(h->reqtable); n != nullptr; n = kro_llist_next(h->reqtable, n)) {
+        EXPECT_EQ(HSPACE_OPCODE_POST, ((t_qel_hspace_request)n)->opcode);
+        EXPECT_TRUE(((t_qel_hspace_request)n)->initial_image_complete);
+    }
+    qel_hspace_unlock(h);
+    CloseAndDestroy(&h);
+    EXPECT_EQ(8u, g_events.Events().size()); // complete images end silently at close
+}
+
+TEST_F(Reader, NotificationsAreRaisedForAnyKey)
+{
+    FakeService svc;
+    t_qel_hspace h = nullptr;
+    FakeConnection c;
+    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
+    c.notify("never/subscribed", 0xFF, "v1");
+    c.notify("other", 0x01);
+    ASSERT_TRUE(g_events.WaitFor(2));
+    std::vector<Event> ev = g_events.Events();
+    ASSERT_EQ(2u, ev.size());
+    EXPECT_EQ(HSPACE_EVENT_POST_NOTIFICATION, ev[0].type);
+    EXPECT_EQ(255, ev[0].trigger); // widened without sign
+    EXPECT_EQ("never/subscribed", ev[0].object_key);
+    EXPECT_EQ("v1", ev[0].object_value);
+    EXPECT_EQ(1, ev[1].trigger);
+    EXPECT_EQ("other", ev[1].object_key);
+    EXPECT_TRUE(ev[1].object_data_null);
+    CloseAndDestroy(&h);
+}
+
+/* Frames bytes (one whole packet) in a buffer of their own and hands the
+ * packet to inbound processing on the calling thread. Returns the number of
+ * allocations processing made. */
+int ProcessCounted(t_qel_hspace h, const std::string &bytes)
+{
+    t_kro_buf buf = nullptr;
+    t_qel_hspace_packet packet = nullptr;
+    kro_buf_create(&buf, (t_kro_uint4)bytes.size(), 0);
+    memcpy(buf->ptr, bytes.data(), bytes.size());
+    EXPECT_TRUE(qel_hspace_pkt_is_full(buf));
+    qel_hspace_pkt_frame(buf, &packet);
+    int before = t_allocations;
+    qel_hspace_process_packet(h, packet);
+    int made = t_allocations - before;
+    EXPECT_EQ(0u, kro_mm_free(&packet));
+    kro_buf_release(&buf);
+    return made;
+}
+
+TEST_F(Reader, AnswersForUnknownCorrelationIdsAreDroppedWithoutAllocating)
+{
+    t_qel_hspace h = nullptr;
+    ASSERT_EQ(0u, Create("tcp://127.0.0.1:1", "tester", "tests", &h));
+    ObjectList list;
+    qel_hspace_lock(h);
+    t_qel_hspace_request get =
+        qel_hspace_request_create(h, HSPACE_OPCODE_GET, "key", nullptr, nullptr, 0, 0, list.get());
+    qel_hspace_unlock(h);
+
+    std::string object, reply;
+    codec::encode_object(object, get->corrid + 1, codec::kOpGet, "key", "value", 1, 1);
+    codec::encode_reply(reply, get->corrid + 1, 0);
+    EXPECT_EQ(0, ProcessCounted(h, object));
+    EXPECT_EQ(0, ProcessCounted(h, reply));
+    EXPECT_FALSE(get->sync_ctx->complete);
+    EXPECT_TRUE(list.Contents().empty());
+    // The same object addressed to the request is built (and counted).
+    object.clear();
+    codec::encode_object(object, get->corrid, codec::kOpGet, "key", "value", 1, 1);
+    EXPECT_LT(0, ProcessCounted(h, object));
+    EXPECT_TRUE(get->sync_ctx->complete);
+    EXPECT_EQ(1u, list.Contents().size());
+
+    qel_hspace_lock(h);
+    qel_hspace_request_destroy(&get);
+    qel_hspace_unlock(h);
+    EXPECT_EQ(0u, qel_hspace_destroy(&h));
+}
+
+TEST_F(Reader, MergedPacketsSplitPacketsAndStrayAnswersLeaveTheReaderWorking)
+{
+    FakeService svc;
+    t_qel_hspace h = nullptr;
+    FakeConnection c;
+    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
+    int urid = 0;
+    ObjectList list;
+    t_qel_hspace_object object = nullptr;
+    ASSERT_EQ(0u, qel_hspace_object_create("p", nullptr, &object));
+
+    // One write: stray answers for ids never issued, a put's reply, an
+    // asynchronous get's answer with a value larger than the read buffer,
+    // and a notification.
+    Call put([&] { return qel_hspace_put(h, object, HSPACE_PUT_SYNC, 0); });
+    Packet pp = c.next_packet();
+    ASSERT_EQ(0u, qel_hspace_get(h, "big", &urid, HSPACE_GET_ASYNC, 0, 0, nullptr));
+    Packet gp = c.next_packet();
+    ASSERT_TRUE(pp.rr && gp.rr);
+    std::string big(3 * HSPACE_PKT_READBUF_SIZE + 17, 'x');
+    c.batch();
+    c.object(0x3FFFFFFF, codec::kOpGet, "stray", "s", 1, 1);
+    c.object(0x3FFFFFFF, codec::kOpPost, "stray", "s", 1, 1);
+    c.reply(0x3FFFFFFE, 0);
+    c.reply(0, 5);
+    c.reply(pp.rr->corrid, 0);
+    c.object(gp.rr->corrid, codec::kOpGet, "big", big, 1, 1);
+    c.notify("n", 3, "after");
+    ASSERT_TRUE(c.flush());
+    EXPECT_EQ(0u, put.Result());
+    ASSERT_TRUE(g_events.WaitFor(2));
+
+    // A synchronous get's whole answer, one byte per write.
+    Call get([&] { return qel_hspace_get(h, "small", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()); });
+    Packet p = c.next_packet();
+    ASSERT_TRUE(p.rr.has_value());
+    std::string bytes;
+    codec::encode_object(bytes, p.rr->corrid, codec::kOpGet, "small/1", "v1", 2, 1);
+    codec::encode_object(bytes, p.rr->corrid, codec::kOpGet, "small/2", "v2", 2, 2);
+    ASSERT_TRUE(c.send_raw_bytewise(bytes));
+    EXPECT_EQ(0u, get.Result());
+    std::vector<std::pair<std::string, std::string>> expected = {{"small/1", "v1"}, {"small/2", "v2"}};
+    EXPECT_EQ(expected, list.Contents());
+
+    std::vector<Event> ev = g_events.Events();
+    ASSERT_EQ(2u, ev.size());
+    EXPECT_EQ(HSPACE_EVENT_GET_REPLY, ev[0].type);
+    EXPECT_EQ(&urid, ev[0].urid);
+    EXPECT_EQ(big, ev[0].object_value);
+    EXPECT_EQ(HSPACE_EVENT_POST_NOTIFICATION, ev[1].type);
+    EXPECT_EQ("after", ev[1].object_value);
+    EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
+    CloseAndDestroy(&h);
+}
+
+TEST_F(Callbacks, DataOperationsInsideACallbackReturnWouldDeadlockAndTheHandleKeepsWorking)
+{
+    FakeService svc;
+    t_qel_hspace h = nullptr;
+    FakeConnection c;
+    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
+    t_qel_hspace_object object = nullptr;
+    ASSERT_EQ(0u, qel_hspace_object_create("k", nullptr, &object));
+    ObjectList list;
+    std::vector<t_kro_error> results; // written by the hook, read after the event
+    g_events.SetHook([&](t_qel_hspace hh, const Event &) {
+        results.push_back(qel_hspace_put(hh, object, HSPACE_PUT_SYNC, 0));
+        results.push_back(qel_hspace_put(hh, object, HSPACE_PUT_NOREPLY, 0));
+        results.push_back(qel_hspace_get(hh, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()));
+        results.push_back(qel_hspace_get(hh, "k", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr));
+        results.push_back(qel_hspace_post(hh, "k", nullptr, HSPACE_POST_SYNC, 1, 0));
+        results.push_back(qel_hspace_cancel(hh, "k", HSPACE_CANCEL_SYNC, 0));
+        results.push_back(qel_hspace_remove(hh, "k", HSPACE_REMOVE_SYNC, 0));
+        results.push_back(qel_hspace_remove(hh, "k", HSPACE_REMOVE_NOREPLY, 0));
+        t_qel_hspace copy = hh;
+        results.push_back(qel_hspace_destroy(&copy)); // still open: refused
+        EXPECT_EQ(hh, copy);
+    });
+    c.notify("k", 1);
+    ASSERT_TRUE(g_events.WaitFor(1));
+    EXPECT_EQ(std::vector<t_kro_error>(8, KRO_ERR_WOULD_DEADLOCK),
+              std::vector<t_kro_error>(results.begin(), results.begin() + 8));
+    EXPECT_EQ(KRO_ERR_INVALID_STATE, results.at(8));
+
+    Call put([&] { return qel_hspace_put(h, object, HSPACE_PUT_SYNC, 0); });
+    Packet p = c.next_packet(); // the put, so nothing was sent from the callback
+    ASSERT_TRUE(p.hspace.has_value());
+    EXPECT_EQ(codec::kOpPut, p.hspace->opcode);
+    c.reply(p.rr->corrid, 0);
+    EXPECT_EQ(0u, put.Result());
+    EXPECT_EQ(HSPACE_STATE_OPEN, State(h));
+    EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
+    CloseAndDestroy(&h);
+}
+
+} // namespace
