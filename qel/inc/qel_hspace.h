@@ -155,8 +155,9 @@ KRO_API t_kro_error qel_hspace_close(t_qel_hspace hspace);
 /* Releases a handle in HSPACE_STATE_INIT or HSPACE_STATE_CLOSED and clears
  * *hspace; from the event callback (also while closing) it is deferred to
  * the end of the reader thread and *hspace is left as it is. Errors: 7, 12,
- * 13 in any other state. No other thread may be inside an operation on the
- * handle. */
+ * 13 in any other state. REQUIRES: every other thread's call on the handle
+ * has returned, including a synchronous call that close has just woken with
+ * KRO_ERR_CLOSED; destroy frees the lock such a call still holds. */
 KRO_API t_kro_error qel_hspace_destroy(t_qel_hspace *hspace);
 
 /* ---- objects ---- */
