@@ -6,11 +6,13 @@
  * (with the library's error text on stderr).
  *
  * Threads: the main thread runs the command. watch also has the handle's
- * reader thread, which prints the events (under print_mutex) and, on a
- * link failure, wakes the main thread through the self-pipe that the
- * signal handler writes to as well.
+ * reader thread, which prints the events (under print_mutex). watch blocks
+ * SIGINT, SIGTERM and SIGUSR1 before the handle starts its thread, so every
+ * thread inherits the mask, and the main thread takes them with sigwait;
+ * the reader thread sends SIGUSR1 to the process when the watch fails.
  */
 #include <errno.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -135,7 +137,8 @@ std::string describe(t_qel_hspace_object object)
 // ---- watch: state shared between the reader thread and the main thread ----
 
 std::mutex print_mutex;                        // serialises lines on stdout
-int wake_pipe[2] = {-1, -1};                   // written by signals and the reader thread; read by main
+bool watching = false;                         // set before the handle opens; read-only after
+sigset_t watch_signals;                        // SIGINT, SIGTERM, SIGUSR1; blocked in every thread while watching
 std::atomic<t_kro_error> watch_failure{0};     // reader thread: why the watch ended, 0 when interrupted
 
 void print_line(const std::string &line)
@@ -146,17 +149,12 @@ void print_line(const std::string &line)
     fflush(stdout);
 }
 
-void wake_main(char why)
+// Reader thread: ends the watch with error.
+void watch_fail(t_kro_error error)
 {
-    ssize_t ignored = write(wake_pipe[1], &why, 1);
-    (void)ignored;
-}
-
-void on_signal(int)
-{
-    int saved = errno;
-    wake_main('s');
-    errno = saved;
+    if (!watching) return;
+    watch_failure = error;
+    kill(getpid(), SIGUSR1); // to the process: the main thread's sigwait takes it
 }
 
 // Event callback of every command. Reader thread, no library lock held.
@@ -167,8 +165,7 @@ void on_event(t_qel_hspace, t_qel_hspace_event event, t_kro_ptr event_data)
     case HSPACE_EVENT_POST_IMAGE: {
         auto *e = static_cast<t_qel_hspace_reply_image_event_data_struct *>(event_data);
         if (e->status != 0) {
-            watch_failure = e->status;
-            wake_main('f');
+            watch_fail(e->status);
         } else if (e->object == nullptr) {
             print_line("image (none)");
         } else {
@@ -199,8 +196,7 @@ void on_event(t_qel_hspace, t_qel_hspace_event event, t_kro_ptr event_data)
     }
     case HSPACE_EVENT_LINK_FAIL: {
         auto *e = static_cast<t_qel_hspace_fail_event_data_struct *>(event_data);
-        watch_failure = e->error != 0 ? e->error : KRO_ERR_PEER_CLOSED;
-        if (wake_pipe[1] >= 0) wake_main('f');
+        watch_fail(e->error != 0 ? e->error : KRO_ERR_PEER_CLOSED);
         break;
     }
     }
@@ -282,29 +278,17 @@ int cmd_rm(t_qel_hspace hspace, const char *key)
     return error == 0 ? kDone : failed("rm", error);
 }
 
-// Prints events until a signal or a failure. The handle is open; signals
-// and the self-pipe were set up before it was opened.
+// Prints events until a signal or a failure. The handle is open; the
+// signals were blocked before it was opened.
 int cmd_watch(t_qel_hspace hspace, const char *key)
 {
     t_kro_error error = qel_hspace_post(hspace, key, nullptr, HSPACE_POST_SYNC, 0, 0);
     if (error != 0) return failed("watch", error);
-    char why = 0;
-    while (read(wake_pipe[0], &why, 1) < 0 && errno == EINTR) {
-    }
+    int signo = 0;
+    sigwait(&watch_signals, &signo);
     t_kro_error failure = watch_failure.load();
     if (failure != 0) return failed("watch", failure);
     return kDone;
-}
-
-bool setup_wake()
-{
-    if (pipe(wake_pipe) != 0) return false;
-    struct sigaction sa;
-    memset(&sa, 0, sizeof sa);
-    sa.sa_handler = on_signal;
-    sa.sa_flags = SA_RESTART; // the library's own calls go on; the pipe wakes main
-    sigemptyset(&sa.sa_mask);
-    return sigaction(SIGINT, &sa, nullptr) == 0 && sigaction(SIGTERM, &sa, nullptr) == 0;
 }
 
 } // namespace
@@ -378,9 +362,13 @@ int main(int argc, char **argv)
     } else if (command == "rm" || command == "watch") {
         if (nargs != 1) return usage_error(command + " KEY");
         key = args[0];
-        if (command == "watch" && !setup_wake()) {
-            fprintf(stderr, "hspace: cannot set up signal handling: %s\n", strerror(errno));
-            return kFailed;
+        if (command == "watch") {
+            sigemptyset(&watch_signals);
+            sigaddset(&watch_signals, SIGINT);
+            sigaddset(&watch_signals, SIGTERM);
+            sigaddset(&watch_signals, SIGUSR1);
+            pthread_sigmask(SIG_BLOCK, &watch_signals, nullptr);
+            watching = true;
         }
     } else {
         return usage_error("unknown command " + command);

@@ -23,12 +23,14 @@ fail() {
     exit 1
 }
 
-# expect_exit CODE COMMAND...: runs the command, checks its exit status.
+# expect_exit CODE COMMAND...: runs the command (bounded by the watchdog),
+# checks its exit status.
 expect_exit() {
     local want=$1
     shift
-    "$@" >"$tmp/out" 2>"$tmp/err"
+    timeout -k 5 "$WATCHDOG" "$@" >"$tmp/out" 2>"$tmp/err"
     local got=$?
+    [ "$got" -eq 124 ] && fail "$* did not end within ${WATCHDOG}s"
     [ "$got" -eq "$want" ] || fail "$* exited $got, expected $want; stderr: $(cat "$tmp/err")"
 }
 
@@ -46,8 +48,9 @@ expect_line() {
 # wait_exit FD PID CODE: the process writing FD ends (end of its output,
 # bounded), then its exit status is CODE.
 wait_exit() {
-    while IFS= read -r -t "$WATCHDOG" -u "$1" line; do :; done
-    [ $? -gt 128 ] && fail "process $2 did not end within ${WATCHDOG}s"
+    local rc=0
+    while [ "$rc" -eq 0 ]; do IFS= read -r -t "$WATCHDOG" -u "$1" line || rc=$?; done
+    [ "$rc" -gt 128 ] && fail "process $2 did not end within ${WATCHDOG}s"
     wait "$2"
     local got=$?
     [ "$got" -eq "$3" ] || fail "process $2 exited $got, expected $3"
@@ -78,8 +81,8 @@ expect_exit 1 "$HSPACE" --url "$url" get greeting
 # Values from standard input and from a file, read back byte for byte;
 # HSPACE_URL stands for --url.
 printf 'line one\nline two\001\000end' >"$tmp/value"
-HSPACE_URL=$url "$HSPACE" put f/stdin <"$tmp/value" || fail "put from stdin"
-HSPACE_URL=$url "$HSPACE" put f/dash - <"$tmp/value" || fail "put from stdin (-)"
+HSPACE_URL=$url timeout -k 5 "$WATCHDOG" "$HSPACE" put f/stdin <"$tmp/value" || fail "put from stdin"
+HSPACE_URL=$url timeout -k 5 "$WATCHDOG" "$HSPACE" put f/dash - <"$tmp/value" || fail "put from stdin (-)"
 expect_exit 0 "$HSPACE" --url "$url" put f/file -f "$tmp/value"
 for k in f/stdin f/dash f/file; do
     expect_exit 0 "$HSPACE" --url "$url" get --raw "$k"

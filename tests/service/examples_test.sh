@@ -35,14 +35,14 @@ exec {svc_fd}<"$tmp/service"
 IFS= read -r -t "$WATCHDOG" -u "$svc_fd" line || fail "hspaced did not start"
 url=${line#hspaced listening on }
 
-"$EXAMPLES/quickstart" "$url" >"$tmp/quickstart" 2>&1 || { cat "$tmp/quickstart"; fail "quickstart failed"; }
+timeout -k 5 "$WATCHDOG" "$EXAMPLES/quickstart" "$url" >"$tmp/quickstart" 2>&1 || { cat "$tmp/quickstart"; fail "quickstart failed"; }
 grep -q "quickstart: every step gave the expected result" "$tmp/quickstart" || fail "quickstart's verdict missing"
 grep -q "event: post image 3/3: fruit/cherry" "$tmp/quickstart" || fail "quickstart shows no image"
 grep -q "event: notification (removed): fruit/banana" "$tmp/quickstart" || fail "quickstart shows no removal"
 # Run twice: the quickstart leaves the store as it found it.
-"$EXAMPLES/quickstart" "$url" >"$tmp/quickstart" 2>&1 || { cat "$tmp/quickstart"; fail "second quickstart failed"; }
+timeout -k 5 "$WATCHDOG" "$EXAMPLES/quickstart" "$url" >"$tmp/quickstart" 2>&1 || { cat "$tmp/quickstart"; fail "second quickstart failed"; }
 
-"$EXAMPLES/threads" "$url" 50 >"$tmp/threads" 2>&1 || { cat "$tmp/threads"; fail "threads failed"; }
+timeout -k 5 "$WATCHDOG" "$EXAMPLES/threads" "$url" 50 >"$tmp/threads" 2>&1 || { cat "$tmp/threads"; fail "threads failed"; }
 
 # The subscriber sees the quickstart's changes to fruit/*, in order.
 "$EXAMPLES/subscriber" "$url" 'fruit/*' >"$tmp/subscriber" 2>/dev/null &
@@ -50,17 +50,21 @@ sub=$!
 pids+=("$sub")
 exec {sub_fd}<"$tmp/subscriber"
 expect_line "$sub_fd" "image: nothing stored under fruit/*"
-"$EXAMPLES/quickstart" "$url" >/dev/null 2>&1 || fail "quickstart beside the subscriber failed"
+timeout -k 5 "$WATCHDOG" "$EXAMPLES/quickstart" "$url" >/dev/null 2>&1 || fail "quickstart beside the subscriber failed"
 for want in "stored fruit/apple = red" "stored fruit/banana = yellow" "stored fruit/cherry = dark red" \
     "stored fruit/durian = spiky" "stored fruit/apple = green" "removed fruit/banana" "removed fruit/apple" \
     "removed fruit/cherry" "removed fruit/durian"; do
     expect_line "$sub_fd" "$want"
 done
 kill -INT "$sub"
-while IFS= read -r -t "$WATCHDOG" -u "$sub_fd" line; do :; done
-[ $? -gt 128 ] && fail "subscriber did not stop on SIGINT"
+rc=0
+while [ "$rc" -eq 0 ]; do IFS= read -r -t "$WATCHDOG" -u "$sub_fd" line || rc=$?; done
+[ "$rc" -gt 128 ] && fail "subscriber did not stop on SIGINT"
 wait "$sub" || fail "subscriber exited $? after SIGINT"
 
 kill -TERM "$svc"
+rc=0
+while [ "$rc" -eq 0 ]; do IFS= read -r -t "$WATCHDOG" -u "$svc_fd" line || rc=$?; done
+[ "$rc" -gt 128 ] && fail "hspaced did not stop on SIGTERM"
 wait "$svc" || fail "hspaced exited $? on SIGTERM"
 echo "examples_test: all passed"
