@@ -70,6 +70,16 @@ bool same_key_nocase(const std::string &a, const std::string &b)
     return true;
 }
 
+// s with every byte outside printable ASCII replaced by '?', so that a log
+// line stays one line whatever a client sends.
+std::string printable(const std::string &s)
+{
+    std::string out(s);
+    for (char &ch : out)
+        if (static_cast<unsigned char>(ch) < 0x20 || static_cast<unsigned char>(ch) > 0x7E) ch = '?';
+    return out;
+}
+
 Bytes make_bytes(std::string s)
 {
     return std::make_shared<const std::string>(std::move(s));
@@ -346,7 +356,7 @@ void Engine::handle(Connection &c, const codec::Packet &p)
         codec::encode_handshake_reply(out, 1, options_.ltp, options_.name);
         c.handshaken = true;
         log("conn %llu handshake: client \"%s\" group \"%s\"", static_cast<unsigned long long>(c.id()),
-            p.handshake_request->client_name.c_str(), p.handshake_request->client_group.c_str());
+            printable(p.handshake_request->client_name).c_str(), printable(p.handshake_request->client_group).c_str());
         c.send(std::move(out));
         return;
     }
@@ -427,9 +437,10 @@ void Engine::answer_get(Connection &c, uint32_t corrid, uint8_t opcode, const st
     std::vector<const std::pair<const std::string, std::string> *> found;
     if (is_pattern(key)) {
         std::string prefix = key.substr(0, key.size() - 1);
-        for (auto it = store_.lower_bound(prefix); it != store_.end() && it->first.compare(0, prefix.size(), prefix) == 0;
-             ++it)
+        for (auto it = store_.lower_bound(prefix); it != store_.end(); ++it) {
+            if (it->first.compare(0, prefix.size(), prefix) != 0) break;
             found.push_back(&*it);
+        }
     } else {
         auto it = store_.find(key);
         if (it != store_.end()) found.push_back(&*it);
