@@ -1,9 +1,8 @@
 /*
- * endings_test.cpp - how a connection ends, white-box: close from another
- * thread, the service hanging up or sending bytes that are no packet,
- * close (and destroy) inside a reply callback, close and destroy inside the
- * link-failure callback, and destroy refused while the handle is open or
- * failed.
+ * endings_test.cpp - how a connection ends, white-box: the service sending
+ * bytes that are no packet, close (and destroy) inside a reply callback,
+ * close and destroy inside the link-failure callback. A close from another
+ * thread and a dropped connection are in operations/cut_test.cpp.
  */
 #include <string.h>
 
@@ -26,7 +25,7 @@ static t_kro_error qel_test_watched_free(void *variable);
 #include "qel_hspace.cpp"
 #undef kro_mm_free
 
-#include "connection_support.h"
+#include "client_harness.h"
 
 static t_kro_error qel_test_watched_free(void *variable)
 {
@@ -34,7 +33,7 @@ static t_kro_error qel_test_watched_free(void *variable)
     if (variable != nullptr) memcpy(&block, variable, sizeof block);
     t_kro_error error = kro_mm_free(variable);
     if (block != nullptr && block == s_watched.load()) {
-        s_callbacks_at_release.store(conn::g_events.Running());
+        s_callbacks_at_release.store(hspace::test::g_events.running());
         s_released->raise();
     }
     return error;
@@ -42,115 +41,9 @@ static t_kro_error qel_test_watched_free(void *variable)
 
 namespace {
 
-using namespace conn;
+using namespace hspace::test;
 
-using Endings = ConnectionTest;
-
-// Starts the outstanding work the ending tests abandon, oldest first: a
-// subscription with its image open, one with its image complete, an
-// asynchronous get and a synchronous get (on its own thread).
-struct Outstanding {
-    int urid_open = 0, urid_complete = 0, urid_async = 0; // urids handed to the library
-    ObjectList list;                                      // the synchronous get's list
-    std::unique_ptr<Call> sync_get;                       // the synchronous get
-
-    void Start(t_qel_hspace h, FakeConnection &c)
-    {
-        Call open([&] { return qel_hspace_post(h, "open-image", &urid_open, HSPACE_POST_SYNC, 1, 0); });
-        Packet p = c.next_packet();
-        ASSERT_TRUE(p.rr.has_value());
-        c.reply(p.rr->corrid, 0);
-        ASSERT_EQ(0u, open.Result());
-        Call done([&] {
-            return qel_hspace_post(h, "complete-image", &urid_complete, HSPACE_POST_SYNC, 1, HSPACE_POST_FLAG_NO_IMAGE);
-        });
-        p = c.next_packet();
-        ASSERT_TRUE(p.rr.has_value());
-        c.reply(p.rr->corrid, 0);
-        ASSERT_EQ(0u, done.Result());
-        ASSERT_EQ(0u, qel_hspace_get(h, "async", &urid_async, HSPACE_GET_ASYNC, 0, 0, nullptr));
-        c.next_packet();
-        sync_get.reset(new Call([this, h] {
-            return qel_hspace_get(h, "sync", nullptr, HSPACE_GET_SYNC, 0, 0, list.get());
-        }));
-        c.next_packet(); // the synchronous get is waiting
-    }
-
-    // The events its ending raises, before any link failure: the open image
-    // and the asynchronous get, in table order, with status.
-    void ExpectEnded(const std::vector<Event> &ev, t_kro_error status)
-    {
-        ASSERT_LE(2u, ev.size());
-        EXPECT_EQ(HSPACE_EVENT_POST_IMAGE, ev[0].type);
-        EXPECT_EQ(&urid_open, ev[0].urid);
-        EXPECT_EQ("open-image", ev[0].key);
-        EXPECT_EQ(HSPACE_EVENT_GET_REPLY, ev[1].type);
-        EXPECT_EQ(&urid_async, ev[1].urid);
-        EXPECT_EQ("async", ev[1].key);
-        for (size_t i = 0; i < 2; i++) {
-            EXPECT_EQ(status, ev[i].status);
-            EXPECT_EQ(0u, ev[i].cardinality);
-            EXPECT_EQ(0u, ev[i].index);
-            EXPECT_FALSE(ev[i].has_object);
-        }
-        EXPECT_EQ(status, sync_get->Result());
-        EXPECT_TRUE(list.Contents().empty());
-    }
-};
-
-TEST_F(Endings, CloseFromAnotherThreadCompletesEverythingWithClosedAndRaisesNoLinkFailure)
-{
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
-    Outstanding out;
-    ASSERT_NO_FATAL_FAILURE(out.Start(h, c));
-    t_qel_hspace same = h;
-    EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_destroy(&same));
-    EXPECT_EQ(h, same);
-
-    EXPECT_EQ(0u, qel_hspace_close(h));
-    EXPECT_EQ(HSPACE_STATE_CLOSED, State(h));
-    std::vector<Event> ev = g_events.Events(); // close joined the reader: nothing follows
-    EXPECT_EQ(2u, ev.size());
-    out.ExpectEnded(ev, KRO_ERR_CLOSED);
-    for (const Event &e : ev) EXPECT_EQ(HSPACE_STATE_CLOSED, e.state);
-    EXPECT_EQ(0u, h->reqtable->num_elements);
-    EXPECT_TRUE(c.wait_closed());
-    EXPECT_EQ(0u, qel_hspace_close(h)); // a second close does nothing
-    EXPECT_EQ(0u, qel_hspace_destroy(&h));
-    EXPECT_EQ(nullptr, h);
-}
-
-TEST_F(Endings, ServiceHangingUpFailsTheLinkWithItsErrorThenOneLinkFailureEvent)
-{
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
-    Outstanding out;
-    ASSERT_NO_FATAL_FAILURE(out.Start(h, c));
-
-    c.close();
-    ASSERT_TRUE(g_events.WaitFor(3));
-    EXPECT_EQ(KRO_ERR_PEER_CLOSED, out.sync_get->Result()); // out of the library before destroy
-    EXPECT_EQ(HSPACE_STATE_FAILED, State(h));
-    EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_remove(h, "k", HSPACE_REMOVE_SYNC, 0));
-    t_qel_hspace same = h;
-    EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_destroy(&same)); // failed, not closed
-    EXPECT_EQ(h, same);
-    EXPECT_EQ(0u, qel_hspace_close(h));
-    EXPECT_EQ(HSPACE_STATE_CLOSED, State(h));
-    EXPECT_EQ(0u, qel_hspace_destroy(&h)); // joins the reader: no event follows
-
-    std::vector<Event> ev = g_events.Events();
-    ASSERT_EQ(3u, ev.size());
-    out.ExpectEnded(ev, KRO_ERR_PEER_CLOSED);
-    EXPECT_EQ(HSPACE_EVENT_LINK_FAIL, ev[2].type);
-    EXPECT_EQ(KRO_ERR_PEER_CLOSED, ev[2].status);
-    for (const Event &e : ev) EXPECT_EQ(HSPACE_STATE_FAILED, e.state);
-}
+using Endings = LibraryTest;
 
 TEST_F(Endings, BytesThatAreNoPacketFailTheLinkWithInvalidPacket)
 {
@@ -173,7 +66,7 @@ TEST_F(Endings, BytesThatAreNoPacketFailTheLinkWithInvalidPacket)
 
     for (const auto &input : inputs) {
         SCOPED_TRACE(input.first);
-        g_events.Reset();
+        g_events.reset();
         FakeService svc;
         t_qel_hspace h = nullptr;
         FakeConnection c;
@@ -185,11 +78,11 @@ TEST_F(Endings, BytesThatAreNoPacketFailTheLinkWithInvalidPacket)
         c.notify("before", 2);
         c.send_raw(input.second);
         ASSERT_TRUE(c.flush());
-        EXPECT_EQ(KRO_ERR_INVALID_PACKET, remove.Result());
-        ASSERT_TRUE(g_events.WaitFor(2));
+        EXPECT_EQ(KRO_ERR_INVALID_PACKET, remove.result());
+        ASSERT_TRUE(g_events.wait_count(2));
         EXPECT_EQ(HSPACE_STATE_FAILED, State(h));
         CloseAndDestroy(&h);
-        std::vector<Event> ev = g_events.Events();
+        std::vector<Event> ev = g_events.events();
         ASSERT_EQ(2u, ev.size());
         EXPECT_EQ(HSPACE_EVENT_POST_NOTIFICATION, ev[0].type);
         EXPECT_EQ(HSPACE_EVENT_LINK_FAIL, ev[1].type);
@@ -218,14 +111,14 @@ void CloseInsideAReplyCallback(bool also_destroy)
     if (!also_destroy) {
         // A synchronous waiter too; never with a deferred destroy, which
         // would free the handle under it.
-        sync_get.reset(new Call([&] { return qel_hspace_get(h, "s", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()); }));
+        sync_get.reset(new Call([&] { return qel_hspace_get(h, "s", nullptr, HSPACE_GET_SYNC, 0, 0, list); }));
         c.next_packet();
     }
     std::atomic<int> calls{0};
     t_kro_error close_result = 99, destroy_result = 99;
     t_qel_hspace_state after_close = HSPACE_STATE_INIT;
     t_qel_hspace destroyed = nullptr;
-    g_events.SetHook([&](t_qel_hspace hh, const Event &) {
+    g_events.set_hook([&](t_qel_hspace hh, const Event &) {
         if (calls.fetch_add(1) != 0) return;
         close_result = qel_hspace_close(hh);
         after_close = State(hh);
@@ -241,7 +134,7 @@ void CloseInsideAReplyCallback(bool also_destroy)
     c.notify("never-seen", 1);
     ASSERT_TRUE(c.flush());
 
-    ASSERT_TRUE(g_events.WaitFor(2));
+    ASSERT_TRUE(g_events.wait_count(2));
     EXPECT_EQ(0u, close_result);
     EXPECT_EQ(HSPACE_STATE_CLOSING, after_close);
     if (also_destroy) {
@@ -251,13 +144,13 @@ void CloseInsideAReplyCallback(bool also_destroy)
         EXPECT_EQ(0, s_callbacks_at_release.load());
         s_watched.store(nullptr);
     } else {
-        EXPECT_EQ(KRO_ERR_CLOSED, sync_get->Result());
+        EXPECT_EQ(KRO_ERR_CLOSED, sync_get->result());
         EXPECT_EQ(0u, qel_hspace_close(h));
         EXPECT_EQ(HSPACE_STATE_CLOSED, State(h));
         EXPECT_EQ(0u, qel_hspace_destroy(&h)); // joins the reader: no event follows
     }
     EXPECT_TRUE(c.wait_closed());
-    std::vector<Event> ev = g_events.Events();
+    std::vector<Event> ev = g_events.events();
     ASSERT_EQ(2u, ev.size());
     EXPECT_EQ(&urid1, ev[0].urid);
     EXPECT_EQ(0u, ev[0].status);
@@ -292,7 +185,7 @@ TEST_F(Endings, CloseAndDestroyInsideTheLinkFailureCallbackReleaseTheHandleAfter
     t_kro_error close_result = 99, destroy_result = 99;
     t_qel_hspace_state after_close = HSPACE_STATE_INIT;
     t_qel_hspace destroyed = nullptr;
-    g_events.SetHook([&](t_qel_hspace hh, const Event &e) {
+    g_events.set_hook([&](t_qel_hspace hh, const Event &e) {
         if (e.type != HSPACE_EVENT_LINK_FAIL) return;
         close_result = qel_hspace_close(hh);
         after_close = State(hh);
@@ -310,7 +203,7 @@ TEST_F(Endings, CloseAndDestroyInsideTheLinkFailureCallbackReleaseTheHandleAfter
     EXPECT_EQ(HSPACE_STATE_CLOSED, after_close);
     EXPECT_EQ(0u, destroy_result);
     EXPECT_EQ(h, destroyed);
-    std::vector<Event> ev = g_events.Events();
+    std::vector<Event> ev = g_events.events();
     ASSERT_EQ(2u, ev.size());
     EXPECT_EQ(HSPACE_EVENT_GET_REPLY, ev[0].type);
     EXPECT_EQ(KRO_ERR_PEER_CLOSED, ev[0].status);
@@ -331,19 +224,19 @@ TEST_F(Endings, CloseInsideAReplyCallbackOfALinkFailureSuppressesTheLinkFailureE
     c.next_packet();
     t_kro_error close_result = 99;
     t_qel_hspace_state after_close = HSPACE_STATE_INIT;
-    g_events.SetHook([&](t_qel_hspace hh, const Event &e) {
+    g_events.set_hook([&](t_qel_hspace hh, const Event &e) {
         if (e.urid != &urid1) return;
         close_result = qel_hspace_close(hh);
         after_close = State(hh);
     });
     c.reset();
-    ASSERT_TRUE(g_events.WaitFor(2));
+    ASSERT_TRUE(g_events.wait_count(2));
     EXPECT_EQ(0u, qel_hspace_close(h));
     EXPECT_EQ(HSPACE_STATE_CLOSED, State(h));
     EXPECT_EQ(0u, qel_hspace_destroy(&h)); // joins the reader: no event follows
     EXPECT_EQ(0u, close_result);
     EXPECT_EQ(HSPACE_STATE_CLOSED, after_close);
-    std::vector<Event> ev = g_events.Events();
+    std::vector<Event> ev = g_events.events();
     ASSERT_EQ(2u, ev.size());
     EXPECT_EQ(&urid1, ev[0].urid);
     EXPECT_EQ(HSPACE_STATE_FAILED, ev[0].state);

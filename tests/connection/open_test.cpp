@@ -6,101 +6,13 @@
  */
 #include "qel_hspace.cpp"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include "connection_support.h"
+#include "client_harness.h"
 
 namespace {
 
-using namespace conn;
+using namespace hspace::test;
 
-// A port that refuses connections until Listen(): the socket is bound
-// first and listens later. After Listen() one connection is accepted on a
-// thread of its own, its handshake answered like the service's, and it is
-// held until the client closes. Every wait is bounded by kBound.
-class LatePort {
-public:
-    LatePort()
-    {
-        struct sockaddr_in addr = {};
-        socklen_t len = sizeof addr;
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_GE(fd_, 0);
-        EXPECT_EQ(0, bind(fd_, (struct sockaddr *)&addr, sizeof addr));
-        EXPECT_EQ(0, getsockname(fd_, (struct sockaddr *)&addr, &len));
-        port_ = ntohs(addr.sin_port);
-    }
-    ~LatePort()
-    {
-        if (thread_.joinable()) thread_.join();
-        close(fd_);
-    }
-
-    std::string url() const { return "tcp://127.0.0.1:" + std::to_string(port_); }
-
-    // Starts listening and serving one connection.
-    void Listen(const std::string &name)
-    {
-        ASSERT_EQ(0, listen(fd_, 1));
-        thread_ = std::thread([this, name] { Serve(name); });
-    }
-
-    // The handshake request received; after the client closed.
-    Packet Handshake()
-    {
-        if (thread_.joinable()) thread_.join();
-        return handshake_;
-    }
-
-private:
-    // Waits for fd to become readable; false and a recorded failure after kBound.
-    static bool Readable(int fd)
-    {
-        struct pollfd p = {fd, POLLIN, 0};
-        if (poll(&p, 1, (int)kBound.count()) == 1) return true;
-        ADD_FAILURE() << "watchdog: nothing to read within " << kBound.count() << " ms";
-        return false;
-    }
-
-    void Serve(const std::string &name)
-    {
-        if (!Readable(fd_)) return;
-        int c = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
-        ASSERT_GE(c, 0);
-        std::string in;
-        char buf[4096];
-        ssize_t n = 1;
-        codec::FrameResult f = codec::frame(in);
-        while (f.status == codec::FrameStatus::NeedMore && n > 0 && Readable(c)) {
-            n = recv(c, buf, sizeof buf, 0);
-            if (n > 0) in.append(buf, (size_t)n);
-            f = codec::frame(in);
-        }
-        if (f.status == codec::FrameStatus::Complete && codec::decode(in.substr(0, f.wirelen), handshake_)) {
-            std::string reply;
-            codec::encode_handshake_reply(reply, 1, 5, name);
-            EXPECT_EQ((ssize_t)reply.size(), send(c, reply.data(), reply.size(), MSG_NOSIGNAL));
-            while (Readable(c) && recv(c, buf, sizeof buf, 0) > 0) {
-            }
-        } else {
-            ADD_FAILURE() << "no handshake request from the client";
-        }
-        close(c);
-    }
-
-    int fd_ = -1;           // bound, later listening
-    uint16_t port_ = 0;     // its port
-    std::thread thread_;    // serves the one connection
-    Packet handshake_;      // written by thread_, read after joining it
-};
-
-using Open = ConnectionTest;
+using Open = LibraryTest;
 
 TEST_F(Open, HandshakeCarriesDefaultsForNullAndEmptyStringsForEmptyNames)
 {
@@ -130,19 +42,22 @@ TEST_F(Open, HandshakeCarriesDefaultsForNullAndEmptyStringsForEmptyNames)
 
 TEST_F(Open, RefusedConnectLeavesInitAndTheSameHandleOpensOnceTheServiceListens)
 {
-    LatePort port;
+    FakeService svc{FakeService::Deferred()};
     t_qel_hspace h = nullptr;
-    ASSERT_EQ(0u, Create(port.url(), "tester", "tests", &h));
+    ASSERT_EQ(0u, Create(svc.url(), "tester", "tests", &h));
     EXPECT_EQ(KRO_ERR_CONN_REFUSED, qel_hspace_open(h));
     EXPECT_EQ(HSPACE_STATE_INIT, State(h));
     EXPECT_EQ(nullptr, h->reader);
 
-    port.Listen("late");
+    svc.listen();
+    Packet got;
+    svc.serve([&got](FakeConnection &c) { got = c.handshake(5, "late"); });
     ASSERT_EQ(0u, qel_hspace_open(h));
     EXPECT_EQ(HSPACE_STATE_OPEN, State(h));
     EXPECT_STREQ("late", h->service_name);
+    ASSERT_TRUE(svc.join());
+    EXPECT_EQ("tester", got.handshake_request.value_or(codec::HandshakeRequest()).client_name);
     CloseAndDestroy(&h);
-    EXPECT_EQ("tester", port.Handshake().handshake_request.value_or(codec::HandshakeRequest()).client_name);
 }
 
 TEST_F(Open, ServiceHangingUpMidHandshakeLeavesInitAndARetryReadsACleanStream)
@@ -186,7 +101,7 @@ TEST_F(Open, ServiceHangingUpMidHandshakeLeavesInitAndARetryReadsACleanStream)
     ASSERT_TRUE(p.rr.has_value());
     EXPECT_EQ(4242u, p.dport);
     c.reply(p.rr->corrid, 0);
-    EXPECT_EQ(0u, put.Result());
+    EXPECT_EQ(0u, put.result());
     EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
     CloseAndDestroy(&h);
 }
@@ -236,7 +151,7 @@ TEST_F(Open, SecondOpenIsRefusedAndLeavesTheConnectionWorking)
     Packet p = c.next_packet();
     ASSERT_TRUE(p.rr.has_value());
     c.reply(p.rr->corrid, 0);
-    EXPECT_EQ(0u, remove.Result());
+    EXPECT_EQ(0u, remove.result());
 
     EXPECT_EQ(0u, qel_hspace_close(h));
     EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_open(h)); // a closed handle is never reopened

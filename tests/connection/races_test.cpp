@@ -7,13 +7,13 @@
  */
 #include "qel_hspace.cpp"
 
-#include "connection_support.h"
+#include "client_harness.h"
 
 namespace {
 
-using namespace conn;
+using namespace hspace::test;
 
-using Races = ConnectionTest;
+using Races = LibraryTest;
 
 constexpr int kCancelRounds = 300;     // post/cancel races on one connection
 constexpr int kConnectionRounds = 120; // post reply against the connection's end
@@ -51,12 +51,12 @@ TEST_F(Races, PostReplyAgainstACancelCompletingInTheSameWrite)
         c.reply(p.rr->corrid, post_status);
         if (!cancel_first) c.reply(q.rr->corrid, 0);
         ASSERT_TRUE(c.flush());
-        EXPECT_EQ(post_status, post.Result());
-        EXPECT_EQ(0u, cancel.Result());
+        EXPECT_EQ(post_status, post.result());
+        EXPECT_EQ(0u, cancel.result());
         ASSERT_EQ(0, Outstanding(h));
     }
     CloseAndDestroy(&h);
-    EXPECT_TRUE(g_events.Events().empty());
+    EXPECT_TRUE(g_events.events().empty());
 }
 
 TEST_F(Races, PostReplyAgainstTheEndOfTheConnection)
@@ -65,7 +65,7 @@ TEST_F(Races, PostReplyAgainstTheEndOfTheConnection)
     for (int i = 0; i < kConnectionRounds; i++) {
         SCOPED_TRACE(i);
         watchdog_.Kick();
-        g_events.Reset();
+        g_events.reset();
         bool no_image = i % 2 == 0;
         bool service_hangs_up = i % 4 < 2; // else the application closes
         t_qel_hspace h = nullptr;
@@ -82,10 +82,10 @@ TEST_F(Races, PostReplyAgainstTheEndOfTheConnection)
             c.close();
             // The reply precedes the end of stream: the post succeeded, and
             // its open image (if any) ends with the link's error.
-            EXPECT_EQ(0u, post.Result());
-            ASSERT_TRUE(g_events.WaitFor(no_image ? 1 : 2));
+            EXPECT_EQ(0u, post.result());
+            ASSERT_TRUE(g_events.wait_count(no_image ? 1 : 2));
             CloseAndDestroy(&h);
-            std::vector<Event> ev = g_events.Events();
+            std::vector<Event> ev = g_events.events();
             ASSERT_EQ(no_image ? 1u : 2u, ev.size());
             if (!no_image) {
                 EXPECT_EQ(HSPACE_EVENT_POST_IMAGE, ev[0].type);
@@ -98,8 +98,8 @@ TEST_F(Races, PostReplyAgainstTheEndOfTheConnection)
             // Close as soon as the reply is sent: the post either got its
             // reply (and an open image then ends with 18) or ends with 18.
             EXPECT_EQ(0u, qel_hspace_close(h));
-            t_kro_error status = post.Result();
-            std::vector<Event> ev = g_events.Events(); // close joined the reader
+            t_kro_error status = post.result();
+            std::vector<Event> ev = g_events.events(); // close joined the reader
             if (status == 0 && !no_image) {
                 ASSERT_EQ(1u, ev.size());
                 EXPECT_EQ(HSPACE_EVENT_POST_IMAGE, ev[0].type);
@@ -127,7 +127,7 @@ TEST_F(Races, CancelAnsweredBeforeThePostItOvertookEndsThatPostWhenItsReplyArriv
     Packet q = c.next_packet();
     ASSERT_TRUE(p.rr && q.rr);
     c.reply(q.rr->corrid, 0);
-    EXPECT_EQ(0u, cancel.Result());
+    EXPECT_EQ(0u, cancel.result());
     qel_hspace_lock(h);
     t_qel_hspace_request record = qel_hspace_request_get_post(h, "SUB");
     ASSERT_NE(nullptr, record);
@@ -139,7 +139,7 @@ TEST_F(Races, CancelAnsweredBeforeThePostItOvertookEndsThatPostWhenItsReplyArriv
     // The post's own reply, then image objects for it: the post returns the
     // reply's status, the subscription is gone and its objects are dropped.
     c.reply(p.rr->corrid, 0);
-    EXPECT_EQ(0u, post.Result());
+    EXPECT_EQ(0u, post.result());
     EXPECT_EQ(0, Outstanding(h));
     c.objects(p.rr->corrid, codec::kOpPost, {{"Sub/a", "dropped"}});
 
@@ -149,9 +149,9 @@ TEST_F(Races, CancelAnsweredBeforeThePostItOvertookEndsThatPostWhenItsReplyArriv
     Packet p2 = c.next_packet();
     ASSERT_TRUE(p2.rr.has_value());
     c.reply(p2.rr->corrid, 0);
-    EXPECT_EQ(0u, again.Result());
+    EXPECT_EQ(0u, again.result());
     c.objects(p2.rr->corrid, codec::kOpPost, {{"Sub/b", "kept"}});
-    ASSERT_TRUE(g_events.WaitFor(1));
+    ASSERT_TRUE(g_events.wait_count(1));
     EXPECT_EQ(1, Outstanding(h));
 
     // Overtaken and then refused: the post returns the refusal.
@@ -161,13 +161,13 @@ TEST_F(Races, CancelAnsweredBeforeThePostItOvertookEndsThatPostWhenItsReplyArriv
     Packet q3 = c.next_packet();
     ASSERT_TRUE(p3.rr && q3.rr);
     c.reply(q3.rr->corrid, 0x6300);
-    EXPECT_EQ(0x6300u, cancel3.Result());
+    EXPECT_EQ(0x6300u, cancel3.result());
     c.reply(p3.rr->corrid, 0x6200);
-    EXPECT_EQ(0x6200u, refused.Result());
+    EXPECT_EQ(0x6200u, refused.result());
     EXPECT_EQ(1, Outstanding(h));
 
     CloseAndDestroy(&h);
-    std::vector<Event> ev = g_events.Events();
+    std::vector<Event> ev = g_events.events();
     ASSERT_EQ(1u, ev.size());
     EXPECT_EQ(&urid2, ev[0].urid);
     EXPECT_EQ("SUB", ev[0].key);

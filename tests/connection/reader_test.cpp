@@ -3,7 +3,7 @@
  * replies matched to waiters by correlation id, a synchronous get's list,
  * reply-image and notification events with their fields, answers for
  * unknown correlation ids, packets merged into one write or split into
- * single bytes, and the refusal of data operations inside a callback.
+ * single bytes.
  */
 #include "kro.h"
 #include "kro_buf.h"
@@ -26,14 +26,13 @@ static t_kro_error qel_test_counted_alloc(t_kro_uint4 size, void *variable, t_kr
 
 #include <map>
 
-#include "connection_support.h"
+#include "client_harness.h"
 
 namespace {
 
-using namespace conn;
+using namespace hspace::test;
 
-using Reader = ConnectionTest;
-using Callbacks = ConnectionTest;
+using Reader = LibraryTest;
 
 TEST_F(Reader, RepliesCompleteWaitersByCorrelationIdInAnyOrder)
 {
@@ -47,27 +46,33 @@ TEST_F(Reader, RepliesCompleteWaitersByCorrelationIdInAnyOrder)
 
     // Four waiters of four kinds; each reply carries a status of its own.
     Call put([&] { return qel_hspace_put(h, object, HSPACE_PUT_SYNC, 0); });
-    Call remove([&] { return qel_hspace_remove(h, "k-remove", HSPACE_REMOVE_SYNC, 0); });
-    Call get([&] { return qel_hspace_get(h, "k-get", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()); });
+    Call remove([&] { return qel_hspace_remove(h, "k-remove", HSPACE_REMOVE_SYNC, -1); });
+    Call get([&] { return qel_hspace_get(h, "k-get", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
     Call cancel([&] { return qel_hspace_cancel(h, "k-cancel", HSPACE_CANCEL_SYNC, 0); });
     std::vector<Packet> requests;
     for (int i = 0; i < 4; i++) {
         requests.push_back(c.next_packet());
         ASSERT_TRUE(requests.back().rr.has_value() && requests.back().hspace.has_value());
     }
+    // Put and remove return the status unchanged, 2 included; none sends flags.
     std::map<std::string, t_kro_error> status = {
-        {"k-put", 0x7001}, {"k-remove", 0x7002}, {"k-get", 0x7003}, {"k-cancel", 0x7004}};
+        {"k-put", KRO_ERR_NO_MATCH}, {"k-remove", 0xDEADBEEF}, {"k-get", 0x7003}, {"k-cancel", 0x7004}};
+    for (const Packet &p : requests) {
+        EXPECT_EQ(2, p.numsh);
+        EXPECT_EQ(codec::kSemSync, p.hspace->semantic);
+        EXPECT_EQ(0, p.hspace->flags);
+    }
     for (auto it = requests.rbegin(); it != requests.rend(); ++it) c.reply(it->rr->corrid, status.at(it->hspace->key));
-    EXPECT_EQ(0x7001u, put.Result());
-    EXPECT_EQ(0x7002u, remove.Result());
-    EXPECT_EQ(0x7003u, get.Result());
-    EXPECT_EQ(0x7004u, cancel.Result());
+    EXPECT_EQ(KRO_ERR_NO_MATCH, put.result());
+    EXPECT_EQ(0xDEADBEEFu, remove.result());
+    EXPECT_EQ(0x7003u, get.result());
+    EXPECT_EQ(0x7004u, cancel.result());
     EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
     qel_hspace_lock(h);
     EXPECT_EQ(0, h->reqtable->num_elements);
     qel_hspace_unlock(h);
     CloseAndDestroy(&h);
-    EXPECT_TRUE(g_events.Events().empty());
+    EXPECT_TRUE(g_events.events().empty());
 }
 
 TEST_F(Reader, SynchronousGetAppendsObjectsInArrivalOrderAfterTheCallersOwn)
@@ -79,26 +84,33 @@ TEST_F(Reader, SynchronousGetAppendsObjectsInArrivalOrderAfterTheCallersOwn)
     ObjectList list;
     t_qel_hspace_object mine = nullptr;
     ASSERT_EQ(0u, qel_hspace_object_create("mine", nullptr, &mine));
-    kro_llist_append(list.get(), mine);
+    kro_llist_append(list, mine);
 
-    Call get([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()); });
+    Call get([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
     Packet p = c.next_packet();
-    ASSERT_TRUE(p.rr.has_value());
+    ASSERT_TRUE(p.rr && p.hspace);
+    EXPECT_TRUE(p.rr->is_request());
+    EXPECT_EQ(codec::kOpGet, p.hspace->opcode);
+    EXPECT_EQ(codec::kSemSync, p.hspace->semantic);
+    EXPECT_EQ(0, p.hspace->timeout);
+    EXPECT_EQ("key", p.hspace->key);
+    EXPECT_EQ(codec::kTypeRequest, p.body_type);
+    EXPECT_EQ("", p.body);
     // Numbered 2, 1, 3 of 3: the list follows arrival, the third completes.
     c.object(p.rr->corrid, codec::kOpGet, "key/b", "bee", 3, 2);
     c.object(p.rr->corrid, codec::kOpGet, "key/a", "", 3, 1);
     c.object(p.rr->corrid, codec::kOpGet, "key/c", std::string(3, '\0'), 3, 3);
-    EXPECT_EQ(0u, get.Result());
+    EXPECT_EQ(0u, get.result());
     kro_llist_remove(mine);
     EXPECT_EQ(0u, qel_hspace_object_destroy(&mine));
     std::vector<std::pair<std::string, std::string>> expected = {
-        {"key/b", "bee"}, {"key/a", "(null)"}, {"key/c", std::string(3, '\0')}};
-    EXPECT_EQ(expected, list.Contents());
-    list.Clear();
+        {"key/b", "bee"}, {"key/a", ""}, {"key/c", std::string(3, '\0')}};
+    EXPECT_EQ(expected, list.contents());
+    list.clear();
 
     // A failed answer: its one object (count 0, number 0) ends the get with
     // the error, and the list keeps it; nothing stored is a success.
-    Call failed([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()); });
+    Call failed([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
     p = c.next_packet();
     ASSERT_TRUE(p.rr.has_value());
     std::string bytes;
@@ -110,14 +122,14 @@ TEST_F(Reader, SynchronousGetAppendsObjectsInArrivalOrderAfterTheCallersOwn)
     o.body_type = codec::kTypeObject;
     codec::encode(bytes, o);
     c.send_raw(bytes);
-    EXPECT_EQ(77u, failed.Result());
-    EXPECT_EQ(1u, list.Contents().size());
-    list.Clear();
-    Call nothing([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()); });
+    EXPECT_EQ(77u, failed.result());
+    EXPECT_EQ(1u, list.contents().size());
+    list.clear();
+    Call nothing([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
     p = c.next_packet();
     c.reply(p.rr->corrid, KRO_ERR_NO_MATCH);
-    EXPECT_EQ(0u, nothing.Result());
-    EXPECT_TRUE(list.Contents().empty());
+    EXPECT_EQ(0u, nothing.result());
+    EXPECT_TRUE(list.contents().empty());
     CloseAndDestroy(&h);
 }
 
@@ -151,13 +163,13 @@ TEST_F(Reader, AsynchronousAnswersRaiseReplyImageEventsWithTheRequestsFields)
     ASSERT_TRUE(p1.rr.has_value());
     c.object(p1.rr->corrid, codec::kOpPost, "early", "e", 1, 1); // before the post's reply: dropped
     c.reply(p1.rr->corrid, 0);
-    EXPECT_EQ(0u, post1.Result());
+    EXPECT_EQ(0u, post1.result());
     c.objects(p1.rr->corrid, codec::kOpPost, {{"Post-1/a", "A"}, {"Post-1/b", "B"}});
     Call post2([&] { return qel_hspace_post(h, "Post-2", &urids[4], HSPACE_POST_SYNC, 0x0F, 0); });
     Packet p2 = c.next_packet();
     ASSERT_TRUE(p2.rr.has_value());
     c.reply(p2.rr->corrid, 0);
-    EXPECT_EQ(0u, post2.Result());
+    EXPECT_EQ(0u, post2.result());
     c.reply(p2.rr->corrid, KRO_ERR_NO_MATCH);
     // Replies no exchange produces are dropped: success for a subscription,
     // anything for one whose image is complete.
@@ -175,8 +187,8 @@ TEST_F(Reader, AsynchronousAnswersRaiseReplyImageEventsWithTheRequestsFields)
     c.send_raw(bytes);
     c.notify("end", 1);
 
-    ASSERT_TRUE(g_events.WaitFor(8));
-    std::vector<Event> ev = g_events.Events();
+    ASSERT_TRUE(g_events.wait_count(8));
+    std::vector<Event> ev = g_events.events();
     ASSERT_EQ(8u, ev.size());
     struct Want {
         t_qel_hspace_event type;        // the event
@@ -207,7 +219,7 @@ TEST_F(Reader, AsynchronousAnswersRaiseReplyImageEventsWithTheRequestsFields)
         if (want[i].object_key != nullptr) {
             EXPECT_EQ(want[i].object_key, ev[i].object_key);
             EXPECT_EQ(want[i].value, ev[i].object_value);
-            EXPECT_EQ(want[i].value[0] == '\0', ev[i].object_data_null);
+            EXPECT_EQ(want[i].value[0] == '\0', ev[i].value_null);
         }
         EXPECT_EQ(HSPACE_STATE_OPEN, ev[i].state);
     }
@@ -222,7 +234,7 @@ TEST_F(Reader, AsynchronousAnswersRaiseReplyImageEventsWithTheRequestsFields)
     }
     qel_hspace_unlock(h);
     CloseAndDestroy(&h);
-    EXPECT_EQ(8u, g_events.Events().size()); // complete images end silently at close
+    EXPECT_EQ(8u, g_events.events().size()); // complete images end silently at close
 }
 
 TEST_F(Reader, NotificationsAreRaisedForAnyKey)
@@ -233,8 +245,8 @@ TEST_F(Reader, NotificationsAreRaisedForAnyKey)
     ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
     c.notify("never/subscribed", 0xFF, "v1");
     c.notify("other", 0x01);
-    ASSERT_TRUE(g_events.WaitFor(2));
-    std::vector<Event> ev = g_events.Events();
+    ASSERT_TRUE(g_events.wait_count(2));
+    std::vector<Event> ev = g_events.events();
     ASSERT_EQ(2u, ev.size());
     EXPECT_EQ(HSPACE_EVENT_POST_NOTIFICATION, ev[0].type);
     EXPECT_EQ(255, ev[0].trigger); // widened without sign
@@ -242,7 +254,7 @@ TEST_F(Reader, NotificationsAreRaisedForAnyKey)
     EXPECT_EQ("v1", ev[0].object_value);
     EXPECT_EQ(1, ev[1].trigger);
     EXPECT_EQ("other", ev[1].object_key);
-    EXPECT_TRUE(ev[1].object_data_null);
+    EXPECT_TRUE(ev[1].value_null);
     CloseAndDestroy(&h);
 }
 
@@ -272,7 +284,7 @@ TEST_F(Reader, AnswersForUnknownCorrelationIdsAreDroppedWithoutAllocating)
     ObjectList list;
     qel_hspace_lock(h);
     t_qel_hspace_request get =
-        qel_hspace_request_create(h, HSPACE_OPCODE_GET, "key", nullptr, nullptr, 0, 0, list.get());
+        qel_hspace_request_create(h, HSPACE_OPCODE_GET, "key", nullptr, nullptr, 0, 0, list);
     qel_hspace_unlock(h);
 
     std::string object, reply;
@@ -281,13 +293,13 @@ TEST_F(Reader, AnswersForUnknownCorrelationIdsAreDroppedWithoutAllocating)
     EXPECT_EQ(0, ProcessCounted(h, object));
     EXPECT_EQ(0, ProcessCounted(h, reply));
     EXPECT_FALSE(get->sync_ctx->complete);
-    EXPECT_TRUE(list.Contents().empty());
+    EXPECT_TRUE(list.contents().empty());
     // The same object addressed to the request is built (and counted).
     object.clear();
     codec::encode_object(object, get->corrid, codec::kOpGet, "key", "value", 1, 1);
     EXPECT_LT(0, ProcessCounted(h, object));
     EXPECT_TRUE(get->sync_ctx->complete);
-    EXPECT_EQ(1u, list.Contents().size());
+    EXPECT_EQ(1u, list.contents().size());
 
     qel_hspace_lock(h);
     qel_hspace_request_destroy(&get);
@@ -324,68 +336,28 @@ TEST_F(Reader, MergedPacketsSplitPacketsAndStrayAnswersLeaveTheReaderWorking)
     c.object(gp.rr->corrid, codec::kOpGet, "big", big, 1, 1);
     c.notify("n", 3, "after");
     ASSERT_TRUE(c.flush());
-    EXPECT_EQ(0u, put.Result());
-    ASSERT_TRUE(g_events.WaitFor(2));
+    EXPECT_EQ(0u, put.result());
+    ASSERT_TRUE(g_events.wait_count(2));
 
     // A synchronous get's whole answer, one byte per write.
-    Call get([&] { return qel_hspace_get(h, "small", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()); });
+    Call get([&] { return qel_hspace_get(h, "small", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
     Packet p = c.next_packet();
     ASSERT_TRUE(p.rr.has_value());
     std::string bytes;
     codec::encode_object(bytes, p.rr->corrid, codec::kOpGet, "small/1", "v1", 2, 1);
     codec::encode_object(bytes, p.rr->corrid, codec::kOpGet, "small/2", "v2", 2, 2);
     ASSERT_TRUE(c.send_raw_bytewise(bytes));
-    EXPECT_EQ(0u, get.Result());
+    EXPECT_EQ(0u, get.result());
     std::vector<std::pair<std::string, std::string>> expected = {{"small/1", "v1"}, {"small/2", "v2"}};
-    EXPECT_EQ(expected, list.Contents());
+    EXPECT_EQ(expected, list.contents());
 
-    std::vector<Event> ev = g_events.Events();
+    std::vector<Event> ev = g_events.events();
     ASSERT_EQ(2u, ev.size());
     EXPECT_EQ(HSPACE_EVENT_GET_REPLY, ev[0].type);
     EXPECT_EQ(&urid, ev[0].urid);
     EXPECT_EQ(big, ev[0].object_value);
     EXPECT_EQ(HSPACE_EVENT_POST_NOTIFICATION, ev[1].type);
     EXPECT_EQ("after", ev[1].object_value);
-    EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
-    CloseAndDestroy(&h);
-}
-
-TEST_F(Callbacks, DataOperationsInsideACallbackReturnWouldDeadlockAndTheHandleKeepsWorking)
-{
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
-    t_qel_hspace_object object = nullptr;
-    ASSERT_EQ(0u, qel_hspace_object_create("k", nullptr, &object));
-    ObjectList list;
-    std::vector<t_kro_error> results; // written by the hook, read after the event
-    g_events.SetHook([&](t_qel_hspace hh, const Event &) {
-        results.push_back(qel_hspace_put(hh, object, HSPACE_PUT_SYNC, 0));
-        results.push_back(qel_hspace_put(hh, object, HSPACE_PUT_NOREPLY, 0));
-        results.push_back(qel_hspace_get(hh, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list.get()));
-        results.push_back(qel_hspace_get(hh, "k", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr));
-        results.push_back(qel_hspace_post(hh, "k", nullptr, HSPACE_POST_SYNC, 1, 0));
-        results.push_back(qel_hspace_cancel(hh, "k", HSPACE_CANCEL_SYNC, 0));
-        results.push_back(qel_hspace_remove(hh, "k", HSPACE_REMOVE_SYNC, 0));
-        results.push_back(qel_hspace_remove(hh, "k", HSPACE_REMOVE_NOREPLY, 0));
-        t_qel_hspace copy = hh;
-        results.push_back(qel_hspace_destroy(&copy)); // still open: refused
-        EXPECT_EQ(hh, copy);
-    });
-    c.notify("k", 1);
-    ASSERT_TRUE(g_events.WaitFor(1));
-    EXPECT_EQ(std::vector<t_kro_error>(8, KRO_ERR_WOULD_DEADLOCK),
-              std::vector<t_kro_error>(results.begin(), results.begin() + 8));
-    EXPECT_EQ(KRO_ERR_INVALID_STATE, results.at(8));
-
-    Call put([&] { return qel_hspace_put(h, object, HSPACE_PUT_SYNC, 0); });
-    Packet p = c.next_packet(); // the put, so nothing was sent from the callback
-    ASSERT_TRUE(p.hspace.has_value());
-    EXPECT_EQ(codec::kOpPut, p.hspace->opcode);
-    c.reply(p.rr->corrid, 0);
-    EXPECT_EQ(0u, put.Result());
-    EXPECT_EQ(HSPACE_STATE_OPEN, State(h));
     EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
     CloseAndDestroy(&h);
 }

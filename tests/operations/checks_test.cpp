@@ -6,9 +6,10 @@
  */
 #include <gtest/gtest.h>
 
-#include "harness.h"
+#include "client_harness.h"
 
 namespace ops {
+using namespace hspace::test;
 namespace {
 
 template <typename T> T Sem(int v) { return static_cast<T>(v); }
@@ -38,7 +39,7 @@ TEST(CheckOrder, Put)
     // next packet the service sees is the remove that follows.
     ASSERT_TRUE(c.open());
     EXPECT_EQ(KRO_ERR_NOT_SUPPORTED,
-              Bounded(c.h, [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_PIPELINED, 0); }));
+              Bounded([&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_PIPELINED, 0); }));
     Packet sent;
     EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_remove(c.h, "k", HSPACE_REMOVE_SYNC, 0); }, ReplyWith(0),
                            &sent));
@@ -50,8 +51,7 @@ TEST(CheckOrder, Get)
 {
     FakeService svc;
     Client c(svc);
-    t_kro_llist list = nullptr;
-    kro_llist_create(&list);
+    ObjectList list;
     EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_get(nullptr, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list));
     EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_get(c.h, nullptr, nullptr, HSPACE_GET_SYNC, 0, 0, list));
     EXPECT_EQ(KRO_ERR_INVALID_ARG,
@@ -69,7 +69,6 @@ TEST(CheckOrder, Get)
     EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr))
         << "an asynchronous get needs no list";
     EXPECT_EQ(0, list->num_elements);
-    kro_llist_destroy(&list);
 }
 
 TEST(CheckOrder, PostCancelRemove)
@@ -99,8 +98,7 @@ TEST(CheckOrder, KeyOf65536BytesIsAnArgumentError)
 {
     FakeService svc;
     Client c(svc);
-    t_kro_llist list = nullptr;
-    kro_llist_create(&list);
+    ObjectList list;
     UserObject too_long(std::string(65536, 'k'), "v");
     UserObject longest(std::string(65535, 'k'), "v");
     for (t_kro_error r : CallEveryOperation(c.h, too_long.obj, list, too_long.key.c_str()))
@@ -108,7 +106,6 @@ TEST(CheckOrder, KeyOf65536BytesIsAnArgumentError)
     for (t_kro_error r : CallEveryOperation(c.h, longest.obj, list, longest.key.c_str()))
         EXPECT_EQ(KRO_ERR_INVALID_STATE, r);
     EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_put(c.h, too_long.obj, HSPACE_PUT_PIPELINED, 0)) << "12 before 14";
-    kro_llist_destroy(&list);
 }
 
 // Every operation on a handle that is not open returns 13: never opened,
@@ -117,9 +114,7 @@ TEST(CheckOrder, EveryOperationOnAHandleThatIsNotOpenReturns13)
 {
     FakeService svc;
     UserObject o("k", "v");
-    t_kro_llist list = nullptr;
-    kro_llist_create(&list);
-    t_qel_hspace_state state;
+    ObjectList list;
 
     Client unopened(svc);
     for (t_kro_error r : CallEveryOperation(unopened.h, o.obj, list, "k")) EXPECT_EQ(KRO_ERR_INVALID_STATE, r);
@@ -127,8 +122,7 @@ TEST(CheckOrder, EveryOperationOnAHandleThatIsNotOpenReturns13)
     Client closed(svc);
     ASSERT_TRUE(closed.open());
     ASSERT_EQ(0u, qel_hspace_close(closed.h));
-    EXPECT_EQ(0u, qel_hspace_get_state(closed.h, &state));
-    EXPECT_EQ(HSPACE_STATE_CLOSED, state);
+    EXPECT_EQ(HSPACE_STATE_CLOSED, State(closed.h));
     for (t_kro_error r : CallEveryOperation(closed.h, o.obj, list, "k")) EXPECT_EQ(KRO_ERR_INVALID_STATE, r);
 
     Client failed(svc);
@@ -136,15 +130,13 @@ TEST(CheckOrder, EveryOperationOnAHandleThatIsNotOpenReturns13)
     failed.conn.close();
     ASSERT_TRUE(failed.events.wait_count(1));
     EXPECT_EQ(HSPACE_EVENT_LINK_FAIL, failed.events.events()[0].type);
-    EXPECT_EQ(0u, qel_hspace_get_state(failed.h, &state));
-    EXPECT_EQ(HSPACE_STATE_FAILED, state);
+    EXPECT_EQ(HSPACE_STATE_FAILED, State(failed.h));
     for (t_kro_error r : CallEveryOperation(failed.h, o.obj, list, "k")) EXPECT_EQ(KRO_ERR_INVALID_STATE, r);
 
     EXPECT_EQ(0, list->num_elements);
-    kro_llist_destroy(&list);
 }
 
-// From inside the event callback every operation returns 23, whether the
+// From inside the event callback every operation returns 23 (and destroy 13), whether the
 // event is a notification (raised without the lock) or a reply-image event
 // (raised with the lock released around it); afterwards the handle serves
 // other threads normally.
@@ -154,11 +146,15 @@ TEST(CheckOrder, EveryOperationFromTheCallbackReturns23)
     Client c(svc);
     ASSERT_TRUE(c.open());
     UserObject o("k", "v");
-    t_kro_llist list = nullptr;
-    kro_llist_create(&list);
+    ObjectList list;
     std::vector<std::vector<t_kro_error>> results; // per event; written by the hook, read after wait_count
-    c.events.set_hook(
-        [&](t_qel_hspace h, const Event &) { results.push_back(CallEveryOperation(h, o.obj, list, "k")); });
+    c.events.set_hook([&](t_qel_hspace h, const Event &) {
+        std::vector<t_kro_error> r = CallEveryOperation(h, o.obj, list, "k");
+        t_qel_hspace copy = h;
+        r.push_back(qel_hspace_destroy(&copy)); // still open: refused with 13
+        EXPECT_EQ(h, copy);
+        results.push_back(r);
+    });
 
     c.conn.notify("k", 1, "changed");
     ASSERT_TRUE(c.events.wait_count(1));
@@ -169,8 +165,9 @@ TEST(CheckOrder, EveryOperationFromTheCallbackReturns23)
 
     ASSERT_EQ(2u, results.size());
     for (const auto &per_event : results) {
-        ASSERT_EQ(8u, per_event.size());
-        for (t_kro_error r : per_event) EXPECT_EQ(KRO_ERR_WOULD_DEADLOCK, r);
+        ASSERT_EQ(9u, per_event.size());
+        for (size_t i = 0; i < 8; i++) EXPECT_EQ(KRO_ERR_WOULD_DEADLOCK, per_event[i]);
+        EXPECT_EQ(KRO_ERR_INVALID_STATE, per_event[8]);
     }
     EXPECT_EQ(HSPACE_EVENT_POST_NOTIFICATION, c.events.events()[0].type);
     EXPECT_EQ(HSPACE_EVENT_GET_REPLY, c.events.events()[1].type);
@@ -184,7 +181,6 @@ TEST(CheckOrder, EveryOperationFromTheCallbackReturns23)
     EXPECT_EQ(codec::kOpGet, sent.hspace->opcode);
     EXPECT_EQ(codec::kSemSync, sent.hspace->semantic);
     EXPECT_EQ(0, list->num_elements);
-    kro_llist_destroy(&list);
 }
 
 } // namespace

@@ -8,16 +8,19 @@
 
 #include <gtest/gtest.h>
 
-#include "harness.h"
+#include "client_harness.h"
 
 namespace ops {
+using namespace hspace::test;
 namespace {
 
 // drop: the service closes the connection; otherwise another thread closes
 // the handle. Either way every blocked caller returns the same status, the
 // objects a get received before the cut stay in its list (the caller's), the
 // asynchronous get and the subscription with an open image get one event
-// with that status, and the complete subscription ends silently.
+// with that status, and the complete subscription ends silently. A close
+// raises no link failure; destroy is refused (13) on the open and the failed
+// handle.
 void CutShort(bool drop)
 {
     FakeService svc;
@@ -31,25 +34,23 @@ void CutShort(bool drop)
         return qel_hspace_post(c.h, "complete", nullptr, HSPACE_POST_SYNC, 0, HSPACE_POST_FLAG_NO_IMAGE);
     }, ReplyWith(0)));
     ASSERT_EQ(0u,
-              Bounded(c.h, [&] { return qel_hspace_get(c.h, "async", async_urid, HSPACE_GET_ASYNC, 0, 0, nullptr); }));
+              Bounded([&] { return qel_hspace_get(c.h, "async", async_urid, HSPACE_GET_ASYNC, 0, 0, nullptr); }));
     c.conn.next_packet();
 
     UserObject o("put", "v");
-    t_kro_llist list = nullptr;
-    kro_llist_create(&list);
+    ObjectList list;
     const t_kro_error expected = drop ? KRO_ERR_PEER_CLOSED : KRO_ERR_CLOSED;
     {
         const char *kinds[] = {"put", "get", "post", "cancel", "remove"};
+        std::vector<std::function<t_kro_error()>> fns = {
+            [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0); },
+            [&] { return qel_hspace_get(c.h, "get", nullptr, HSPACE_GET_SYNC, 0, 0, list); },
+            [&] { return qel_hspace_post(c.h, "post", nullptr, HSPACE_POST_SYNC, 0, 0); },
+            [&] { return qel_hspace_cancel(c.h, "cancel", HSPACE_CANCEL_SYNC, 0); },
+            [&] { return qel_hspace_remove(c.h, "remove", HSPACE_REMOVE_SYNC, 0); },
+        };
         std::vector<std::unique_ptr<Call>> calls;
-        calls.push_back(std::make_unique<Call>(c.h, [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0); }));
-        calls.push_back(std::make_unique<Call>(
-            c.h, [&] { return qel_hspace_get(c.h, "get", nullptr, HSPACE_GET_SYNC, 0, 0, list); }));
-        calls.push_back(std::make_unique<Call>(
-            c.h, [&] { return qel_hspace_post(c.h, "post", nullptr, HSPACE_POST_SYNC, 0, 0); }));
-        calls.push_back(
-            std::make_unique<Call>(c.h, [&] { return qel_hspace_cancel(c.h, "cancel", HSPACE_CANCEL_SYNC, 0); }));
-        calls.push_back(
-            std::make_unique<Call>(c.h, [&] { return qel_hspace_remove(c.h, "remove", HSPACE_REMOVE_SYNC, 0); }));
+        for (auto &fn : fns) calls.push_back(std::make_unique<Call>(fn));
 
         // Every call has written its request, so each is waiting or about to.
         uint32_t get_corrid = 0;
@@ -58,6 +59,9 @@ void CutShort(bool drop)
             if (p.hspace && p.rr && p.hspace->opcode == codec::kOpGet) get_corrid = p.rr->corrid;
         }
         ASSERT_NE(0u, get_corrid);
+        t_qel_hspace same = c.h;
+        EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_destroy(&same)) << "destroy of an open handle";
+        EXPECT_EQ(c.h, same);
         c.conn.object(get_corrid, codec::kOpGet, "g1", "v1", 3, 1);
         c.conn.object(get_corrid, codec::kOpGet, "g2", "v2", 3, 2);
         if (drop) {
@@ -71,40 +75,44 @@ void CutShort(bool drop)
     }
 
     ASSERT_TRUE(c.events.wait_count(3)); // after a drop the link failure comes last
-    t_qel_hspace_state state;
-    EXPECT_EQ(0u, qel_hspace_get_state(c.h, &state));
-    EXPECT_EQ(drop ? HSPACE_STATE_FAILED : HSPACE_STATE_CLOSED, state);
+    EXPECT_EQ(drop ? HSPACE_STATE_FAILED : HSPACE_STATE_CLOSED, State(c.h));
+    if (drop) {
+        t_qel_hspace same = c.h;
+        EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_destroy(&same)) << "destroy of a failed handle";
+        EXPECT_EQ(c.h, same);
+    } else {
+        EXPECT_TRUE(c.conn.wait_closed());
+        EXPECT_EQ(0u, qel_hspace_close(c.h)) << "a second close does nothing";
+    }
     EXPECT_EQ(0, RequestCount(c.h));
-    EXPECT_EQ((Pairs{{"g1", "v1"}, {"g2", "v2"}}), Contents(list));
-    DestroyList(&list); // the caller's objects: ASan reports them if they leak
+    EXPECT_EQ((Pairs{{"g1", "v1"}, {"g2", "v2"}}), Contents(list)); // the caller's: ASan sees a leak
 
     std::vector<Event> ev = c.events.events();
     ASSERT_EQ(3u, ev.size());
-    int get_replies = 0, images = 0, others = 0;
-    for (const Event &e : ev) {
-        if (e.type == HSPACE_EVENT_GET_REPLY) {
-            get_replies++;
-            EXPECT_EQ(async_urid, e.urid);
-            EXPECT_EQ("async", e.key);
-            EXPECT_EQ(expected, e.status);
-            EXPECT_FALSE(e.has_object);
-        } else if (e.type == HSPACE_EVENT_POST_IMAGE) {
-            images++;
-            EXPECT_EQ(image_urid, e.urid);
-            EXPECT_EQ("open-image", e.key);
-            EXPECT_EQ(expected, e.status);
-            EXPECT_FALSE(e.has_object);
-        } else {
-            others++;
-            EXPECT_EQ(drop ? HSPACE_EVENT_LINK_FAIL : HSPACE_EVENT_POST_NOTIFICATION, e.type);
-            EXPECT_EQ(drop ? KRO_ERR_PEER_CLOSED : 0u, e.status);
-        }
+    // The marker came first; the link failure comes last, in the failed state.
+    if (drop) {
+        EXPECT_EQ(HSPACE_EVENT_LINK_FAIL, ev[2].type);
+        EXPECT_EQ(KRO_ERR_PEER_CLOSED, ev[2].status);
+        EXPECT_EQ(HSPACE_STATE_FAILED, ev[2].state);
+        ev.pop_back();
+    } else {
+        EXPECT_EQ(HSPACE_EVENT_POST_NOTIFICATION, ev[0].type);
+        ev.erase(ev.begin());
     }
-    EXPECT_EQ(1, get_replies);
-    EXPECT_EQ(1, images);
-    EXPECT_EQ(1, others);
-    EXPECT_EQ(drop ? HSPACE_EVENT_LINK_FAIL : HSPACE_EVENT_POST_NOTIFICATION, drop ? ev.back().type : ev.front().type)
-        << "the link failure comes last, the marker first";
+    // Then the ended requests in table order, each in the ending's state.
+    const struct {
+        t_qel_hspace_event type; // the event
+        t_kro_ptr urid;          // the request's urid
+        const char *key;         // the request's key
+    } want[] = {{HSPACE_EVENT_POST_IMAGE, image_urid, "open-image"}, {HSPACE_EVENT_GET_REPLY, async_urid, "async"}};
+    for (size_t i = 0; i < 2; i++) {
+        EXPECT_EQ(want[i].type, ev[i].type);
+        EXPECT_EQ(want[i].urid, ev[i].urid);
+        EXPECT_EQ(want[i].key, ev[i].key);
+        EXPECT_EQ(expected, ev[i].status);
+        EXPECT_FALSE(ev[i].has_object);
+        EXPECT_EQ(drop ? HSPACE_STATE_FAILED : HSPACE_STATE_CLOSED, ev[i].state);
+    }
 }
 
 TEST(CutShort, ACloseReturns18ToEveryBlockedCall) { CutShort(false); }

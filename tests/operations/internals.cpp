@@ -4,9 +4,9 @@
  */
 #include "qel_hspace.cpp"
 
-#include "harness.h"
+#include "client_harness.h"
 
-int ops::RequestCount(t_qel_hspace hspace)
+int hspace::test::RequestCount(t_qel_hspace hspace)
 {
     qel_hspace_lock(hspace);
     int n = hspace->reqtable->num_elements;

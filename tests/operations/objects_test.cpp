@@ -5,9 +5,10 @@
  */
 #include <gtest/gtest.h>
 
-#include "harness.h"
+#include "client_harness.h"
 
 namespace ops {
+using namespace hspace::test;
 namespace {
 
 TEST(Objects, CreateBorrowsKeyAndDataAndChecksArguments)
@@ -71,8 +72,7 @@ TEST(Objects, LibraryObjectsOwnKeyAndValue)
     FakeService svc;
     Client c(svc);
     ASSERT_TRUE(c.open());
-    t_kro_llist list = nullptr;
-    kro_llist_create(&list);
+    ObjectList list;
     t_kro_error r = Exchange(c, [&] { return qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list); },
                              ObjectsWith(codec::kOpGet, {{"empty", ""}, {"full", "abc"}}));
     EXPECT_EQ(0u, r);
@@ -92,7 +92,6 @@ TEST(Objects, LibraryObjectsOwnKeyAndValue)
     EXPECT_EQ(3u, buf->lim);
     EXPECT_EQ(3u, buf->size);
     EXPECT_EQ("abc", ObjectValue(full));
-    DestroyList(&list); // ASan's leak check proves key and value are freed
 }
 
 // With the library stopped, every object and data operation answers 7 before
@@ -102,8 +101,7 @@ TEST(Objects, EveryOperationBeforeInitializeReturns7)
     FakeService svc;
     Client c(svc);
     UserObject o("k", "v");
-    t_kro_llist list = nullptr;
-    kro_llist_create(&list);
+    ObjectList list;
     ASSERT_EQ(0u, qel_hspace_finalize());
 
     t_qel_hspace_object null_object = nullptr;
@@ -128,7 +126,6 @@ TEST(Objects, EveryOperationBeforeInitializeReturns7)
     for (t_kro_error r : CallEveryOperation(c.h, o.obj, list, "k")) EXPECT_EQ(KRO_ERR_NOT_INITIALIZED, r);
 
     InitLibrary();
-    kro_llist_destroy(&list);
 }
 
 } // namespace

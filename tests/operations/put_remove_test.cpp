@@ -1,13 +1,14 @@
 /*
  * put_remove_test.cpp - put and its twin remove against the fake service:
  * the bytes each form sends, the request table around them, correlation
- * ids, and the service's status handed back unchanged.
+ * ids. Statuses handed back are in connection/reader_test.cpp.
  */
 #include <gtest/gtest.h>
 
-#include "harness.h"
+#include "client_harness.h"
 
 namespace ops {
+using namespace hspace::test;
 namespace {
 
 constexpr uint16_t kLtp = 5; // the fake service's ltp: every request's dport
@@ -25,7 +26,7 @@ TEST(PutRemove, NoReplyFormsCarryNoRrAndLeaveTheTableAlone)
     ASSERT_EQ(1, RequestCount(c.h));
 
     UserObject o("alpha", "xyz");
-    EXPECT_EQ(0u, Bounded(c.h, [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_NOREPLY, -1); }));
+    EXPECT_EQ(0u, Bounded([&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_NOREPLY, -1); }));
     EXPECT_EQ(1, RequestCount(c.h));
     Packet p = c.conn.next_packet();
     EXPECT_EQ(1, p.numsh);
@@ -41,7 +42,7 @@ TEST(PutRemove, NoReplyFormsCarryNoRrAndLeaveTheTableAlone)
     EXPECT_EQ(codec::kTypeObject, p.body_type);
     EXPECT_EQ("xyz", p.body);
 
-    EXPECT_EQ(0u, Bounded(c.h, [&] { return qel_hspace_remove(c.h, "beta", HSPACE_REMOVE_NOREPLY, -1); }));
+    EXPECT_EQ(0u, Bounded([&] { return qel_hspace_remove(c.h, "beta", HSPACE_REMOVE_NOREPLY, -1); }));
     EXPECT_EQ(1, RequestCount(c.h));
     p = c.conn.next_packet();
     EXPECT_EQ(1, p.numsh);
@@ -56,7 +57,7 @@ TEST(PutRemove, NoReplyFormsCarryNoRrAndLeaveTheTableAlone)
 
     // The longest key the wire carries goes out whole.
     UserObject longest(std::string(65535, 'x'), "v");
-    EXPECT_EQ(0u, Bounded(c.h, [&] { return qel_hspace_put(c.h, longest.obj, HSPACE_PUT_NOREPLY, 0); }));
+    EXPECT_EQ(0u, Bounded([&] { return qel_hspace_put(c.h, longest.obj, HSPACE_PUT_NOREPLY, 0); }));
     p = c.conn.next_packet();
     ASSERT_TRUE(p.hspace);
     EXPECT_EQ(longest.key, p.hspace->key);
@@ -71,8 +72,7 @@ TEST(PutRemove, CorrelationIdsStartAt1AndIncreaseAcrossOperations)
     Client c(svc);
     ASSERT_TRUE(c.open());
     UserObject o("k", "v");
-    t_kro_llist list = nullptr;
-    kro_llist_create(&list);
+    ObjectList list;
     std::vector<std::function<t_kro_error()>> calls = {
         [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0); },
         [&] { return qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list); },
@@ -89,8 +89,8 @@ TEST(PutRemove, CorrelationIdsStartAt1AndIncreaseAcrossOperations)
         EXPECT_TRUE(sent.rr->is_request());
         EXPECT_EQ(kLtp, sent.dport);
         expected++;
-        EXPECT_EQ(0u, Bounded(c.h, [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_NOREPLY, 0); }));
-        EXPECT_EQ(0u, Bounded(c.h, [&] { return qel_hspace_remove(c.h, "k", HSPACE_REMOVE_NOREPLY, 0); }));
+        EXPECT_EQ(0u, Bounded([&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_NOREPLY, 0); }));
+        EXPECT_EQ(0u, Bounded([&] { return qel_hspace_remove(c.h, "k", HSPACE_REMOVE_NOREPLY, 0); }));
         EXPECT_FALSE(c.conn.next_packet().rr);
         EXPECT_FALSE(c.conn.next_packet().rr);
     }
@@ -101,7 +101,6 @@ TEST(PutRemove, CorrelationIdsStartAt1AndIncreaseAcrossOperations)
     EXPECT_EQ(expected, sent.rr->corrid);
     ASSERT_TRUE(c.events.wait_count(1));
     EXPECT_EQ(0, list->num_elements);
-    kro_llist_destroy(&list);
 }
 
 // A synchronous put sends the value window [pos, lim) of the object's buffer
@@ -142,32 +141,6 @@ TEST(PutRemove, PutSendsTheValueWindowAndLeavesTheBufferAlone)
     // header 32 + hspace 22 + key 2 + rr 24 + bare body preamble 8
     EXPECT_EQ(88u, sent.wirelen);
     EXPECT_EQ(std::string("\x01\x00\x01\x01\x00\x00\x00\x08", 8), sent.raw.substr(sent.raw.size() - 8));
-}
-
-// Synchronous put and remove return the reply's status as it came, 2
-// included, and leave no record behind.
-TEST(PutRemove, SyncFormsReturnTheServiceStatusUnchanged)
-{
-    FakeService svc;
-    Client c(svc);
-    ASSERT_TRUE(c.open());
-    UserObject o("k", "v");
-    for (t_kro_error status : {0u, KRO_ERR_NO_MATCH, 77u, 0xDEADBEEFu}) {
-        EXPECT_EQ(status, Exchange(c, [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0); },
-                                   ReplyWith(status)));
-        EXPECT_EQ(0, RequestCount(c.h));
-        Packet sent;
-        EXPECT_EQ(status, Exchange(c, [&] { return qel_hspace_remove(c.h, "gone", HSPACE_REMOVE_SYNC, -1); },
-                                   ReplyWith(status), &sent));
-        EXPECT_EQ(0, RequestCount(c.h));
-        EXPECT_EQ(2, sent.numsh);
-        ASSERT_TRUE(sent.hspace);
-        EXPECT_EQ(codec::kOpRemove, sent.hspace->opcode);
-        EXPECT_EQ(codec::kSemSync, sent.hspace->semantic);
-        EXPECT_EQ(0, sent.hspace->flags) << "a remove carries no flags";
-        EXPECT_EQ("gone", sent.hspace->key);
-        EXPECT_EQ(codec::kTypeRequest, sent.body_type);
-    }
 }
 
 } // namespace

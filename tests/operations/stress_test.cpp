@@ -15,9 +15,10 @@
 
 #include <gtest/gtest.h>
 
-#include "harness.h"
+#include "client_harness.h"
 
 namespace ops {
+using namespace hspace::test;
 namespace {
 
 constexpr int kThreads = 8;                // application threads
@@ -116,8 +117,7 @@ void RunWorker(t_qel_hspace h, int t, Worker &w)
     Lcg rng{static_cast<uint64_t>(t) + 1};
     std::string own = "own-" + std::to_string(t);
     UserObject o(own, "value");
-    t_kro_llist list = nullptr;
-    kro_llist_create(&list);
+    ObjectList list;
     auto check = [&](const char *op, t_kro_error r, std::initializer_list<t_kro_error> allowed) {
         w.returns++;
         for (t_kro_error a : allowed)
@@ -167,7 +167,6 @@ void RunWorker(t_qel_hspace h, int t, Worker &w)
             break;
         }
     }
-    kro_llist_destroy(&list);
 }
 
 TEST(Stress, ManyThreadsOnOneHandleWithACloseInTheMiddle)
@@ -192,11 +191,11 @@ TEST(Stress, ManyThreadsOnOneHandleWithACloseInTheMiddle)
         });
     }
 
-    enough.wait(kWatchdog);
+    enough.wait(kBound);
     EXPECT_EQ(0u, qel_hspace_close(c.h));
     {
         std::unique_lock<std::mutex> lock(mutex);
-        ASSERT_TRUE(cond.wait_for(lock, kWatchdog, [&] { return finished == kThreads; }))
+        ASSERT_TRUE(cond.wait_for(lock, kBound, [&] { return finished == kThreads; }))
             << "watchdog: " << kThreads - finished << " threads still inside a call";
     }
     for (std::thread &t : threads) t.join();

@@ -324,7 +324,18 @@ void FakeConnection::reset()
 // ---------------------------------------------------------------------------
 // FakeService
 
-FakeService::FakeService(std::chrono::milliseconds watchdog)
+FakeService::FakeService(std::chrono::milliseconds watchdog) : FakeService(Deferred(), watchdog)
+{
+    listen();
+}
+
+void FakeService::listen()
+{
+    if (listen_fd_ >= 0 && ::listen(listen_fd_, 16) != 0)
+        ADD_FAILURE() << "fake service: cannot listen on 127.0.0.1: " << strerror(errno);
+}
+
+FakeService::FakeService(Deferred, std::chrono::milliseconds watchdog)
     : watchdog_(watchdog), stop_(std::make_shared<StopSignal>())
 {
     struct sockaddr_in addr;
@@ -335,8 +346,8 @@ FakeService::FakeService(std::chrono::milliseconds watchdog)
     addr.sin_port = 0;
     listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (listen_fd_ < 0 || bind(listen_fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 ||
-        listen(listen_fd_, 16) != 0 || getsockname(listen_fd_, reinterpret_cast<struct sockaddr *>(&addr), &len) != 0) {
-        ADD_FAILURE() << "fake service: cannot listen on 127.0.0.1: " << strerror(errno);
+        getsockname(listen_fd_, reinterpret_cast<struct sockaddr *>(&addr), &len) != 0) {
+        ADD_FAILURE() << "fake service: cannot bind on 127.0.0.1: " << strerror(errno);
         return;
     }
     port_ = ntohs(addr.sin_port);

@@ -130,7 +130,12 @@ private:
 class FakeService {
 public:
     explicit FakeService(std::chrono::milliseconds watchdog = kDefaultWatchdog);
+    // A service whose bound port refuses connections until listen().
+    struct Deferred {};
+    explicit FakeService(Deferred, std::chrono::milliseconds watchdog = kDefaultWatchdog);
     ~FakeService();
+    // Starts listening, for a service made Deferred.
+    void listen();
     FakeService(const FakeService &) = delete;
     FakeService &operator=(const FakeService &) = delete;
 

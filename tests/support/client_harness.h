@@ -1,0 +1,531 @@
+/*
+ * client_harness.h - what the client tests share: a watchdog over a whole
+ * test, a blocking library call run on a helper thread with a bounded wait,
+ * the recorder of a handle's events (with a hook that runs inside the
+ * callback), handles opened on the fake service, objects and result lists.
+ *
+ * Header-only: it needs the client library, which qel_test_support does not
+ * link. Every wait here is bounded; nothing sleeps.
+ */
+#ifndef QEL_TESTS_CLIENT_HARNESS_H
+#define QEL_TESTS_CLIENT_HARNESS_H
+
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fake_service.h"
+#include "qel_hspace.h"
+
+namespace hspace {
+namespace test {
+
+namespace codec = hspace::codec;
+
+constexpr std::chrono::milliseconds kBound{10000}; // bound of every single wait
+constexpr std::chrono::seconds kTestBound{30};     // bound of a whole test (or of one Kick())
+
+using Pairs = std::vector<std::pair<std::string, std::string>>; // (key, value) of objects
+
+// Ends the process with a message: a library call or the test itself hung,
+// and a thread still inside the library makes going on unsafe.
+[[noreturn]] inline void Die(const char *what)
+{
+    fprintf(stderr, "watchdog: %s\n", what);
+    fflush(stderr);
+    abort();
+}
+
+// Starts the library; any thread, any number of times.
+inline void InitLibrary()
+{
+    ASSERT_EQ(0u, qel_hspace_initialize(QEL_HSPACE_VERSION, 1));
+}
+
+// Number of records in the handle's request table, read under its mutex.
+// Defined by the white-box source that includes the library.
+int RequestCount(t_qel_hspace hspace);
+
+// Aborts the process when the test has not finished (or kicked it) within
+// kTestBound, so a blocking call on the test thread fails fast.
+class Watchdog {
+public:
+    Watchdog() : deadline_(std::chrono::steady_clock::now() + kTestBound), thread_([this] { Run(); }) {}
+    ~Watchdog()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            done_ = true;
+        }
+        cond_.notify_all();
+        thread_.join();
+    }
+    Watchdog(const Watchdog &) = delete;
+    Watchdog &operator=(const Watchdog &) = delete;
+
+    // Grants another kTestBound from now (loops call it once per round).
+    void Kick()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        deadline_ = std::chrono::steady_clock::now() + kTestBound;
+    }
+
+private:
+    void Run()
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!done_) {
+            if (cond_.wait_until(lock, deadline_) == std::cv_status::timeout && !done_ &&
+                std::chrono::steady_clock::now() >= deadline_)
+                Die("the test did not finish in time");
+        }
+    }
+
+    std::mutex mutex_;                               // guards deadline_ and done_
+    std::condition_variable cond_;                   // signals done_
+    std::chrono::steady_clock::time_point deadline_; // abort after this
+    bool done_ = false;                              // the test finished
+    std::thread thread_;                             // runs Run()
+};
+
+// A blocking library call on a helper thread. result() waits for it at
+// most kBound and ends the process when it does not return.
+class Call {
+public:
+    explicit Call(std::function<t_kro_error()> fn) : result_(promise_.get_future())
+    {
+        thread_ = std::thread([this, fn] { promise_.set_value(fn()); });
+    }
+    ~Call() { result(); }
+    Call(const Call &) = delete;
+    Call &operator=(const Call &) = delete;
+
+    // The call's result, once it has returned; may be asked again.
+    t_kro_error result()
+    {
+        if (thread_.joinable()) {
+            if (result_.wait_for(kBound) != std::future_status::ready) Die("a library call did not return");
+            thread_.join();
+            value_ = result_.get();
+        }
+        return value_;
+    }
+
+private:
+    std::promise<t_kro_error> promise_; // set by the helper thread
+    std::future<t_kro_error> result_;   // read once by result()
+    t_kro_error value_ = 0;             // the result, after result() joined the thread
+    std::thread thread_;                // runs the call
+};
+
+// Runs fn, a call that should return without an answer from the service,
+// on its own thread, so that a call that wrongly waits fails fast.
+inline t_kro_error Bounded(std::function<t_kro_error()> fn)
+{
+    return Call(std::move(fn)).result();
+}
+
+// The key and value of an object (empty for a null buffer).
+inline std::string ObjectKey(t_qel_hspace_object object)
+{
+    t_kro_str key = nullptr;
+    EXPECT_EQ(0u, qel_hspace_object_get_key(object, &key));
+    return key != nullptr ? std::string(key) : std::string("<null>");
+}
+
+inline std::string ObjectValue(t_qel_hspace_object object)
+{
+    t_kro_ptr data = nullptr;
+    EXPECT_EQ(0u, qel_hspace_object_get_data(object, &data));
+    t_kro_buf buf = static_cast<t_kro_buf>(data);
+    if (buf == nullptr) return std::string();
+    return std::string(static_cast<const char *>(buf->ptr) + buf->pos, buf->lim - buf->pos);
+}
+
+// One event as the callback saw it. The callback copies the object's key and
+// value and destroys the object (it is the application's).
+struct Event {
+    t_qel_hspace_event type = HSPACE_EVENT_LINK_FAIL; // which event
+    t_kro_ptr urid = nullptr;     // reply-image: the request's urid
+    std::string key;              // reply-image: the request's key
+    t_kro_error status = 0;       // reply-image: the status; link failure: the error
+    uint32_t cardinality = 0;     // reply-image: objects in the answer
+    uint32_t index = 0;           // reply-image: this object's number
+    int trigger = 0;              // notification: the trigger
+    bool has_object = false;      // an object came with the event
+    bool value_null = false;      // the object's data buffer was null
+    std::string object_key;       // copy of the object's key
+    std::string object_value;     // copy of the object's value
+    t_qel_hspace_state state = HSPACE_STATE_INIT; // the handle's state when the callback began
+
+    // The last event of a reply-image answer: a failure, an empty answer or
+    // the object numbered like the count.
+    bool is_final() const { return status != 0 || !has_object || index == cardinality; }
+};
+
+// Collects the events of handles in the order raised. record() runs on the
+// reader thread; the rest on any thread. Thread-safe.
+class Recorder {
+public:
+    using Hook = std::function<void(t_qel_hspace, const Event &)>;
+
+    // Forgets the events and the hook.
+    void reset()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.clear();
+        hook_ = nullptr;
+    }
+    // Runs hook inside the callback, on the reader thread, before the event
+    // is recorded (so a waiter that sees the event also sees the hook's work).
+    void set_hook(Hook hook)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        hook_ = std::move(hook);
+    }
+
+    // The callback's body: copies the event, destroys its object, runs the
+    // hook, records it.
+    void record(t_qel_hspace hspace, t_qel_hspace_event type, t_kro_ptr data)
+    {
+        Event e;
+        t_qel_hspace_object object = nullptr;
+        running_.fetch_add(1);
+        e.type = type;
+        EXPECT_EQ(0u, qel_hspace_get_state(hspace, &e.state));
+        if (type == HSPACE_EVENT_LINK_FAIL) {
+            e.status = static_cast<t_qel_hspace_fail_event_data_struct *>(data)->error;
+        } else if (type == HSPACE_EVENT_POST_NOTIFICATION) {
+            auto *d = static_cast<t_qel_hspace_post_notification_event_data_struct *>(data);
+            e.trigger = d->trigger;
+            object = d->object;
+        } else {
+            auto *d = static_cast<t_qel_hspace_reply_image_event_data_struct *>(data);
+            e.urid = d->urid;
+            e.key = d->key != nullptr ? d->key : "<null>";
+            e.status = d->status;
+            e.cardinality = d->cardinality;
+            e.index = d->index;
+            object = d->object;
+        }
+        if (object != nullptr) {
+            t_kro_ptr value = nullptr;
+            e.has_object = true;
+            e.object_key = ObjectKey(object);
+            EXPECT_EQ(0u, qel_hspace_object_get_data(object, &value));
+            e.value_null = value == nullptr;
+            e.object_value = ObjectValue(object);
+            EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
+        }
+        Hook hook;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            hook = hook_;
+        }
+        if (hook) hook(hspace, e);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            events_.push_back(std::move(e));
+        }
+        cond_.notify_all();
+        running_.fetch_sub(1);
+    }
+
+    // True once at least n events were recorded; false and a failure when
+    // that takes longer than kBound.
+    bool wait_count(size_t n)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (cond_.wait_for(lock, kBound, [&] { return events_.size() >= n; })) return true;
+        ADD_FAILURE() << "watchdog: " << events_.size() << " events of " << n << " within " << kBound.count()
+                      << " ms";
+        return false;
+    }
+    size_t count()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return events_.size();
+    }
+    std::vector<Event> events()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return events_;
+    }
+    // Callbacks currently inside record().
+    int running() const { return running_.load(); }
+
+private:
+    std::mutex mutex_;             // guards events_ and hook_
+    std::condition_variable cond_; // signals events_ growing
+    std::vector<Event> events_;    // in arrival order
+    Hook hook_;                    // may be empty
+    std::atomic<int> running_{0};  // callbacks inside record()
+};
+
+inline Recorder g_events; // records the handles no Client owns
+
+// Which recorder collects the events of which handle; guarded by g_registry_mutex.
+inline std::mutex g_registry_mutex;
+inline std::map<t_qel_hspace, Recorder *> g_registry;
+
+// The callback of every test handle: the handle's Client's recorder, else g_events.
+inline void OnEvent(t_qel_hspace hspace, t_qel_hspace_event type, t_kro_ptr data)
+{
+    Recorder *recorder = &g_events;
+    {
+        std::lock_guard<std::mutex> lock(g_registry_mutex);
+        auto it = g_registry.find(hspace);
+        if (it != g_registry.end()) recorder = it->second;
+    }
+    recorder->record(hspace, type, data);
+}
+
+// Creates a handle on url with OnEvent as its callback.
+inline t_kro_error Create(const std::string &url, const char *name, const char *group, t_qel_hspace *hspace)
+{
+    qel_hspace_create_data data = {url.c_str(), name, group};
+    return qel_hspace_create(&data, OnEvent, hspace);
+}
+
+// Opens hspace on svc; the handshake is answered with ltp on the service's
+// thread, and the accepted connection is handed to *conn.
+inline void Open(FakeService &svc, t_qel_hspace hspace, FakeConnection *conn, uint16_t ltp = 5)
+{
+    svc.serve([ltp](FakeConnection &c) { c.handshake(ltp); });
+    ASSERT_EQ(0u, qel_hspace_open(hspace));
+    ASSERT_TRUE(svc.join());
+    *conn = svc.take_connection();
+    ASSERT_TRUE(conn->valid());
+}
+
+// Creates and opens a handle on svc that reports to g_events.
+inline void OpenOn(FakeService &svc, t_qel_hspace *hspace, FakeConnection *conn, uint16_t ltp = 5)
+{
+    ASSERT_EQ(0u, Create(svc.url(), "tester", "tests", hspace));
+    Open(svc, *hspace, conn, ltp);
+}
+
+// Closes and destroys a handle from the test thread.
+inline void CloseAndDestroy(t_qel_hspace *hspace)
+{
+    EXPECT_EQ(0u, qel_hspace_close(*hspace));
+    EXPECT_EQ(0u, qel_hspace_destroy(hspace));
+    EXPECT_EQ(nullptr, *hspace);
+}
+
+inline t_qel_hspace_state State(t_qel_hspace hspace)
+{
+    t_qel_hspace_state state = HSPACE_STATE_INIT;
+    EXPECT_EQ(0u, qel_hspace_get_state(hspace, &state));
+    return state;
+}
+
+// A handle on the fake service with its own event recorder. The constructor
+// creates the handle (HSPACE_STATE_INIT); open() lets the service answer the
+// handshake and keeps the service's side in conn. The destructor closes and
+// destroys the handle. Test thread only.
+class Client {
+public:
+    explicit Client(FakeService &service) : svc(service)
+    {
+        InitLibrary();
+        EXPECT_EQ(0u, Create(svc.url(), "tester", "tests", &h));
+        std::lock_guard<std::mutex> lock(g_registry_mutex);
+        g_registry[h] = &events;
+    }
+    ~Client()
+    {
+        if (h == nullptr) return;
+        EXPECT_EQ(0u, qel_hspace_close(h));
+        {
+            std::lock_guard<std::mutex> lock(g_registry_mutex);
+            g_registry.erase(h);
+        }
+        EXPECT_EQ(0u, qel_hspace_destroy(&h));
+    }
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    bool open()
+    {
+        Open(svc, h, &conn);
+        return !::testing::Test::HasFatalFailure() && conn.valid();
+    }
+
+    FakeService &svc;         // the service the handle talks to
+    t_qel_hspace h = nullptr; // the handle; null once destroyed
+    Recorder events;          // every event of h
+    FakeConnection conn;      // the service's side, after open()
+};
+
+// Runs call on its own thread, reads the request it sends from c.conn, lets
+// answer answer it, and returns the call's result. The request is stored in
+// *sent when sent is not null.
+using Answer = std::function<void(FakeConnection &, const Packet &)>;
+inline t_kro_error Exchange(Client &c, std::function<t_kro_error()> call, Answer answer, Packet *sent = nullptr)
+{
+    Call running(std::move(call));
+    Packet p = c.conn.next_packet();
+    if (p.wirelen != 0) answer(c.conn, p);
+    if (sent != nullptr) *sent = p;
+    return running.result();
+}
+
+// A bare reply with status to the request's correlation id.
+inline Answer ReplyWith(t_kro_error status)
+{
+    return [status](FakeConnection &conn, const Packet &p) {
+        if (p.rr) conn.reply(p.rr->corrid, status);
+        else ADD_FAILURE() << "request without an rr subheader";
+    };
+}
+
+// An answer of objects (opcode codec::kOpGet or kOpPost) numbered 1..n of n.
+inline Answer ObjectsWith(uint8_t opcode, Pairs kv)
+{
+    return [opcode, kv](FakeConnection &conn, const Packet &p) {
+        if (p.rr) conn.objects(p.rr->corrid, opcode, kv);
+        else ADD_FAILURE() << "request without an rr subheader";
+    };
+}
+
+// An application object and the buffer it borrows. The value is [pos, lim)
+// of a buffer over the value; without a value the object's data is null.
+// The destructor destroys the object, then releases the buffer.
+class UserObject {
+public:
+    explicit UserObject(const std::string &k) : key(k)
+    {
+        InitLibrary();
+        EXPECT_EQ(0u, qel_hspace_object_create(key.c_str(), nullptr, &obj));
+    }
+    UserObject(const std::string &k, const std::string &value) : key(k)
+    {
+        InitLibrary();
+        kro_buf_create(&buf, static_cast<t_kro_uint4>(value.size()), 0);
+        if (!value.empty()) memcpy(buf->ptr, value.data(), value.size());
+        EXPECT_EQ(0u, qel_hspace_object_create(key.c_str(), buf, &obj));
+    }
+    ~UserObject()
+    {
+        if (obj != nullptr) {
+            EXPECT_EQ(0u, qel_hspace_object_destroy(&obj));
+        }
+        if (buf != nullptr) kro_buf_release(&buf);
+    }
+    UserObject(const UserObject &) = delete;
+    UserObject &operator=(const UserObject &) = delete;
+
+    std::string key;                   // the key the object borrows
+    t_kro_buf buf = nullptr;           // the value buffer, or null
+    t_qel_hspace_object obj = nullptr; // the object
+};
+
+// A round trip that proves the reader thread has processed every packet
+// sent before it: a synchronous put answered with 0. True when it returned 0.
+inline bool Barrier(Client &c)
+{
+    UserObject o("barrier", "b");
+    t_kro_error r = Exchange(c, [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0); }, ReplyWith(0));
+    EXPECT_EQ(0u, r) << "barrier put";
+    return r == 0;
+}
+
+// The (key, value) pairs of a result list, oldest first.
+inline Pairs Contents(t_kro_llist list)
+{
+    Pairs out;
+    for (t_kro_ptr n = kro_llist_first(list); n != nullptr; n = kro_llist_next(list, n)) {
+        auto object = static_cast<t_qel_hspace_object>(n);
+        out.emplace_back(ObjectKey(object), ObjectValue(object));
+    }
+    return out;
+}
+
+// A caller's result list; the destructor destroys the objects left in it.
+class ObjectList {
+public:
+    ObjectList() { kro_llist_create(&list_); }
+    ~ObjectList()
+    {
+        clear();
+        kro_llist_destroy(&list_);
+    }
+    ObjectList(const ObjectList &) = delete;
+    ObjectList &operator=(const ObjectList &) = delete;
+
+    operator t_kro_llist() const { return list_; }
+    t_kro_llist operator->() const { return list_; }
+    Pairs contents() const { return Contents(list_); }
+
+    // Unlinks and destroys every object.
+    void clear()
+    {
+        t_kro_ptr n;
+        while ((n = kro_llist_first(list_)) != nullptr) {
+            auto object = static_cast<t_qel_hspace_object>(n);
+            kro_llist_remove(object);
+            EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
+        }
+    }
+
+private:
+    t_kro_llist list_ = nullptr; // the list head
+};
+
+// Calls every data operation in every form on hspace, with key for the keyed
+// ones, and returns their results in this order: put sync, put no-reply, get
+// sync, get async, post, cancel, remove sync, remove no-reply. obj's key is
+// used by the puts. For handles where every call is refused before anything
+// is sent.
+inline std::vector<t_kro_error> CallEveryOperation(t_qel_hspace hspace, t_qel_hspace_object obj, t_kro_llist list,
+                                                   const char *key)
+{
+    return {
+        qel_hspace_put(hspace, obj, HSPACE_PUT_SYNC, 0),
+        qel_hspace_put(hspace, obj, HSPACE_PUT_NOREPLY, 0),
+        qel_hspace_get(hspace, key, nullptr, HSPACE_GET_SYNC, 0, 0, list),
+        qel_hspace_get(hspace, key, nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr),
+        qel_hspace_post(hspace, key, nullptr, HSPACE_POST_SYNC, 0, 0),
+        qel_hspace_cancel(hspace, key, HSPACE_CANCEL_SYNC, 0),
+        qel_hspace_remove(hspace, key, HSPACE_REMOVE_SYNC, 0),
+        qel_hspace_remove(hspace, key, HSPACE_REMOVE_NOREPLY, 0),
+    };
+}
+
+// Initializes the library, resets g_events and guards the test with a Watchdog.
+class LibraryTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(0u, qel_hspace_initialize(QEL_HSPACE_VERSION, 1));
+        g_events.reset();
+    }
+    void TearDown() override
+    {
+        g_events.reset();
+        qel_hspace_finalize();
+    }
+
+    Watchdog watchdog_; // ends the process if the test hangs
+};
+
+} // namespace test
+} // namespace hspace
+
+#endif /* QEL_TESTS_CLIENT_HARNESS_H */
