@@ -1289,6 +1289,32 @@ static t_kro_error qel_hspace_wait_status(t_qel_hspace_request request)
     return error;
 }
 
+/* Takes the mutex and tests the state again: 0 with the mutex held, or
+ * KRO_ERR_INVALID_STATE with it released. */
+static t_kro_error qel_hspace_lock_open(t_qel_hspace hspace)
+{
+    qel_hspace_lock(hspace);
+    if (hspace->state.load() == HSPACE_STATE_OPEN) return 0;
+    qel_hspace_unlock(hspace);
+    return KRO_ERR_INVALID_STATE;
+}
+
+/* Sends buf for a put, cancel or remove and, when request is set (it then
+ * takes buf over), waits for the status; frees the request or releases
+ * buf. Mutex held. */
+static t_kro_error qel_hspace_send_for_status(t_qel_hspace hspace, t_qel_hspace_request request, t_kro_buf buf)
+{
+    t_kro_error error;
+    if (request != NULL) request->buf = buf;
+    error = qel_hspace_send(hspace, buf);
+    if (error == 0 && request != NULL) error = qel_hspace_wait_status(request);
+    if (request == NULL)
+        kro_buf_release(&buf);
+    else
+        qel_hspace_request_destroy(&request);
+    return error;
+}
+
 extern "C" KRO_API t_kro_error qel_hspace_put(t_qel_hspace hspace, t_qel_hspace_object object,
                                               t_qel_hspace_put_semantic semantic, t_kro_int4 flags)
 {
@@ -1308,21 +1334,11 @@ extern "C" KRO_API t_kro_error qel_hspace_put(t_qel_hspace hspace, t_qel_hspace_
     if (semantic == HSPACE_PUT_PIPELINED) return KRO_ERR_NOT_SUPPORTED;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
-    qel_hspace_lock(hspace);
-    if (hspace->state.load() != HSPACE_STATE_OPEN) {
-        qel_hspace_unlock(hspace);
-        return KRO_ERR_INVALID_STATE;
-    }
+    if ((error = qel_hspace_lock_open(hspace)) != 0) return error;
     if (semantic != HSPACE_PUT_NOREPLY)
         request = qel_hspace_request_create(hspace, HSPACE_OPCODE_PUT, object->key, NULL, NULL, 0, 0, NULL);
     buf = qel_hspace_pkt_serialize_put_request(hspace, object, semantic, flags, request ? request->corrid : 0);
-    if (request != NULL) request->buf = buf;
-    error = qel_hspace_send(hspace, buf);
-    if (error == 0 && semantic == HSPACE_PUT_SYNC) error = qel_hspace_wait_status(request);
-    if (request == NULL)
-        kro_buf_release(&buf);
-    else
-        qel_hspace_request_destroy(&request);
+    error = qel_hspace_send_for_status(hspace, request, buf);
     qel_hspace_unlock(hspace);
     return error;
 }
@@ -1342,11 +1358,7 @@ extern "C" KRO_API t_kro_error qel_hspace_get(t_qel_hspace hspace, t_kro_str key
     if (timeout != 0) return KRO_ERR_NOT_SUPPORTED;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
-    qel_hspace_lock(hspace);
-    if (hspace->state.load() != HSPACE_STATE_OPEN) {
-        qel_hspace_unlock(hspace);
-        return KRO_ERR_INVALID_STATE;
-    }
+    if ((error = qel_hspace_lock_open(hspace)) != 0) return error;
     request = qel_hspace_request_create(hspace, HSPACE_OPCODE_GET, key, urid, NULL, sync ? 0 : 1, sync ? 0 : 1,
                                         sync ? objects : NULL);
     request->buf = qel_hspace_pkt_serialize_get_request(hspace, key, semantic, timeout, flags, request->corrid);
@@ -1404,17 +1416,11 @@ extern "C" KRO_API t_kro_error qel_hspace_cancel(t_qel_hspace hspace, t_kro_str 
     if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
-    qel_hspace_lock(hspace);
-    if (hspace->state.load() != HSPACE_STATE_OPEN) {
-        qel_hspace_unlock(hspace);
-        return KRO_ERR_INVALID_STATE;
-    }
+    if ((error = qel_hspace_lock_open(hspace)) != 0) return error;
     request = qel_hspace_request_create(hspace, HSPACE_OPCODE_CANCEL, key, NULL, NULL, 0, 0, NULL);
-    request->buf =
-        qel_hspace_pkt_serialize_cancel_request(hspace, HSPACE_OPCODE_CANCEL, key, semantic, flags, request->corrid);
-    error = qel_hspace_send(hspace, request->buf);
-    if (error == 0) error = qel_hspace_wait_status(request);
-    qel_hspace_request_destroy(&request);
+    error = qel_hspace_send_for_status(
+        hspace, request,
+        qel_hspace_pkt_serialize_cancel_request(hspace, HSPACE_OPCODE_CANCEL, key, semantic, flags, request->corrid));
     qel_hspace_unlock(hspace);
     return error;
 }
@@ -1431,21 +1437,11 @@ extern "C" KRO_API t_kro_error qel_hspace_remove(t_qel_hspace hspace, t_kro_str 
     if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
-    qel_hspace_lock(hspace);
-    if (hspace->state.load() != HSPACE_STATE_OPEN) {
-        qel_hspace_unlock(hspace);
-        return KRO_ERR_INVALID_STATE;
-    }
+    if ((error = qel_hspace_lock_open(hspace)) != 0) return error;
     if (semantic == HSPACE_REMOVE_SYNC)
         request = qel_hspace_request_create(hspace, HSPACE_OPCODE_REMOVE, key, NULL, NULL, 0, 0, NULL);
     buf = qel_hspace_pkt_serialize_remove_request(hspace, key, semantic, flags, request ? request->corrid : 0);
-    if (request != NULL) request->buf = buf;
-    error = qel_hspace_send(hspace, buf);
-    if (error == 0 && request != NULL) error = qel_hspace_wait_status(request);
-    if (request == NULL)
-        kro_buf_release(&buf);
-    else
-        qel_hspace_request_destroy(&request);
+    error = qel_hspace_send_for_status(hspace, request, buf);
     qel_hspace_unlock(hspace);
     return error;
 }
