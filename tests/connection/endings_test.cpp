@@ -44,6 +44,7 @@ namespace {
 using namespace hspace::test;
 
 using Endings = LibraryTest;
+using Ending = ConnectedTest;
 
 TEST_F(Endings, BytesThatAreNoPacketFailTheLinkWithInvalidPacket)
 {
@@ -93,13 +94,9 @@ TEST_F(Endings, BytesThatAreNoPacketFailTheLinkWithInvalidPacket)
 // Close (and, with also_destroy, destroy) inside the first reply callback:
 // the packet in hand is finished, the next one buffered is never
 // processed, the remaining request completes with 18 on the same handle.
-void CloseInsideAReplyCallback(bool also_destroy)
+void CloseInsideAReplyCallback(t_qel_hspace &h, FakeConnection &c, bool also_destroy)
 {
     static Signal released;
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
     int urid1 = 0, urid2 = 0;
     ObjectList list;
     std::unique_ptr<Call> sync_get;
@@ -162,23 +159,20 @@ void CloseInsideAReplyCallback(bool also_destroy)
     EXPECT_EQ(HSPACE_STATE_CLOSED, ev[1].state);
 }
 
-TEST_F(Endings, CloseInsideAReplyCallbackEndsTheConnectionAfterThatPacket)
+TEST_F(Ending, CloseInsideAReplyCallbackEndsTheConnectionAfterThatPacket)
 {
-    CloseInsideAReplyCallback(false);
+    CloseInsideAReplyCallback(h, c, false);
 }
 
-TEST_F(Endings, CloseAndDestroyInsideAReplyCallbackReleaseTheHandleAfterTheLastCallback)
+TEST_F(Ending, CloseAndDestroyInsideAReplyCallbackReleaseTheHandleAfterTheLastCallback)
 {
-    CloseInsideAReplyCallback(true);
+    CloseInsideAReplyCallback(h, c, true);
+    h = nullptr; // released by its reader thread
 }
 
-TEST_F(Endings, CloseAndDestroyInsideTheLinkFailureCallbackReleaseTheHandleAfterIt)
+TEST_F(Ending, CloseAndDestroyInsideTheLinkFailureCallbackReleaseTheHandleAfterIt)
 {
     static Signal released;
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
     int urid = 0;
     ASSERT_EQ(0u, qel_hspace_get(h, "g", &urid, HSPACE_GET_ASYNC, 0, 0, nullptr));
     c.next_packet();
@@ -197,12 +191,14 @@ TEST_F(Endings, CloseAndDestroyInsideTheLinkFailureCallbackReleaseTheHandleAfter
     c.close();
     ASSERT_TRUE(released.wait());
     // From here on the handle is gone: h is not touched again.
+    t_qel_hspace gone = h;
+    h = nullptr;
     EXPECT_EQ(0, s_callbacks_at_release.load());
     s_watched.store(nullptr);
     EXPECT_EQ(0u, close_result);
     EXPECT_EQ(HSPACE_STATE_CLOSED, after_close);
     EXPECT_EQ(0u, destroy_result);
-    EXPECT_EQ(h, destroyed);
+    EXPECT_EQ(gone, destroyed);
     std::vector<Event> ev = g_events.events();
     ASSERT_EQ(2u, ev.size());
     EXPECT_EQ(HSPACE_EVENT_GET_REPLY, ev[0].type);
@@ -211,12 +207,8 @@ TEST_F(Endings, CloseAndDestroyInsideTheLinkFailureCallbackReleaseTheHandleAfter
     EXPECT_EQ(KRO_ERR_PEER_CLOSED, ev[1].status);
 }
 
-TEST_F(Endings, CloseInsideAReplyCallbackOfALinkFailureSuppressesTheLinkFailureEvent)
+TEST_F(Ending, CloseInsideAReplyCallbackOfALinkFailureSuppressesTheLinkFailureEvent)
 {
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
     int urid1 = 0, urid2 = 0;
     ASSERT_EQ(0u, qel_hspace_get(h, "g1", &urid1, HSPACE_GET_ASYNC, 0, 0, nullptr));
     c.next_packet();

@@ -91,18 +91,6 @@ TEST_F(Open, ServiceHangingUpMidHandshakeLeavesInitAndARetryReadsACleanStream)
     EXPECT_EQ(4242u, h->service_ltp);
     EXPECT_EQ(7u, h->service_version);
     ASSERT_TRUE(svc.join());
-    FakeConnection c = svc.take_connection();
-
-    // The stored ltp is the destination port of every request.
-    t_qel_hspace_object object = nullptr;
-    ASSERT_EQ(0u, qel_hspace_object_create("k", nullptr, &object));
-    Call put([&] { return qel_hspace_put(h, object, HSPACE_PUT_SYNC, 0); });
-    Packet p = c.next_packet();
-    ASSERT_TRUE(p.rr.has_value());
-    EXPECT_EQ(4242u, p.dport);
-    c.reply(p.rr->corrid, 0);
-    EXPECT_EQ(0u, put.result());
-    EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
     CloseAndDestroy(&h);
 }
 
@@ -135,27 +123,18 @@ TEST_F(Open, AnswerThatIsNoHandshakeReplyFailsWithInvalidPacket)
     CloseAndDestroy(&h);
 }
 
-TEST_F(Open, SecondOpenIsRefusedAndLeavesTheConnectionWorking)
+using OpenTwice = ConnectedTest;
+
+TEST_F(OpenTwice, SecondOpenIsRefusedAndLeavesTheConnectionWorking)
 {
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
-    EXPECT_EQ(HSPACE_STATE_OPEN, State(h));
     t_kro_thread reader = h->reader;
     EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_open(h));
     EXPECT_EQ(HSPACE_STATE_OPEN, State(h));
     EXPECT_EQ(reader, h->reader);
-
-    Call remove([&] { return qel_hspace_remove(h, "k", HSPACE_REMOVE_SYNC, 0); });
-    Packet p = c.next_packet();
-    ASSERT_TRUE(p.rr.has_value());
-    c.reply(p.rr->corrid, 0);
-    EXPECT_EQ(0u, remove.result());
+    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_remove(h, "k", HSPACE_REMOVE_SYNC, 0); }, ReplyWith(0)));
 
     EXPECT_EQ(0u, qel_hspace_close(h));
     EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_open(h)); // a closed handle is never reopened
-    EXPECT_EQ(0u, qel_hspace_destroy(&h));
 }
 
 } // namespace

@@ -14,6 +14,7 @@ namespace {
 using namespace hspace::test;
 
 using Races = LibraryTest;
+using Race = ConnectedTest;
 
 constexpr int kCancelRounds = 300;     // post/cancel races on one connection
 constexpr int kConnectionRounds = 120; // post reply against the connection's end
@@ -27,12 +28,8 @@ int Outstanding(t_qel_hspace h)
     return n;
 }
 
-TEST_F(Races, PostReplyAgainstACancelCompletingInTheSameWrite)
+TEST_F(Race, PostReplyAgainstACancelCompletingInTheSameWrite)
 {
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
     for (int i = 0; i < kCancelRounds; i++) {
         SCOPED_TRACE(i);
         watchdog_.Kick();
@@ -113,12 +110,8 @@ TEST_F(Races, PostReplyAgainstTheEndOfTheConnection)
     }
 }
 
-TEST_F(Races, CancelAnsweredBeforeThePostItOvertookEndsThatPostWhenItsReplyArrives)
+TEST_F(Race, CancelAnsweredBeforeThePostItOvertookEndsThatPostWhenItsReplyArrives)
 {
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
     int urid = 0;
 
     Call post([&] { return qel_hspace_post(h, "Sub", &urid, HSPACE_POST_SYNC, 1, 0); });
@@ -145,12 +138,11 @@ TEST_F(Races, CancelAnsweredBeforeThePostItOvertookEndsThatPostWhenItsReplyArriv
 
     // A new post of the key is accepted and delivers its image.
     int urid2 = 0;
-    Call again([&] { return qel_hspace_post(h, "SUB", &urid2, HSPACE_POST_SYNC, 1, 0); });
-    Packet p2 = c.next_packet();
-    ASSERT_TRUE(p2.rr.has_value());
-    c.reply(p2.rr->corrid, 0);
-    EXPECT_EQ(0u, again.result());
-    c.objects(p2.rr->corrid, codec::kOpPost, {{"Sub/b", "kept"}});
+    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_post(h, "SUB", &urid2, HSPACE_POST_SYNC, 1, 0); },
+                           [](FakeConnection &fc, const Packet &p) {
+                               fc.reply(p.rr->corrid, 0);
+                               fc.objects(p.rr->corrid, codec::kOpPost, {{"Sub/b", "kept"}});
+                           }));
     ASSERT_TRUE(g_events.wait_count(1));
     EXPECT_EQ(1, Outstanding(h));
 

@@ -32,20 +32,16 @@ namespace {
 
 using namespace hspace::test;
 
-using Reader = LibraryTest;
+using Reader = ConnectedTest;
+using Inbound = LibraryTest;
 
 TEST_F(Reader, RepliesCompleteWaitersByCorrelationIdInAnyOrder)
 {
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
-    t_qel_hspace_object object = nullptr;
-    ASSERT_EQ(0u, qel_hspace_object_create("k-put", nullptr, &object));
+    UserObject object("k-put");
     ObjectList list;
 
     // Four waiters of four kinds; each reply carries a status of its own.
-    Call put([&] { return qel_hspace_put(h, object, HSPACE_PUT_SYNC, 0); });
+    Call put([&] { return qel_hspace_put(h, object.obj, HSPACE_PUT_SYNC, 0); });
     Call remove([&] { return qel_hspace_remove(h, "k-remove", HSPACE_REMOVE_SYNC, -1); });
     Call get([&] { return qel_hspace_get(h, "k-get", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
     Call cancel([&] { return qel_hspace_cancel(h, "k-cancel", HSPACE_CANCEL_SYNC, 0); });
@@ -67,7 +63,6 @@ TEST_F(Reader, RepliesCompleteWaitersByCorrelationIdInAnyOrder)
     EXPECT_EQ(0xDEADBEEFu, remove.result());
     EXPECT_EQ(0x7003u, get.result());
     EXPECT_EQ(0x7004u, cancel.result());
-    EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
     qel_hspace_lock(h);
     EXPECT_EQ(0, h->reqtable->num_elements);
     qel_hspace_unlock(h);
@@ -77,10 +72,6 @@ TEST_F(Reader, RepliesCompleteWaitersByCorrelationIdInAnyOrder)
 
 TEST_F(Reader, SynchronousGetAppendsObjectsInArrivalOrderAfterTheCallersOwn)
 {
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
     ObjectList list;
     t_qel_hspace_object mine = nullptr;
     ASSERT_EQ(0u, qel_hspace_object_create("mine", nullptr, &mine));
@@ -90,12 +81,8 @@ TEST_F(Reader, SynchronousGetAppendsObjectsInArrivalOrderAfterTheCallersOwn)
     Packet p = c.next_packet();
     ASSERT_TRUE(p.rr && p.hspace);
     EXPECT_TRUE(p.rr->is_request());
-    EXPECT_EQ(codec::kOpGet, p.hspace->opcode);
-    EXPECT_EQ(codec::kSemSync, p.hspace->semantic);
     EXPECT_EQ(0, p.hspace->timeout);
-    EXPECT_EQ("key", p.hspace->key);
-    EXPECT_EQ(codec::kTypeRequest, p.body_type);
-    EXPECT_EQ("", p.body);
+    ExpectRequest(p, codec::kOpGet, codec::kSemSync, "key", codec::kTypeRequest);
     // Numbered 2, 1, 3 of 3: the list follows arrival, the third completes.
     c.object(p.rr->corrid, codec::kOpGet, "key/b", "bee", 3, 2);
     c.object(p.rr->corrid, codec::kOpGet, "key/a", "", 3, 1);
@@ -103,13 +90,13 @@ TEST_F(Reader, SynchronousGetAppendsObjectsInArrivalOrderAfterTheCallersOwn)
     EXPECT_EQ(0u, get.result());
     kro_llist_remove(mine);
     EXPECT_EQ(0u, qel_hspace_object_destroy(&mine));
-    std::vector<std::pair<std::string, std::string>> expected = {
+    Pairs expected = {
         {"key/b", "bee"}, {"key/a", ""}, {"key/c", std::string(3, '\0')}};
     EXPECT_EQ(expected, list.contents());
     list.clear();
 
     // A failed answer: its one object (count 0, number 0) ends the get with
-    // the error, and the list keeps it; nothing stored is a success.
+    // the error, and the list keeps it.
     Call failed([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
     p = c.next_packet();
     ASSERT_TRUE(p.rr.has_value());
@@ -124,21 +111,10 @@ TEST_F(Reader, SynchronousGetAppendsObjectsInArrivalOrderAfterTheCallersOwn)
     c.send_raw(bytes);
     EXPECT_EQ(77u, failed.result());
     EXPECT_EQ(1u, list.contents().size());
-    list.clear();
-    Call nothing([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
-    p = c.next_packet();
-    c.reply(p.rr->corrid, KRO_ERR_NO_MATCH);
-    EXPECT_EQ(0u, nothing.result());
-    EXPECT_TRUE(list.contents().empty());
-    CloseAndDestroy(&h);
 }
 
 TEST_F(Reader, AsynchronousAnswersRaiseReplyImageEventsWithTheRequestsFields)
 {
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
     int urids[5];
 
     // Three asynchronous gets: two objects, nothing stored, an error. The
@@ -158,18 +134,17 @@ TEST_F(Reader, AsynchronousAnswersRaiseReplyImageEventsWithTheRequestsFields)
     c.reply(g3.rr->corrid, 0x6001);
 
     // Two subscriptions: an image of two objects, and an empty image.
-    Call post1([&] { return qel_hspace_post(h, "Post-1", &urids[3], HSPACE_POST_SYNC, 0x0F, 0); });
-    Packet p1 = c.next_packet();
+    Packet p1, p2;
+    auto early_then_ok = [](FakeConnection &fc, const Packet &p) {
+        fc.object(p.rr->corrid, codec::kOpPost, "early", "e", 1, 1); // before the post's reply: dropped
+        fc.reply(p.rr->corrid, 0);
+    };
+    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_post(h, "Post-1", &urids[3], HSPACE_POST_SYNC, 0x0F, 0); },
+                           early_then_ok, &p1));
     ASSERT_TRUE(p1.rr.has_value());
-    c.object(p1.rr->corrid, codec::kOpPost, "early", "e", 1, 1); // before the post's reply: dropped
-    c.reply(p1.rr->corrid, 0);
-    EXPECT_EQ(0u, post1.result());
     c.objects(p1.rr->corrid, codec::kOpPost, {{"Post-1/a", "A"}, {"Post-1/b", "B"}});
-    Call post2([&] { return qel_hspace_post(h, "Post-2", &urids[4], HSPACE_POST_SYNC, 0x0F, 0); });
-    Packet p2 = c.next_packet();
-    ASSERT_TRUE(p2.rr.has_value());
-    c.reply(p2.rr->corrid, 0);
-    EXPECT_EQ(0u, post2.result());
+    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_post(h, "Post-2", &urids[4], HSPACE_POST_SYNC, 0x0F, 0); },
+                           ReplyWith(0), &p2));
     c.reply(p2.rr->corrid, KRO_ERR_NO_MATCH);
     // Replies no exchange produces are dropped: success for a subscription,
     // anything for one whose image is complete.
@@ -239,10 +214,6 @@ TEST_F(Reader, AsynchronousAnswersRaiseReplyImageEventsWithTheRequestsFields)
 
 TEST_F(Reader, NotificationsAreRaisedForAnyKey)
 {
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
     c.notify("never/subscribed", 0xFF, "v1");
     c.notify("other", 0x01);
     ASSERT_TRUE(g_events.wait_count(2));
@@ -255,7 +226,6 @@ TEST_F(Reader, NotificationsAreRaisedForAnyKey)
     EXPECT_EQ(1, ev[1].trigger);
     EXPECT_EQ("other", ev[1].object_key);
     EXPECT_TRUE(ev[1].value_null);
-    CloseAndDestroy(&h);
 }
 
 /* Frames bytes (one whole packet) in a buffer of their own and hands the
@@ -277,7 +247,7 @@ int ProcessCounted(t_qel_hspace h, const std::string &bytes)
     return made;
 }
 
-TEST_F(Reader, AnswersForUnknownCorrelationIdsAreDroppedWithoutAllocating)
+TEST_F(Inbound, AnswersForUnknownCorrelationIdsAreDroppedWithoutAllocating)
 {
     t_qel_hspace h = nullptr;
     ASSERT_EQ(0u, Create("tcp://127.0.0.1:1", "tester", "tests", &h));
@@ -309,19 +279,14 @@ TEST_F(Reader, AnswersForUnknownCorrelationIdsAreDroppedWithoutAllocating)
 
 TEST_F(Reader, MergedPacketsSplitPacketsAndStrayAnswersLeaveTheReaderWorking)
 {
-    FakeService svc;
-    t_qel_hspace h = nullptr;
-    FakeConnection c;
-    ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
     int urid = 0;
     ObjectList list;
-    t_qel_hspace_object object = nullptr;
-    ASSERT_EQ(0u, qel_hspace_object_create("p", nullptr, &object));
+    UserObject object("p");
 
     // One write: stray answers for ids never issued, a put's reply, an
     // asynchronous get's answer with a value larger than the read buffer,
     // and a notification.
-    Call put([&] { return qel_hspace_put(h, object, HSPACE_PUT_SYNC, 0); });
+    Call put([&] { return qel_hspace_put(h, object.obj, HSPACE_PUT_SYNC, 0); });
     Packet pp = c.next_packet();
     ASSERT_EQ(0u, qel_hspace_get(h, "big", &urid, HSPACE_GET_ASYNC, 0, 0, nullptr));
     Packet gp = c.next_packet();
@@ -348,7 +313,7 @@ TEST_F(Reader, MergedPacketsSplitPacketsAndStrayAnswersLeaveTheReaderWorking)
     codec::encode_object(bytes, p.rr->corrid, codec::kOpGet, "small/2", "v2", 2, 2);
     ASSERT_TRUE(c.send_raw_bytewise(bytes));
     EXPECT_EQ(0u, get.result());
-    std::vector<std::pair<std::string, std::string>> expected = {{"small/1", "v1"}, {"small/2", "v2"}};
+    Pairs expected = {{"small/1", "v1"}, {"small/2", "v2"}};
     EXPECT_EQ(expected, list.contents());
 
     std::vector<Event> ev = g_events.events();
@@ -358,8 +323,6 @@ TEST_F(Reader, MergedPacketsSplitPacketsAndStrayAnswersLeaveTheReaderWorking)
     EXPECT_EQ(big, ev[0].object_value);
     EXPECT_EQ(HSPACE_EVENT_POST_NOTIFICATION, ev[1].type);
     EXPECT_EQ("after", ev[1].object_value);
-    EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
-    CloseAndDestroy(&h);
 }
 
 } // namespace

@@ -14,10 +14,16 @@ namespace {
 
 template <typename T> T Sem(int v) { return static_cast<T>(v); }
 
-TEST(CheckOrder, Put)
+// A handle never opened: HSPACE_STATE_INIT.
+class CheckOrder : public ::testing::Test {
+protected:
+    FakeService svc; // the service
+    Client c{svc};   // the handle
+};
+using CheckOrderOpen = OpenClientTest;
+
+TEST_F(CheckOrder, Put)
 {
-    FakeService svc;
-    Client c(svc); // never opened: HSPACE_STATE_INIT
     UserObject o("k", "value");
     EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_put(nullptr, o.obj, HSPACE_PUT_SYNC, 0));
     EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_put(c.h, nullptr, HSPACE_PUT_PIPELINED, 0)) << "12 before 14";
@@ -47,10 +53,8 @@ TEST(CheckOrder, Put)
     EXPECT_EQ(codec::kOpRemove, sent.hspace->opcode);
 }
 
-TEST(CheckOrder, Get)
+TEST_F(CheckOrder, Get)
 {
-    FakeService svc;
-    Client c(svc);
     ObjectList list;
     EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_get(nullptr, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list));
     EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_get(c.h, nullptr, nullptr, HSPACE_GET_SYNC, 0, 0, list));
@@ -71,10 +75,8 @@ TEST(CheckOrder, Get)
     EXPECT_EQ(0, list->num_elements);
 }
 
-TEST(CheckOrder, PostCancelRemove)
+TEST_F(CheckOrder, PostCancelRemove)
 {
-    FakeService svc;
-    Client c(svc);
     EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_post(nullptr, "k", nullptr, HSPACE_POST_SYNC, 0, 0));
     EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_post(c.h, nullptr, nullptr, HSPACE_POST_SYNC, 0, 0));
     EXPECT_EQ(KRO_ERR_INVALID_ARG, qel_hspace_post(c.h, "k", nullptr, Sem<t_qel_hspace_post_semantic>(21), 0, 0));
@@ -94,10 +96,8 @@ TEST(CheckOrder, PostCancelRemove)
 
 // A key the 16-bit length field cannot carry is an argument error for every
 // operation, ahead of the state check; 65535 bytes pass the argument checks.
-TEST(CheckOrder, KeyOf65536BytesIsAnArgumentError)
+TEST_F(CheckOrder, KeyOf65536BytesIsAnArgumentError)
 {
-    FakeService svc;
-    Client c(svc);
     ObjectList list;
     UserObject too_long(std::string(65536, 'k'), "v");
     UserObject longest(std::string(65535, 'k'), "v");
@@ -110,14 +110,11 @@ TEST(CheckOrder, KeyOf65536BytesIsAnArgumentError)
 
 // Every operation on a handle that is not open returns 13: never opened,
 // closed after opening, failed with its connection.
-TEST(CheckOrder, EveryOperationOnAHandleThatIsNotOpenReturns13)
+TEST_F(CheckOrder, EveryOperationOnAHandleThatIsNotOpenReturns13)
 {
-    FakeService svc;
     UserObject o("k", "v");
     ObjectList list;
-
-    Client unopened(svc);
-    for (t_kro_error r : CallEveryOperation(unopened.h, o.obj, list, "k")) EXPECT_EQ(KRO_ERR_INVALID_STATE, r);
+    for (t_kro_error r : CallEveryOperation(c.h, o.obj, list, "k")) EXPECT_EQ(KRO_ERR_INVALID_STATE, r);
 
     Client closed(svc);
     ASSERT_TRUE(closed.open());
@@ -140,11 +137,8 @@ TEST(CheckOrder, EveryOperationOnAHandleThatIsNotOpenReturns13)
 // event is a notification (raised without the lock) or a reply-image event
 // (raised with the lock released around it); afterwards the handle serves
 // other threads normally.
-TEST(CheckOrder, EveryOperationFromTheCallbackReturns23)
+TEST_F(CheckOrderOpen, EveryOperationFromTheCallbackReturns23)
 {
-    FakeService svc;
-    Client c(svc);
-    ASSERT_TRUE(c.open());
     UserObject o("k", "v");
     ObjectList list;
     std::vector<std::vector<t_kro_error>> results; // per event; written by the hook, read after wait_count
@@ -177,9 +171,7 @@ TEST(CheckOrder, EveryOperationFromTheCallbackReturns23)
     Packet sent;
     EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list); },
                            ReplyWith(KRO_ERR_NO_MATCH), &sent));
-    ASSERT_TRUE(sent.hspace);
-    EXPECT_EQ(codec::kOpGet, sent.hspace->opcode);
-    EXPECT_EQ(codec::kSemSync, sent.hspace->semantic);
+    ExpectRequest(sent, codec::kOpGet, codec::kSemSync, "k", codec::kTypeRequest);
     EXPECT_EQ(0, list->num_elements);
 }
 

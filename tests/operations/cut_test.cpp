@@ -21,11 +21,13 @@ namespace {
 // with that status, and the complete subscription ends silently. A close
 // raises no link failure; destroy is refused (13) on the open and the failed
 // handle.
-void CutShort(bool drop)
+class CutShort : public OpenClientTest {
+protected:
+    void Run(bool drop);
+};
+
+void CutShort::Run(bool drop)
 {
-    FakeService svc;
-    Client c(svc);
-    ASSERT_TRUE(c.open());
     t_kro_ptr async_urid = reinterpret_cast<t_kro_ptr>(0xa);
     t_kro_ptr image_urid = reinterpret_cast<t_kro_ptr>(0xb);
     ASSERT_EQ(0u, Exchange(c, [&] { return qel_hspace_post(c.h, "open-image", image_urid, HSPACE_POST_SYNC, 0, 0); },
@@ -115,9 +117,9 @@ void CutShort(bool drop)
     }
 }
 
-TEST(CutShort, ACloseReturns18ToEveryBlockedCall) { CutShort(false); }
+TEST_F(CutShort, ACloseReturns18ToEveryBlockedCall) { Run(false); }
 
-TEST(CutShort, ADroppedConnectionReturnsTheLinkErrorToEveryBlockedCall) { CutShort(true); }
+TEST_F(CutShort, ADroppedConnectionReturnsTheLinkErrorToEveryBlockedCall) { Run(true); }
 
 } // namespace
 } // namespace ops

@@ -12,11 +12,10 @@ using namespace hspace::test;
 namespace {
 
 // Only the flag bits 1 and 4 reach the wire, for both semantics.
-TEST(Get, FlagsAreMaskedOnTheWire)
+using Get = OpenClientTest;
+
+TEST_F(Get, FlagsAreMaskedOnTheWire)
 {
-    FakeService svc;
-    Client c(svc);
-    ASSERT_TRUE(c.open());
     ObjectList list;
     const std::pair<t_kro_int4, int32_t> cases[] = {{0xFF, 0x5}, {0x2, 0}, {0x1, 0x1}, {0x4, 0x4}, {-1, 0x5}};
     size_t events = 0;

@@ -14,6 +14,8 @@ namespace {
 
 constexpr t_kro_int4 kNoImage = HSPACE_POST_FLAG_NO_IMAGE;
 
+using PostCancel = OpenClientTest;
+
 // Posts key, answered with status; returns the post's result and stores the
 // request in *sent.
 t_kro_error Post(Client &c, const char *key, t_kro_ptr urid, t_kro_int4 flags, t_kro_error status,
@@ -41,11 +43,8 @@ t_kro_error Cancel(Client &c, const char *key, t_kro_error status, Packet *sent 
 // when the service refuses it. A cancel of a key without a subscription is
 // sent and returns the service's status. (A cancel answered with success is
 // in the connection races test.)
-TEST(PostCancel, ASubscriptionRefusesASecondPostUntilCancelled)
+TEST_F(PostCancel, ASubscriptionRefusesASecondPostUntilCancelled)
 {
-    FakeService svc;
-    Client c(svc);
-    ASSERT_TRUE(c.open());
     Packet sent;
     EXPECT_EQ(0u, Post(c, "Sub", nullptr, 0xFF, 0, &sent, 0x0F));
     EXPECT_EQ(2, sent.numsh);
@@ -64,12 +63,8 @@ TEST(PostCancel, ASubscriptionRefusesASecondPostUntilCancelled)
     EXPECT_EQ(1, RequestCount(c.h));
 
     EXPECT_EQ(77u, Cancel(c, "sUb", 77, &sent, -1));
-    ASSERT_TRUE(sent.hspace && sent.rr);
-    EXPECT_EQ(codec::kOpCancel, sent.hspace->opcode);
-    EXPECT_EQ(codec::kSemSync, sent.hspace->semantic);
-    EXPECT_EQ(0, sent.hspace->flags) << "a cancel carries no flags";
-    EXPECT_EQ("sUb", sent.hspace->key);
-    EXPECT_EQ(codec::kTypeRequest, sent.body_type);
+    ASSERT_TRUE(sent.rr);
+    ExpectRequest(sent, codec::kOpCancel, codec::kSemSync, "sUb", codec::kTypeRequest);
     EXPECT_EQ(0, RequestCount(c.h));
     EXPECT_EQ(0u, Post(c, "SUB", nullptr, kNoImage, 0));
     EXPECT_EQ(1, RequestCount(c.h));
@@ -79,44 +74,29 @@ TEST(PostCancel, ASubscriptionRefusesASecondPostUntilCancelled)
 }
 
 // A post answered with a failure status returns it unchanged (2 included)
-// and leaves no record: the next post of the key is accepted.
-TEST(PostCancel, APostAnsweredWithAnErrorLeavesNothingBehind)
+// and leaves no record: the next post of the key is accepted. A remove of
+// the subscribed key, in either form, leaves that subscription in place.
+TEST_F(PostCancel, AFailedPostLeavesNothingAndARemoveLeavesTheSubscription)
 {
-    FakeService svc;
-    Client c(svc);
-    ASSERT_TRUE(c.open());
     for (t_kro_error status : {77u, KRO_ERR_NO_MATCH}) {
         EXPECT_EQ(status, Post(c, "k", nullptr, 0, status));
         EXPECT_EQ(0, RequestCount(c.h));
     }
-    EXPECT_EQ(0u, Post(c, "k", nullptr, kNoImage, 0));
-    EXPECT_EQ(1, RequestCount(c.h));
-    EXPECT_EQ(0u, c.events.count());
-}
-
-// A remove of a subscribed key leaves the subscription in place.
-TEST(PostCancel, ARemoveLeavesTheSubscription)
-{
-    FakeService svc;
-    Client c(svc);
-    ASSERT_TRUE(c.open());
     EXPECT_EQ(0u, Post(c, "k", nullptr, kNoImage, 0));
     EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_remove(c.h, "K", HSPACE_REMOVE_SYNC, 0); }, ReplyWith(0)));
     EXPECT_EQ(0u, Bounded([&] { return qel_hspace_remove(c.h, "k", HSPACE_REMOVE_NOREPLY, 0); }));
     c.conn.next_packet();
     EXPECT_EQ(1, RequestCount(c.h));
     EXPECT_EQ(KRO_ERR_EXISTS, Refused(c, "k"));
+    EXPECT_EQ(0u, c.events.count());
 }
 
 // An image answered with 2 is one event with status 0 and no object; the
 // subscription stays and receives notifications, and being complete it ends
 // silently at close. An image answered with another status is one event
 // with that status, and ends the subscription.
-TEST(PostCancel, StatusOnlyImages)
+TEST_F(PostCancel, StatusOnlyImages)
 {
-    FakeService svc;
-    Client c(svc);
-    ASSERT_TRUE(c.open());
     t_kro_ptr urid = reinterpret_cast<t_kro_ptr>(0xabc);
     Packet sent;
     ASSERT_EQ(0u, Post(c, "empty", urid, 0, 0, &sent));

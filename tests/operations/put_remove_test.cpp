@@ -13,64 +13,49 @@ namespace {
 
 constexpr uint16_t kLtp = 5; // the fake service's ltp: every request's dport
 
+using PutRemove = OpenClientTest;
+
 // No-reply forms send one packet without an rr subheader and touch no record
-// (the table holds an active subscription before and after).
-TEST(PutRemove, NoReplyFormsCarryNoRrAndLeaveTheTableAlone)
+// (the table holds an active subscription before and after); the longest key
+// the wire carries goes out whole.
+TEST_F(PutRemove, NoReplyFormsCarryNoRrAndLeaveTheTableAlone)
 {
-    FakeService svc;
-    Client c(svc);
-    ASSERT_TRUE(c.open());
     EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_post(c.h, "sub", nullptr, HSPACE_POST_SYNC, 0,
                                                            HSPACE_POST_FLAG_NO_IMAGE); },
                            ReplyWith(0)));
     ASSERT_EQ(1, RequestCount(c.h));
-
-    UserObject o("alpha", "xyz");
-    EXPECT_EQ(0u, Bounded([&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_NOREPLY, -1); }));
-    EXPECT_EQ(1, RequestCount(c.h));
-    Packet p = c.conn.next_packet();
-    EXPECT_EQ(1, p.numsh);
-    EXPECT_EQ(std::vector<uint16_t>{codec::kTypeHspace}, p.subheader_types);
-    EXPECT_FALSE(p.rr);
-    ASSERT_TRUE(p.hspace);
-    EXPECT_EQ(codec::kOpPut, p.hspace->opcode);
-    EXPECT_EQ(codec::kSemNoReply, p.hspace->semantic);
-    EXPECT_EQ(0, p.hspace->flags);
-    EXPECT_EQ("alpha", p.hspace->key);
-    EXPECT_EQ(kLtp, p.dport);
-    EXPECT_EQ(codec::kTypeObject, p.type);
-    EXPECT_EQ(codec::kTypeObject, p.body_type);
-    EXPECT_EQ("xyz", p.body);
-
-    EXPECT_EQ(0u, Bounded([&] { return qel_hspace_remove(c.h, "beta", HSPACE_REMOVE_NOREPLY, -1); }));
-    EXPECT_EQ(1, RequestCount(c.h));
-    p = c.conn.next_packet();
-    EXPECT_EQ(1, p.numsh);
-    EXPECT_FALSE(p.rr);
-    ASSERT_TRUE(p.hspace);
-    EXPECT_EQ(codec::kOpRemove, p.hspace->opcode);
-    EXPECT_EQ(codec::kSemNoReply, p.hspace->semantic);
-    EXPECT_EQ(0, p.hspace->flags);
-    EXPECT_EQ("beta", p.hspace->key);
-    EXPECT_EQ(codec::kTypeRequest, p.body_type);
-    EXPECT_EQ("", p.body);
-
-    // The longest key the wire carries goes out whole.
-    UserObject longest(std::string(65535, 'x'), "v");
-    EXPECT_EQ(0u, Bounded([&] { return qel_hspace_put(c.h, longest.obj, HSPACE_PUT_NOREPLY, 0); }));
-    p = c.conn.next_packet();
-    ASSERT_TRUE(p.hspace);
-    EXPECT_EQ(longest.key, p.hspace->key);
-    EXPECT_EQ(1, RequestCount(c.h));
+    UserObject o("alpha", "xyz"), longest(std::string(65535, 'x'), "v");
+    const struct {
+        std::function<t_kro_error()> call; // the no-reply call
+        int opcode;                        // its opcode on the wire
+        std::string key;                   // its key
+        int body_type;                     // its body's type
+        const char *body;                  // its body
+    } cases[] = {
+        {[&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_NOREPLY, -1); }, codec::kOpPut, "alpha",
+         codec::kTypeObject, "xyz"},
+        {[&] { return qel_hspace_remove(c.h, "beta", HSPACE_REMOVE_NOREPLY, -1); }, codec::kOpRemove, "beta",
+         codec::kTypeRequest, ""},
+        {[&] { return qel_hspace_put(c.h, longest.obj, HSPACE_PUT_NOREPLY, 0); }, codec::kOpPut, longest.key,
+         codec::kTypeObject, "v"},
+    };
+    for (const auto &k : cases) {
+        SCOPED_TRACE(k.opcode);
+        EXPECT_EQ(0u, Bounded(k.call));
+        EXPECT_EQ(1, RequestCount(c.h));
+        Packet p = c.conn.next_packet();
+        EXPECT_EQ(std::vector<uint16_t>{codec::kTypeHspace}, p.subheader_types);
+        EXPECT_FALSE(p.rr);
+        EXPECT_EQ(kLtp, p.dport);
+        EXPECT_EQ(k.body_type, p.type);
+        ExpectRequest(p, k.opcode, codec::kSemNoReply, k.key, k.body_type, k.body);
+    }
 }
 
 // Correlation ids start at 1 on a new handle and rise by one per request
 // that expects an answer, across operations; no-reply forms draw none.
-TEST(PutRemove, CorrelationIdsStartAt1AndIncreaseAcrossOperations)
+TEST_F(PutRemove, CorrelationIdsStartAt1AndIncreaseAcrossOperations)
 {
-    FakeService svc;
-    Client c(svc);
-    ASSERT_TRUE(c.open());
     UserObject o("k", "v");
     ObjectList list;
     std::vector<std::function<t_kro_error()>> calls = {
@@ -105,11 +90,8 @@ TEST(PutRemove, CorrelationIdsStartAt1AndIncreaseAcrossOperations)
 
 // A synchronous put sends the value window [pos, lim) of the object's buffer
 // (nothing for a null buffer) and leaves object and buffer as they were.
-TEST(PutRemove, PutSendsTheValueWindowAndLeavesTheBufferAlone)
+TEST_F(PutRemove, PutSendsTheValueWindowAndLeavesTheBufferAlone)
 {
-    FakeService svc;
-    Client c(svc);
-    ASSERT_TRUE(c.open());
 
     UserObject window("win", "0123456789ABCDEF");
     window.buf->pos = 3;
@@ -117,15 +99,8 @@ TEST(PutRemove, PutSendsTheValueWindowAndLeavesTheBufferAlone)
     Packet sent;
     EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_put(c.h, window.obj, HSPACE_PUT_SYNC, -1); }, ReplyWith(0),
                            &sent));
-    EXPECT_EQ(2, sent.numsh);
     EXPECT_EQ((std::vector<uint16_t>{codec::kTypeHspace, codec::kTypeRr}), sent.subheader_types);
-    ASSERT_TRUE(sent.hspace);
-    EXPECT_EQ(codec::kOpPut, sent.hspace->opcode);
-    EXPECT_EQ(codec::kSemSync, sent.hspace->semantic);
-    EXPECT_EQ(0, sent.hspace->flags) << "a put carries no flags";
-    EXPECT_EQ("win", sent.hspace->key);
-    EXPECT_EQ(codec::kTypeObject, sent.body_type);
-    EXPECT_EQ("3456789", sent.body);
+    ExpectRequest(sent, codec::kOpPut, codec::kSemSync, "win", codec::kTypeObject, "3456789");
     EXPECT_EQ(3u, window.buf->pos);
     EXPECT_EQ(10u, window.buf->lim);
     EXPECT_EQ(16u, window.buf->size);

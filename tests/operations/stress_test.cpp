@@ -134,12 +134,7 @@ void RunWorker(t_qel_hspace h, int t, Worker &w)
         case 1: check("put no-reply", qel_hspace_put(h, o.obj, HSPACE_PUT_NOREPLY, 0), {0, 13}); break;
         case 2: {
             check("get", qel_hspace_get(h, own.c_str(), nullptr, HSPACE_GET_SYNC, 0, 0, list), {0, 77, 13, 18});
-            t_kro_ptr n;
-            while ((n = kro_llist_first(list)) != nullptr) {
-                auto object = static_cast<t_qel_hspace_object>(n);
-                kro_llist_remove(object);
-                qel_hspace_object_destroy(&object);
-            }
+            list.clear();
             break;
         }
         case 3: {

@@ -377,13 +377,32 @@ public:
 // answer answer it, and returns the call's result. The request is stored in
 // *sent when sent is not null.
 using Answer = std::function<void(FakeConnection &, const Packet &)>;
-inline t_kro_error Exchange(Client &c, std::function<t_kro_error()> call, Answer answer, Packet *sent = nullptr)
+inline t_kro_error Exchange(FakeConnection &conn, std::function<t_kro_error()> call, Answer answer,
+                            Packet *sent = nullptr)
 {
     Call running(std::move(call));
-    Packet p = c.conn.next_packet();
-    if (p.wirelen != 0) answer(c.conn, p);
+    Packet p = conn.next_packet();
+    if (p.wirelen != 0) answer(conn, p);
     if (sent != nullptr) *sent = p;
     return running.result();
+}
+inline t_kro_error Exchange(Client &c, std::function<t_kro_error()> call, Answer answer, Packet *sent = nullptr)
+{
+    return Exchange(c.conn, std::move(call), std::move(answer), sent);
+}
+
+// Expects p to be a request of opcode and semantic on key, without flags,
+// with a body of body_type holding body.
+inline void ExpectRequest(const Packet &p, int opcode, int semantic, const std::string &key, int body_type,
+                          const std::string &body = "")
+{
+    ASSERT_TRUE(p.hspace);
+    EXPECT_EQ(opcode, p.hspace->opcode);
+    EXPECT_EQ(semantic, p.hspace->semantic);
+    EXPECT_EQ(0, p.hspace->flags);
+    EXPECT_EQ(key, p.hspace->key);
+    EXPECT_EQ(body_type, p.body_type);
+    EXPECT_EQ(body, p.body);
 }
 
 // A bare reply with status to the request's correlation id.
@@ -523,6 +542,36 @@ protected:
     }
 
     Watchdog watchdog_; // ends the process if the test hangs
+};
+
+// A LibraryTest with a handle h opened on its own service svc, reporting to
+// g_events; c is the service's side. TearDown closes and destroys h unless
+// the test did (and set h to null).
+class ConnectedTest : public LibraryTest {
+protected:
+    void SetUp() override
+    {
+        LibraryTest::SetUp();
+        ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
+    }
+    void TearDown() override
+    {
+        if (h != nullptr) CloseAndDestroy(&h);
+        LibraryTest::TearDown();
+    }
+
+    FakeService svc;          // the service
+    t_qel_hspace h = nullptr; // the open handle
+    FakeConnection c;         // the service's side of h's connection
+};
+
+// A Client c opened on its own service svc; the Client closes it at the end.
+class OpenClientTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(c.open()); }
+
+    FakeService svc; // the service
+    Client c{svc};   // the open handle and its events
 };
 
 } // namespace test
