@@ -101,10 +101,40 @@ std::string section(uint16_t type, uint32_t len, const std::string &payload = st
 
 TEST(Codec, ClientPacketsByteForByte)
 {
-    std::string out;
-    encode_handshake_request(out, "data", "anonymous", "default");
-    EXPECT_EQ(kHandshake, out);
-    EXPECT_EQ(70u, out.size());
+    std::string handshake, get_bytes, put_bytes;
+    encode_handshake_request(handshake, "data", "anonymous", "default");
+    Request get;
+    get.dport = 5;
+    get.opcode = kOpGet;
+    get.key = "k1";
+    get.corrid = 7u;
+    encode_request(get_bytes, get);
+    Request put;
+    put.dport = 5;
+    put.opcode = kOpPut;
+    put.semantic = kSemNoReply;
+    put.key = "k1";
+    put.data = "abc";
+    encode_request(put_bytes, put);
+
+    // Each encoder writes the worked example; its decoding keeps the raw
+    // bytes, and the generic encoder reproduces it from the decoding.
+    const struct {
+        const char *name;
+        const std::string &want, &got;
+    } cases[] = {{"handshake", kHandshake, handshake}, {"sync get", kSyncGet, get_bytes},
+                 {"no-reply put", kNoReplyPut, put_bytes}};
+    for (const auto &c : cases) {
+        EXPECT_EQ(c.want, c.got) << c.name;
+        Packet p = must_decode(c.want);
+        EXPECT_EQ(c.want, p.raw) << c.name;
+        EXPECT_EQ(c.want.size(), p.wirelen) << c.name;
+        std::string again;
+        encode(again, p);
+        EXPECT_EQ(c.want, again) << c.name;
+    }
+
+    // What the decoder reads from them.
     Packet hs = must_decode(kHandshake);
     ASSERT_TRUE(hs.handshake_request);
     EXPECT_EQ("data", hs.handshake_request->service_type);
@@ -112,19 +142,7 @@ TEST(Codec, ClientPacketsByteForByte)
     EXPECT_EQ("default", hs.handshake_request->client_group);
     EXPECT_EQ(1, hs.handshake_request->fixed1);
     EXPECT_EQ(0xFFFF, hs.handshake_request->fixed2);
-    EXPECT_EQ(0, hs.numsh);
-    EXPECT_EQ(kHandshake, hs.raw);
-
-    Request get;
-    get.dport = 5;
-    get.opcode = kOpGet;
-    get.key = "k1";
-    get.corrid = 7u;
-    out.clear();
-    encode_request(out, get);
-    EXPECT_EQ(kSyncGet, out);
     Packet g = must_decode(kSyncGet);
-    EXPECT_EQ(88u, g.wirelen);
     EXPECT_EQ(5, g.dport);
     EXPECT_EQ((std::vector<uint16_t>{kTypeHspace, kTypeRr}), g.subheader_types);
     ASSERT_TRUE(g.hspace && g.rr);
@@ -134,54 +152,37 @@ TEST(Codec, ClientPacketsByteForByte)
     EXPECT_EQ(7u, g.rr->corrid);
     EXPECT_TRUE(g.rr->is_request());
     EXPECT_EQ(kTypeRequest, g.body_type);
-    EXPECT_EQ("", g.body);
-
-    Request put;
-    put.dport = 5;
-    put.opcode = kOpPut;
-    put.semantic = kSemNoReply;
-    put.key = "k1";
-    put.data = "abc";
-    out.clear();
-    encode_request(out, put);
-    EXPECT_EQ(kNoReplyPut, out);
     Packet p = must_decode(kNoReplyPut);
-    EXPECT_EQ(67u, p.wirelen);
     EXPECT_FALSE(p.rr);
     ASSERT_TRUE(p.hspace);
     EXPECT_EQ(kSemNoReply, p.hspace->semantic);
     EXPECT_EQ(kTypeObject, p.body_type);
     EXPECT_EQ("abc", p.body);
-
-    // The generic encoder reproduces each of them from its decoding.
-    for (const std::string *bytes : {&kHandshake, &kSyncGet, &kNoReplyPut}) {
-        out.clear();
-        encode(out, must_decode(*bytes));
-        EXPECT_EQ(*bytes, out);
-    }
 }
 
 TEST(Codec, ReplyInfoBitLayout)
 {
-    EXPECT_EQ(hex("04 00 00 01 40 00 00 02"), info_bytes(RrSubheader::success(1, 10, 2)));
-    EXPECT_EQ(hex("07 FF FF FF E0 00 00 00"), info_bytes(RrSubheader::success(1, kMaxCount, 0)));
-    EXPECT_EQ(hex("00 00 00 00 00 00 00 02"), info_bytes(RrSubheader::failure(1, 2)));
-    EXPECT_EQ(hex("80 00 00 00 00 00 00 00"), info_bytes(RrSubheader::request(1)));
-
-    RrSubheader r = RrSubheader::success(9, 10, 2);
-    EXPECT_FALSE(r.is_request());
-    EXPECT_TRUE(r.is_success());
-    EXPECT_EQ(10u, r.count());
-    EXPECT_EQ(2u, r.num());
-    EXPECT_EQ(0u, r.error());
-    RrSubheader big = RrSubheader::success(9, kMaxCount, kMaxCount);
-    EXPECT_EQ(kMaxCount, big.count());
-    EXPECT_EQ(kMaxCount, big.num());
-    RrSubheader f = RrSubheader::failure(9, 2);
-    EXPECT_FALSE(f.is_success());
-    EXPECT_EQ(0u, f.count());
-    EXPECT_EQ(0u, f.num());
-    EXPECT_EQ(2u, f.error());
+    const struct {
+        RrSubheader rr;
+        const char *info;
+        bool request, success;
+        uint32_t count, num, error;
+    } cases[] = {
+        {RrSubheader::success(1, 10, 2), "04 00 00 01 40 00 00 02", false, true, 10, 2, 0},
+        {RrSubheader::success(1, kMaxCount, 0), "07 FF FF FF E0 00 00 00", false, true, kMaxCount, 0, 0},
+        {RrSubheader::success(1, kMaxCount, kMaxCount), "07 FF FF FF FF FF FF FF", false, true, kMaxCount, kMaxCount, 0},
+        {RrSubheader::failure(1, 2), "00 00 00 00 00 00 00 02", false, false, 0, 0, 2},
+        {RrSubheader::request(1), "80 00 00 00 00 00 00 00", true, false, 0, 0, 0},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(hex(c.info), info_bytes(c.rr)) << c.info;
+        EXPECT_EQ(c.request, c.rr.is_request()) << c.info;
+        if (c.request) continue;
+        EXPECT_EQ(c.success, c.rr.is_success()) << c.info;
+        EXPECT_EQ(c.count, c.rr.count()) << c.info;
+        EXPECT_EQ(c.num, c.rr.num()) << c.info;
+        EXPECT_EQ(c.error, c.rr.error()) << c.info;
+    }
 }
 
 TEST(Codec, ServicePacketsRoundTrip)
@@ -190,30 +191,24 @@ TEST(Codec, ServicePacketsRoundTrip)
     encode_handshake_reply(out, 1, 5, "fake");
     Packet hr = must_decode(out);
     ASSERT_TRUE(hr.handshake_reply);
+    EXPECT_EQ(kTypeHandshakeReply, hr.type);
     EXPECT_EQ(1, hr.handshake_reply->version);
     EXPECT_EQ(5, hr.handshake_reply->ltp);
     EXPECT_EQ("fake", hr.handshake_reply->name);
-    EXPECT_EQ(kTypeHandshakeReply, hr.type);
-    EXPECT_EQ(32u + 8 + 6 + 4, hr.wirelen);
-    EXPECT_EQ(0xFF, static_cast<uint8_t>(out[27]));
 
-    out.clear();
-    encode_reply(out, 7, 0);
-    Packet ok = must_decode(out);
-    EXPECT_EQ(kTypeReply, ok.body_type);
-    ASSERT_TRUE(ok.rr);
-    EXPECT_FALSE(ok.hspace);
-    EXPECT_EQ(7u, ok.rr->corrid);
-    EXPECT_TRUE(ok.rr->is_success());
-    EXPECT_EQ(0u, ok.rr->count());
-    EXPECT_EQ(64u, ok.wirelen);
-
-    out.clear();
-    encode_reply(out, 8, 20);
-    Packet bad = must_decode(out);
-    ASSERT_TRUE(bad.rr);
-    EXPECT_FALSE(bad.rr->is_success());
-    EXPECT_EQ(20u, bad.rr->error());
+    // Replies: success without objects, and a failure code.
+    for (uint32_t error : {0u, 20u}) {
+        out.clear();
+        encode_reply(out, 7, error);
+        Packet r = must_decode(out);
+        EXPECT_EQ(kTypeReply, r.body_type);
+        EXPECT_FALSE(r.hspace);
+        ASSERT_TRUE(r.rr);
+        EXPECT_EQ(7u, r.rr->corrid);
+        EXPECT_EQ(error == 0, r.rr->is_success());
+        EXPECT_EQ(error, r.rr->error());
+        EXPECT_EQ(0u, r.rr->count());
+    }
 
     out.clear();
     encode_object(out, 3, kOpPost, "key", std::string("v\0w", 3), 4, 2, kFlagKeyOnly);
@@ -234,24 +229,20 @@ TEST(Codec, ServicePacketsRoundTrip)
     Packet empty = must_decode(out);
     EXPECT_EQ("", empty.hspace->key);
     EXPECT_EQ("", empty.body);
-    EXPECT_EQ(32u + 22 + 24 + 8, empty.wirelen);
 
     out.clear();
     encode_notification(out, "k1", 2, "new");
     Packet n = must_decode(out);
     ASSERT_TRUE(n.hspace);
     EXPECT_FALSE(n.rr);
-    EXPECT_EQ(1, n.numsh);
     EXPECT_EQ(kOpNotification, n.hspace->opcode);
     EXPECT_EQ(2, n.hspace->triggers);
     EXPECT_EQ("k1", n.hspace->key);
     EXPECT_EQ("new", n.body);
-    EXPECT_EQ(0, n.sport);
     EXPECT_EQ(0, n.dport);
 
     // Every encoded packet frames as exactly itself, also when followed by more.
-    std::string two = out + out;
-    FrameResult f = frame(two);
+    FrameResult f = frame(out + out);
     EXPECT_EQ(FrameStatus::Complete, f.status);
     EXPECT_EQ(out.size(), f.wirelen);
 }

@@ -124,33 +124,17 @@ private:
     t_kro_ushort port_;
 };
 
-// Create data owned by whoever passes it to kro_socket_client_create.
-t_kro_socket_client_create_data make_create_data(const char *host, t_kro_ushort port,
-                                                 const char *local = "0.0.0.0")
-{
-    t_kro_socket_client_create_data data = NULL;
-    KRO_ALLOC_RECORD(sizeof(struct kro_socket_client_create_data), &data, 1);
-    kro_str_assign(&data->device_create_data.local_ifaddr, local);
-    data->device_create_data.local_port = 0;
-    kro_str_assign(&data->device_create_data.remote_ifaddr, host);
-    data->device_create_data.remote_port = port;
-    return data;
-}
-
+// A client socket for host:port; its create data passes to the socket.
 t_kro_socket make_socket(const char *host, t_kro_ushort port, const char *local = "0.0.0.0")
 {
+    t_kro_socket_client_create_data data = NULL;
     t_kro_socket s = NULL;
-    EXPECT_EQ(0u, kro_socket_client_create(make_create_data(host, port, local), &s));
+    KRO_ALLOC_RECORD(sizeof(struct kro_socket_client_create_data), &data, 1);
+    kro_str_assign(&data->device_create_data.local_ifaddr, local);
+    kro_str_assign(&data->device_create_data.remote_ifaddr, host);
+    data->device_create_data.remote_port = port;
+    EXPECT_EQ(0u, kro_socket_client_create(data, &s));
     return s;
-}
-
-// A buffer holding text, ready to be sent.
-t_kro_buf text_buf(const char *text)
-{
-    t_kro_buf buf = NULL;
-    kro_buf_create(&buf, (t_kro_uint4)strlen(text), 0);
-    memcpy(buf->ptr, text, strlen(text));
-    return buf;
 }
 
 std::string recv_exactly(int fd, size_t n)
@@ -171,38 +155,25 @@ std::string recv_exactly(int fd, size_t n)
 
 TEST(KroBuf, CreateFlipCompactKeepPositionsAndBytes)
 {
+    // A partial drain and compact are checked from C (tests/c99); here the
+    // two ends: nothing read yet, and everything read.
     t_kro_buf buf = NULL;
     kro_buf_create(&buf, 16, 1);
     ASSERT_NE(nullptr, buf);
-    EXPECT_EQ(1, buf->refcount);
-    EXPECT_EQ(0u, buf->pos);
-    EXPECT_EQ(16u, buf->lim);
     EXPECT_EQ(std::string(16, '\0'), std::string((char *)buf->ptr, 16));
-
     memcpy(buf->ptr, "abcde", 5);
     kro_buf_set_pos(buf, 5);
     kro_buf_flip(buf);
-    EXPECT_EQ(0u, buf->pos);
-    EXPECT_EQ(5u, buf->lim);
-
     kro_buf_compact(buf); // nothing read yet: nothing moves
     EXPECT_EQ(5u, buf->pos);
     EXPECT_EQ(16u, buf->lim);
     EXPECT_EQ(0, memcmp(buf->ptr, "abcde", 5));
 
     kro_buf_flip(buf);
-    kro_buf_set_pos(buf, 2); // "ab" consumed
-    kro_buf_compact(buf);
-    EXPECT_EQ(3u, buf->pos);
-    EXPECT_EQ(16u, buf->lim);
-    EXPECT_EQ(0, memcmp(buf->ptr, "cde", 3));
-
-    kro_buf_flip(buf);
-    kro_buf_set_pos(buf, 3); // fully drained
+    kro_buf_set_pos(buf, 5); // fully drained
     kro_buf_compact(buf);
     EXPECT_EQ(0u, buf->pos);
     EXPECT_EQ(16u, buf->lim);
-
     kro_buf_release(&buf);
     EXPECT_EQ(nullptr, buf);
 }
@@ -302,6 +273,9 @@ TEST(KroStr, AssignCopiesReplacesAndNullLeavesNull)
 
     kro_str_assign(&s, "xyz"); // the old copy is freed (LeakSanitizer)
     EXPECT_STREQ("xyz", s);
+    kro_str_assign(&s, "");
+    ASSERT_NE(nullptr, s);
+    EXPECT_STREQ("", s);
     kro_str_assign(&s, NULL);
     EXPECT_EQ(nullptr, s);
 }
@@ -488,9 +462,11 @@ TEST(KroSocket, ReadAndWriteMoveBytesAndRespectTheBuffer)
     Listener listener;
     t_kro_socket s = make_socket("127.0.0.1", listener.port());
     t_kro_buf in = NULL;
-    t_kro_buf out = text_buf("ping");
+    t_kro_buf out = NULL;
     t_kro_uint4 n = 99;
     kro_buf_create(&in, 4, 0);
+    kro_buf_create(&out, 4, 0);
+    memcpy(out->ptr, "ping", 4);
     EXPECT_EQ(KRO_ERR_NOT_CONNECTED, kro_socket_read(s, in, &n));
     EXPECT_EQ(KRO_ERR_NOT_CONNECTED, kro_socket_write_single(s, out, &n));
 

@@ -4,24 +4,11 @@
 #
 # Output of the long-running processes is read through fifos with bounded
 # reads (read -t); a process that does not answer within WATCHDOG seconds
-# fails the test. Nothing sleeps.
+# fails the test (lib.sh). Nothing sleeps.
 set -u
 HSPACED=$1
 HSPACE=$2
-WATCHDOG=15
-
-tmp=$(mktemp -d)
-pids=()
-cleanup() {
-    for pid in "${pids[@]}"; do kill -KILL "$pid" 2>/dev/null; done
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
-
-fail() {
-    echo "FAIL: $*" >&2
-    exit 1
-}
+. "$(dirname "$0")/lib.sh"
 
 # expect_exit CODE COMMAND...: runs the command (bounded by the watchdog),
 # checks its exit status.
@@ -34,39 +21,9 @@ expect_exit() {
     [ "$got" -eq "$want" ] || fail "$* exited $got, expected $want; stderr: $(cat "$tmp/err")"
 }
 
-# read_line FD: one line from FD into $line, bounded by the watchdog.
-read_line() {
-    IFS= read -r -t "$WATCHDOG" -u "$1" line || fail "no output within ${WATCHDOG}s (expected a line)"
-}
-
-# expect_line FD TEXT: the next line from FD is TEXT.
-expect_line() {
-    read_line "$1"
-    [ "$line" = "$2" ] || fail "got line '$line', expected '$2'"
-}
-
-# wait_exit FD PID CODE: the process writing FD ends (end of its output,
-# bounded), then its exit status is CODE.
-wait_exit() {
-    local rc=0
-    while [ "$rc" -eq 0 ]; do IFS= read -r -t "$WATCHDOG" -u "$1" line || rc=$?; done
-    [ "$rc" -gt 128 ] && fail "process $2 did not end within ${WATCHDOG}s"
-    wait "$2"
-    local got=$?
-    [ "$got" -eq "$3" ] || fail "process $2 exited $got, expected $3"
-}
-
 # The service, on a port of its choosing.
-mkfifo "$tmp/service" "$tmp/watch1" "$tmp/watch2"
-"$HSPACED" --port 0 --quiet >"$tmp/service" &
-svc=$!
-pids+=("$svc")
-exec {svc_fd}<"$tmp/service"
-read_line "$svc_fd"
-case $line in
-"hspaced listening on tcp://127.0.0.1:"*) url=${line#hspaced listening on } ;;
-*) fail "unexpected first line from hspaced: $line" ;;
-esac
+mkfifo "$tmp/watch1" "$tmp/watch2"
+start_hspaced "$HSPACED"
 
 # put, get, rm with exit codes.
 expect_exit 0 "$HSPACE" --url "$url" put greeting "hello world"

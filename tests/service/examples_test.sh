@@ -6,34 +6,10 @@
 set -u
 HSPACED=$1
 EXAMPLES=$2
-WATCHDOG=15
+. "$(dirname "$0")/lib.sh"
 
-tmp=$(mktemp -d)
-pids=()
-cleanup() {
-    for pid in "${pids[@]}"; do kill -KILL "$pid" 2>/dev/null; done
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
-
-fail() {
-    echo "FAIL: $*" >&2
-    exit 1
-}
-
-# expect_line FD TEXT: the next line from FD, within the watchdog, is TEXT.
-expect_line() {
-    IFS= read -r -t "$WATCHDOG" -u "$1" line || fail "no line within ${WATCHDOG}s (expected '$2')"
-    [ "$line" = "$2" ] || fail "got line '$line', expected '$2'"
-}
-
-mkfifo "$tmp/service" "$tmp/subscriber"
-"$HSPACED" --port 0 --quiet >"$tmp/service" &
-svc=$!
-pids+=("$svc")
-exec {svc_fd}<"$tmp/service"
-IFS= read -r -t "$WATCHDOG" -u "$svc_fd" line || fail "hspaced did not start"
-url=${line#hspaced listening on }
+mkfifo "$tmp/subscriber"
+start_hspaced "$HSPACED"
 
 timeout -k 5 "$WATCHDOG" "$EXAMPLES/quickstart" "$url" >"$tmp/quickstart" 2>&1 || { cat "$tmp/quickstart"; fail "quickstart failed"; }
 grep -q "quickstart: every step gave the expected result" "$tmp/quickstart" || fail "quickstart's verdict missing"
@@ -57,14 +33,7 @@ for want in "stored fruit/apple = red" "stored fruit/banana = yellow" "stored fr
     expect_line "$sub_fd" "$want"
 done
 kill -INT "$sub"
-rc=0
-while [ "$rc" -eq 0 ]; do IFS= read -r -t "$WATCHDOG" -u "$sub_fd" line || rc=$?; done
-[ "$rc" -gt 128 ] && fail "subscriber did not stop on SIGINT"
-wait "$sub" || fail "subscriber exited $? after SIGINT"
-
+wait_exit "$sub_fd" "$sub" 0
 kill -TERM "$svc"
-rc=0
-while [ "$rc" -eq 0 ]; do IFS= read -r -t "$WATCHDOG" -u "$svc_fd" line || rc=$?; done
-[ "$rc" -gt 128 ] && fail "hspaced did not stop on SIGTERM"
-wait "$svc" || fail "hspaced exited $? on SIGTERM"
+wait_exit "$svc_fd" "$svc" 0
 echo "examples_test: all passed"

@@ -238,6 +238,20 @@ void on_event(t_qel_hspace hspace, t_qel_hspace_event type, t_kro_ptr data)
     if (it != registry.end()) it->second->record(e);
 }
 
+// Appends one request packet to out, byte for byte as a client sends it.
+void add_request(std::string &out, uint8_t opcode, const std::string &key, std::optional<uint32_t> corrid,
+                 uint8_t semantic = codec::kSemSync, int32_t flags = 0, const std::string &data = "")
+{
+    codec::Request r;
+    r.opcode = opcode;
+    r.semantic = semantic;
+    r.flags = flags;
+    r.key = key;
+    r.corrid = corrid;
+    r.data = data;
+    codec::encode_request(out, r);
+}
+
 // A client on a plain blocking socket that speaks through the codec, for
 // bytes the library never sends and for a peer that stops reading.
 class RawClient {
@@ -290,14 +304,16 @@ public:
         }
     }
 
-    void handshake()
+    // Sends a handshake for service type "data"; the reply.
+    codec::Packet handshake()
     {
         std::string out;
         codec::encode_handshake_request(out, "data", "raw", "tests");
         send(out);
         codec::Packet p;
-        ASSERT_TRUE(next(&p));
-        ASSERT_TRUE(p.handshake_reply.has_value());
+        EXPECT_TRUE(next(&p));
+        EXPECT_TRUE(p.handshake_reply.has_value());
+        return p;
     }
 
     // True once the service has closed the connection (end of stream or a
@@ -386,42 +402,35 @@ TEST_F(ServiceTest, PutGetRemoveEverySemantic)
     Client c(url_);
     KeyValues got;
 
-    EXPECT_EQ(c.put("k1", std::string("v1")), 0u);
-    ASSERT_EQ(c.get("k1", &got), 0u);
-    EXPECT_EQ(got, (KeyValues{{"k1", std::string("v1")}}));
-
-    // Replace, no-reply put: the get after it on the same connection sees it.
-    EXPECT_EQ(c.put("k1", std::string("v1b"), HSPACE_PUT_NOREPLY), 0u);
-    ASSERT_EQ(c.get("k1", &got), 0u);
-    EXPECT_EQ(got, (KeyValues{{"k1", std::string("v1b")}}));
-
-    // Null data and an empty buffer both store an empty value, read back
-    // as no data.
-    EXPECT_EQ(c.put("empty1", std::nullopt), 0u);
-    EXPECT_EQ(c.put("empty2", std::string()), 0u);
-    ASSERT_EQ(c.get("empty1", &got), 0u);
-    EXPECT_EQ(got, (KeyValues{{"empty1", std::nullopt}}));
-    ASSERT_EQ(c.get("empty2", &got), 0u);
-    EXPECT_EQ(got, (KeyValues{{"empty2", std::nullopt}}));
-
-    // Binary values and a large one come back byte for byte; keys are case
-    // sensitive.
+    // Each put, then a get on the same connection, sees the value: a
+    // replace by a no-reply put; null data and an empty buffer both read
+    // back as no data; binary and large values byte for byte.
     std::string binary("a\0b\xff\n", 5);
     std::string large(3 << 20, 'x');
     for (size_t i = 0; i < large.size(); i += 4096) large[i] = static_cast<char>(i / 4096);
-    EXPECT_EQ(c.put("bin", binary), 0u);
-    EXPECT_EQ(c.put("large", large), 0u);
-    ASSERT_EQ(c.get("bin", &got), 0u);
-    EXPECT_EQ(got, (KeyValues{{"bin", binary}}));
-    ASSERT_EQ(c.get("large", &got), 0u);
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_TRUE(got[0].second == large);
-    ASSERT_EQ(c.get("K1", &got), 0u);
-    EXPECT_TRUE(got.empty());
+    const struct {
+        const char *key;
+        Value put;
+        t_qel_hspace_put_semantic semantic;
+        Value want;
+    } puts[] = {{"k1", std::string("v1"), HSPACE_PUT_SYNC, std::string("v1")},
+                {"k1", std::string("v1b"), HSPACE_PUT_NOREPLY, std::string("v1b")},
+                {"empty1", std::nullopt, HSPACE_PUT_SYNC, std::nullopt},
+                {"empty2", std::string(), HSPACE_PUT_SYNC, std::nullopt},
+                {"bin", binary, HSPACE_PUT_SYNC, binary},
+                {"large", large, HSPACE_PUT_SYNC, large}};
+    for (const auto &p : puts) {
+        EXPECT_EQ(c.put(p.key, p.put, p.semantic), 0u) << p.key;
+        ASSERT_EQ(c.get(p.key, &got), 0u) << p.key;
+        EXPECT_TRUE(got == (KeyValues{{p.key, p.want}})) << p.key;
+    }
 
-    // Missing: a synchronous get turns status 2 into success with nothing.
-    ASSERT_EQ(c.get("missing", &got), 0u);
-    EXPECT_TRUE(got.empty());
+    // Keys are case sensitive; a synchronous get of a missing key turns
+    // status 2 into success with nothing.
+    for (const char *key : {"K1", "missing"}) {
+        ASSERT_EQ(c.get(key, &got), 0u) << key;
+        EXPECT_TRUE(got.empty()) << key;
+    }
 
     // Remove answers 2 for a missing key; a no-reply remove takes effect.
     EXPECT_EQ(c.remove("k1"), 0u);
@@ -443,12 +452,11 @@ TEST_F(ServiceTest, PatternAndAsynchronousGets)
     ASSERT_EQ(c.get("p/*", &got), 0u);
     EXPECT_EQ(got, (KeyValues{{"p/a", std::string("v-p/a")}, {"p/b", std::string("v-p/b")},
                               {"p/c", std::string("v-p/c")}}));
-    ASSERT_EQ(c.get("p*", &got), 0u);
-    EXPECT_EQ(got.size(), 5u);
-    ASSERT_EQ(c.get("*", &got), 0u);
-    EXPECT_EQ(got.size(), 6u);
-    ASSERT_EQ(c.get("nothing/*", &got), 0u);
-    EXPECT_TRUE(got.empty());
+    const std::pair<const char *, size_t> counts[] = {{"p*", 5}, {"*", 6}, {"nothing/*", 0}};
+    for (const auto &[pattern, n] : counts) {
+        ASSERT_EQ(c.get(pattern, &got), 0u) << pattern;
+        EXPECT_EQ(got.size(), n) << pattern;
+    }
 
     // Key only: objects without values.
     ASSERT_EQ(c.get("p/*", &got, HSPACE_GET_FLAG_KEY_ONLY), 0u);
@@ -619,11 +627,7 @@ TEST_F(ServiceTest, HandshakeAndUnknownRequestsOnTheWire)
     // The handshake reply: version 1, a nonzero ltp, the service's name.
     {
         RawClient raw(server_->port());
-        std::string out;
-        codec::encode_handshake_request(out, "data", "raw", "tests");
-        raw.send(out);
-        codec::Packet p;
-        ASSERT_TRUE(raw.next(&p));
+        codec::Packet p = raw.handshake();
         ASSERT_TRUE(p.handshake_reply.has_value());
         EXPECT_EQ(p.handshake_reply->version, 1);
         EXPECT_NE(p.handshake_reply->ltp, 0);
@@ -631,24 +635,11 @@ TEST_F(ServiceTest, HandshakeAndUnknownRequestsOnTheWire)
 
         // An unknown opcode with a correlation id is answered 14; without
         // one it is dropped; a get without reply wanted is not answered.
-        codec::Request unknown;
-        unknown.opcode = 3;
-        unknown.key = "k";
-        unknown.corrid = 11;
-        out.clear();
-        codec::encode_request(out, unknown);
-        unknown.opcode = 9;
-        unknown.corrid.reset();
-        codec::encode_request(out, unknown);
-        codec::Request get;
-        get.opcode = codec::kOpGet;
-        get.key = "k";
-        get.semantic = codec::kSemNoReply;
-        get.corrid = 12;
-        codec::encode_request(out, get);
-        get.semantic = codec::kSemSync;
-        get.corrid = 13;
-        codec::encode_request(out, get);
+        std::string out;
+        add_request(out, 3, "k", 11u);
+        add_request(out, 9, "k", std::nullopt);
+        add_request(out, codec::kOpGet, "k", 12u, codec::kSemNoReply);
+        add_request(out, codec::kOpGet, "k", 13u);
         raw.send(out);
         ASSERT_TRUE(raw.next(&p));
         ASSERT_TRUE(p.rr.has_value());
@@ -661,22 +652,12 @@ TEST_F(ServiceTest, HandshakeAndUnknownRequestsOnTheWire)
     }
 
     // Anything but a handshake for service type "data" first: closed.
-    {
+    std::string other, get_first;
+    codec::encode_handshake_request(other, "other", "raw", "tests");
+    add_request(get_first, codec::kOpGet, "k", 1u);
+    for (const std::string &first : {other, get_first}) {
         RawClient raw(server_->port());
-        std::string out;
-        codec::encode_handshake_request(out, "other", "raw", "tests");
-        raw.send(out);
-        EXPECT_TRUE(raw.wait_closed());
-    }
-    {
-        RawClient raw(server_->port());
-        codec::Request get;
-        get.opcode = codec::kOpGet;
-        get.key = "k";
-        get.corrid = 1;
-        std::string out;
-        codec::encode_request(out, get);
-        raw.send(out);
+        raw.send(first);
         EXPECT_TRUE(raw.wait_closed());
     }
     EXPECT_EQ(server_->stats().dropped_invalid.load(), 2u);
@@ -717,11 +698,7 @@ TEST_F(ServiceTest, GarbageFromOneClientHarmsNoOther)
         RawClient raw(server_->port());
         raw.handshake();
         std::string out;
-        codec::Request put;
-        put.opcode = codec::kOpPut;
-        put.key = "g/cut";
-        put.data = "never complete";
-        codec::encode_request(out, put);
+        add_request(out, codec::kOpPut, "g/cut", std::nullopt, codec::kSemSync, 0, "never complete");
         raw.send(out.substr(0, out.size() - 3));
     }
     EXPECT_EQ(server_->stats().dropped_invalid.load(), bad.size());
@@ -748,13 +725,8 @@ TEST_F(ServiceTest, SlowSubscriberIsDisconnectedOthersGoOn)
     RawClient slow(server_->port(), 16384);
     slow.handshake();
     {
-        codec::Request post;
-        post.opcode = codec::kOpPost;
-        post.key = "big/*";
-        post.flags = codec::kFlagNoImage;
-        post.corrid = 1;
         std::string out;
-        codec::encode_request(out, post);
+        add_request(out, codec::kOpPost, "big/*", 1u, codec::kSemSync, codec::kFlagNoImage);
         slow.send(out);
         codec::Packet p;
         ASSERT_TRUE(slow.next(&p));

@@ -237,31 +237,7 @@ struct BareHandle {
  * Encoders: three reference packets, byte for byte.
  * ====================================================================== */
 
-TEST(ReferencePackets, HandshakeRequest)
-{
-    Wire w = Take(qel_hspace_pkt_serialize_handshake_request("data", "anonymous", "default"));
-    EXPECT_EQ(Hex("BA DC AD 01 00 00 00 46 00 00 00 00 00 00 00 00"
-                  "00 00 00 00 00 00 00 00 00 00 00 FF 00 00 01 41"
-                  "01 00 01 41 00 00 00 26 00 01 FF FF 00 04 64 61"
-                  "74 61 00 09 61 6E 6F 6E 79 6D 6F 75 73 00 07 64"
-                  "65 66 61 75 6C 74"),
-              w.bytes);
-}
-
-TEST(ReferencePackets, SynchronousGet)
-{
-    BareHandle hs(5);
-    Wire w = Take(qel_hspace_pkt_serialize_get_request(&hs.h, "k1", HSPACE_GET_SYNC, 0, 0, 7));
-    EXPECT_EQ(Hex("BA DC AD 01 00 00 00 58 00 00 00 00 00 00 00 00"
-                  "00 00 00 05 00 00 00 00 00 00 00 FF 00 02 01 03"
-                  "01 00 00 04 00 00 00 18 01 02 01 00 00 00 00 00"
-                  "00 00 00 00 00 02 6B 31 01 00 00 01 00 00 00 18"
-                  "00 00 00 00 00 00 00 07 80 00 00 00 00 00 00 00"
-                  "01 00 01 03 00 00 00 08"),
-              w.bytes);
-}
-
-TEST(ReferencePackets, NoReplyPut)
+TEST(ReferencePackets, ByteForByte)
 {
     InitLibrary();
     BareHandle hs(5);
@@ -269,13 +245,32 @@ TEST(ReferencePackets, NoReplyPut)
     struct kro_buf data = Wrap(value);
     t_qel_hspace_object object = NULL;
     ASSERT_EQ(0u, qel_hspace_object_create("k1", &data, &object));
-    Wire w = Take(qel_hspace_pkt_serialize_put_request(&hs.h, object, HSPACE_PUT_NOREPLY, 0, 0));
-    EXPECT_EQ(Hex("BA DC AD 01 00 00 00 43 00 00 00 00 00 00 00 00"
-                  "00 00 00 05 00 00 00 00 00 00 00 FF 00 01 01 01"
-                  "01 00 00 04 00 00 00 18 01 01 04 00 00 00 00 00"
-                  "00 00 00 00 00 02 6B 31 01 00 01 01 00 00 00 0B"
-                  "61 62 63"),
-              w.bytes);
+    const struct {
+        const char *name;
+        t_kro_buf packet;
+        const char *hex;
+    } cases[] = {
+        {"handshake request", qel_hspace_pkt_serialize_handshake_request("data", "anonymous", "default"),
+         "BA DC AD 01 00 00 00 46 00 00 00 00 00 00 00 00"
+         "00 00 00 00 00 00 00 00 00 00 00 FF 00 00 01 41"
+         "01 00 01 41 00 00 00 26 00 01 FF FF 00 04 64 61"
+         "74 61 00 09 61 6E 6F 6E 79 6D 6F 75 73 00 07 64"
+         "65 66 61 75 6C 74"},
+        {"synchronous get", qel_hspace_pkt_serialize_get_request(&hs.h, "k1", HSPACE_GET_SYNC, 0, 0, 7),
+         "BA DC AD 01 00 00 00 58 00 00 00 00 00 00 00 00"
+         "00 00 00 05 00 00 00 00 00 00 00 FF 00 02 01 03"
+         "01 00 00 04 00 00 00 18 01 02 01 00 00 00 00 00"
+         "00 00 00 00 00 02 6B 31 01 00 00 01 00 00 00 18"
+         "00 00 00 00 00 00 00 07 80 00 00 00 00 00 00 00"
+         "01 00 01 03 00 00 00 08"},
+        {"no-reply put", qel_hspace_pkt_serialize_put_request(&hs.h, object, HSPACE_PUT_NOREPLY, 0, 0),
+         "BA DC AD 01 00 00 00 43 00 00 00 00 00 00 00 00"
+         "00 00 00 05 00 00 00 00 00 00 00 FF 00 01 01 01"
+         "01 00 00 04 00 00 00 18 01 01 04 00 00 00 00 00"
+         "00 00 00 00 00 02 6B 31 01 00 01 01 00 00 00 0B"
+         "61 62 63"},
+    };
+    for (const auto &c : cases) EXPECT_EQ(Hex(c.hex), Take(c.packet).bytes) << c.name;
     EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
 }
 
@@ -336,77 +331,61 @@ TEST(Encoders, PutSemanticsFlagsAndData)
     kro_buf_release(&data);
 }
 
-TEST(Encoders, GetSemanticsTimeoutAndFlagMask)
+/* Requests without data: semantic to wire (any semantic but the replied
+ * ones means no reply and no rr subheader), flag mask, triggers, timeout. */
+TEST(Encoders, RequestSemanticsFlagsAndTriggers)
 {
     BareHandle hs(5);
-    Wire w = Take(qel_hspace_pkt_serialize_get_request(&hs.h, "abc", HSPACE_GET_ASYNC, -3, 7, 11));
-    EXPECT_EQ(86u + 3, w.wirelen);
-    EXPECT_EQ(2u, w.numsh);
-    EXPECT_EQ(HSPACE_OPCODE_GET, (int)w.opcode);
-    EXPECT_EQ(3u, w.semantic);
-    EXPECT_EQ(-3, w.timeout);
-    EXPECT_EQ(5u, w.flags);
-    EXPECT_TRUE(w.has_rr);
-    EXPECT_EQ(11u, w.corrid);
-    EXPECT_EQ((uint32_t)HSPACE_BODY_REQUEST, w.body_type);
-    EXPECT_EQ(8u, w.body_len);
-    w = Take(qel_hspace_pkt_serialize_get_request(&hs.h, "abc", HSPACE_GET_SYNC, 0, 2, 12));
-    EXPECT_EQ(1u, w.semantic);
-    EXPECT_EQ(0u, w.flags);
-    w = Take(qel_hspace_pkt_serialize_get_request(&hs.h, "abc", HSPACE_GET_SYNC, 0, (t_kro_int4)0xFFFFFFFF, 12));
-    EXPECT_EQ(5u, w.flags);
-}
-
-TEST(Encoders, PostTriggersAndFlagMask)
-{
-    BareHandle hs(5);
+    const t_kro_int4 all = (t_kro_int4)0xFFFFFFFF;
+    t_qel_hspace h = &hs.h;
     const struct {
-        t_kro_int4 flags;
-        uint32_t wire;
-    } cases[] = {{6, 6}, {1, 0}, {2, 2}, {4, 4}, {(t_kro_int4)0xFFFFFFFF, 6}};
+        const char *name;
+        t_kro_buf packet;
+        uint32_t opcode, semantic, flags, triggers, corrid, wirelen;
+        int32_t timeout;
+    } cases[] = {
+        {"async get", qel_hspace_pkt_serialize_get_request(h, "abc", HSPACE_GET_ASYNC, -3, 7, 11),
+         HSPACE_OPCODE_GET, 3, 5, 0, 11, 86 + 3, -3},
+        {"sync get, key-only", qel_hspace_pkt_serialize_get_request(h, "abc", HSPACE_GET_SYNC, 0, 2, 12),
+         HSPACE_OPCODE_GET, 1, 0, 0, 12, 86 + 3, 0},
+        {"sync get, all flags", qel_hspace_pkt_serialize_get_request(h, "abc", HSPACE_GET_SYNC, 0, all, 12),
+         HSPACE_OPCODE_GET, 1, 5, 0, 12, 86 + 3, 0},
+        {"post 6", qel_hspace_pkt_serialize_post_request(h, "k", HSPACE_POST_SYNC, 0x5A, 6, 3),
+         HSPACE_OPCODE_POST, 1, 6, 0x5A, 3, 86 + 1, 0},
+        {"post 1", qel_hspace_pkt_serialize_post_request(h, "k", HSPACE_POST_SYNC, 0x5A, 1, 3),
+         HSPACE_OPCODE_POST, 1, 0, 0x5A, 3, 86 + 1, 0},
+        {"post 2", qel_hspace_pkt_serialize_post_request(h, "k", HSPACE_POST_SYNC, 0x5A, 2, 3),
+         HSPACE_OPCODE_POST, 1, 2, 0x5A, 3, 86 + 1, 0},
+        {"post 4", qel_hspace_pkt_serialize_post_request(h, "k", HSPACE_POST_SYNC, 0x5A, 4, 3),
+         HSPACE_OPCODE_POST, 1, 4, 0x5A, 3, 86 + 1, 0},
+        {"post all", qel_hspace_pkt_serialize_post_request(h, "k", HSPACE_POST_SYNC, 0x5A, all, 3),
+         HSPACE_OPCODE_POST, 1, 6, 0x5A, 3, 86 + 1, 0},
+        {"sync cancel", qel_hspace_pkt_serialize_cancel_request(h, HSPACE_OPCODE_CANCEL, "kk", HSPACE_CANCEL_SYNC, 7, 4),
+         HSPACE_OPCODE_CANCEL, 1, 0, 0, 4, 86 + 2, 0},
+        {"cancel, other semantic and opcode",
+         qel_hspace_pkt_serialize_cancel_request(h, 3, "kk", (t_qel_hspace_cancel_semantic)31, 7, 0), 3, 4, 0, 0, 0,
+         62 + 2, 0},
+        {"sync remove", qel_hspace_pkt_serialize_remove_request(h, "kk", HSPACE_REMOVE_SYNC, 7, 8),
+         HSPACE_OPCODE_REMOVE, 1, 0, 0, 8, 86 + 2, 0},
+        {"no-reply remove", qel_hspace_pkt_serialize_remove_request(h, "kk", HSPACE_REMOVE_NOREPLY, 7, 0),
+         HSPACE_OPCODE_REMOVE, 4, 0, 0, 0, 62 + 2, 0},
+    };
     for (const auto &c : cases) {
-        Wire w = Take(qel_hspace_pkt_serialize_post_request(&hs.h, "k", HSPACE_POST_SYNC, 0x5A, c.flags, 3));
-        EXPECT_EQ(c.wire, w.flags) << "flags " << c.flags;
-        EXPECT_EQ(HSPACE_OPCODE_POST, (int)w.opcode);
-        EXPECT_EQ(1u, w.semantic);
-        EXPECT_EQ(0x5Au, w.triggers);
-        EXPECT_EQ(0, w.timeout);
-        EXPECT_EQ(2u, w.numsh);
-        EXPECT_EQ(3u, w.corrid);
-        EXPECT_EQ(86u + 1, w.wirelen);
+        Wire w = Take(c.packet);
+        bool replied = c.semantic != 4;
+        EXPECT_EQ(c.opcode, w.opcode) << c.name;
+        EXPECT_EQ(c.semantic, w.semantic) << c.name;
+        EXPECT_EQ(c.flags, w.flags) << c.name;
+        EXPECT_EQ(c.triggers, w.triggers) << c.name;
+        EXPECT_EQ(c.timeout, w.timeout) << c.name;
+        EXPECT_EQ(c.wirelen, w.wirelen) << c.name;
+        EXPECT_EQ(replied, w.has_rr) << c.name;
+        EXPECT_EQ(replied ? 2u : 1u, w.numsh) << c.name;
+        EXPECT_EQ(c.corrid, w.corrid) << c.name;
+        EXPECT_EQ(replied ? 0x80000000u : 0u, w.w1) << c.name;
+        EXPECT_EQ((uint32_t)HSPACE_BODY_REQUEST, w.body_type) << c.name;
+        EXPECT_EQ(8u, w.body_len) << c.name;
     }
-}
-
-TEST(Encoders, CancelAndRemoveSemantics)
-{
-    BareHandle hs(5);
-    Wire w = Take(qel_hspace_pkt_serialize_cancel_request(&hs.h, HSPACE_OPCODE_CANCEL, "kk", HSPACE_CANCEL_SYNC, 7, 4));
-    EXPECT_EQ(HSPACE_OPCODE_CANCEL, (int)w.opcode);
-    EXPECT_EQ(1u, w.semantic);
-    EXPECT_EQ(0u, w.flags);
-    EXPECT_EQ(2u, w.numsh);
-    EXPECT_EQ(4u, w.corrid);
-    EXPECT_EQ(86u + 2, w.wirelen);
-    // Any other semantic means no reply; the opcode argument is written.
-    w = Take(qel_hspace_pkt_serialize_cancel_request(&hs.h, 3, "kk", (t_qel_hspace_cancel_semantic)31, 7, 0));
-    EXPECT_EQ(3u, w.opcode);
-    EXPECT_EQ(4u, w.semantic);
-    EXPECT_EQ(1u, w.numsh);
-    EXPECT_FALSE(w.has_rr);
-    EXPECT_EQ(62u + 2, w.wirelen);
-
-    w = Take(qel_hspace_pkt_serialize_remove_request(&hs.h, "kk", HSPACE_REMOVE_SYNC, 7, 8));
-    EXPECT_EQ(HSPACE_OPCODE_REMOVE, (int)w.opcode);
-    EXPECT_EQ(1u, w.semantic);
-    EXPECT_EQ(0u, w.flags);
-    EXPECT_EQ(8u, w.corrid);
-    EXPECT_EQ(86u + 2, w.wirelen);
-    w = Take(qel_hspace_pkt_serialize_remove_request(&hs.h, "kk", HSPACE_REMOVE_NOREPLY, 7, 0));
-    EXPECT_EQ(4u, w.semantic);
-    EXPECT_EQ(0u, w.flags);
-    EXPECT_EQ(1u, w.numsh);
-    EXPECT_EQ(62u + 2, w.wirelen);
-    EXPECT_EQ((uint32_t)HSPACE_BODY_REQUEST, w.body_type);
 }
 
 TEST(Encoders, HandshakeWithEmptyStrings)
@@ -422,7 +401,7 @@ TEST(Encoders, HandshakeWithEmptyStrings)
 }
 
 /* ======================================================================
- * Packet layout: reply info, magic and version, keys.
+ * Packet layout: reply info, keys.
  * ====================================================================== */
 
 TEST(PacketLayout, ReplyInfoBitLayouts)
@@ -455,29 +434,10 @@ TEST(PacketLayout, ReplyInfoBitLayouts)
     }
 }
 
-TEST(PacketLayout, MagicAndVersion)
-{
-    const struct {
-        const char *bytes;
-        t_kro_bool ok;
-    } cases[] = {{"BA DC AD 01 00 00 00 20", 1}, {"BA DC AD 02 00 00 00 20", 0}, {"BA DC AE 01 00 00 00 20", 0}};
-    for (const auto &c : cases) {
-        Bytes b = Hex(c.bytes);
-        struct kro_buf buf = Wrap(b);
-        EXPECT_EQ(c.ok, qel_hspace_pkt_validate_magic_and_version(&buf)) << c.bytes;
-        EXPECT_EQ(c.ok ? QEL_HSPACE_PKT_MORE : QEL_HSPACE_PKT_INVALID, qel_hspace_pkt_scan_bytes(b.data(), 8))
-            << c.bytes;
-        // Fewer than 8 bytes are never judged.
-        EXPECT_EQ(QEL_HSPACE_PKT_MORE, qel_hspace_pkt_scan_bytes(b.data(), 7)) << c.bytes;
-    }
-}
-
 TEST(PacketLayout, EmptyKey)
 {
     BareHandle hs(5);
     t_kro_str key = NULL;
-    EXPECT_EQ(22u, qel_hspace_pkt_calc_hspace_subhdr_len(""));
-    EXPECT_EQ(24u, qel_hspace_pkt_calc_rr_subhdr_len());
     Wire w = Take(qel_hspace_pkt_serialize_remove_request(&hs.h, "", HSPACE_REMOVE_NOREPLY, 0, 0));
     EXPECT_EQ(22u, w.hs_len);
     EXPECT_EQ(62u, w.wirelen);
