@@ -1101,11 +1101,12 @@ static t_kro_error qel_hspace_handshake(t_qel_hspace hspace, t_kro_uint2 *servic
     return error;
 }
 
-extern "C" KRO_API t_kro_error qel_hspace_open(t_qel_hspace hspace)
+t_kro_error qel_hspace_open_timed(t_qel_hspace hspace, t_kro_uint4 timeout_ms)
 {
     t_kro_error error;
     t_kro_str name = NULL;
     t_kro_uint2 version = 0, ltp = 0;
+    (void)timeout_ms; /* not yet bounded */
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL) return KRO_ERR_INVALID_ARG;
     if (hspace->state.load() != HSPACE_STATE_INIT) return KRO_ERR_INVALID_STATE;
@@ -1129,6 +1130,11 @@ extern "C" KRO_API t_kro_error qel_hspace_open(t_qel_hspace hspace)
     hspace->state.store(HSPACE_STATE_OPEN);
     KRO_CHECK(kro_thread_create(qel_hspace_reader_entry_point, hspace, 0, &hspace->reader) == 0);
     return 0;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_open(t_qel_hspace hspace)
+{
+    return qel_hspace_open_timed(hspace, 0);
 }
 
 extern "C" KRO_API t_kro_error qel_hspace_close(t_qel_hspace hspace)

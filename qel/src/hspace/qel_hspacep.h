@@ -131,4 +131,11 @@ struct qel_hspace_struct {
     std::atomic<t_qel_hspace_state> state; /* written under mutex (or before the reader starts), read anywhere */
 };
 
+/* Opens the handle like qel_hspace_open, giving up on connecting and the
+ * handshake together after timeout_ms milliseconds (0: no bound) with
+ * KRO_ERR_TIMEOUT, the handle left in HSPACE_STATE_INIT. qel_hspace_open
+ * is this with the library's fixed bound. Internal to the library (the C++
+ * API's open deadline); same threading rules as qel_hspace_open. */
+t_kro_error qel_hspace_open_timed(t_qel_hspace hspace, t_kro_uint4 timeout_ms);
+
 #endif /* QEL_HSPACEP_H */
