@@ -1,26 +1,16 @@
 /*
  * codec_test.cpp - the service-side codec: the client's packets byte for
- * byte, the reply info bit layout, round trips, the framer's rules on
- * hostile input; and the fake service against a raw client socket.
+ * byte, the reply info bit layout, the framer's and the decoder's rules on
+ * hostile input.
  */
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
-
 #include <string>
+#include <vector>
 
-#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
-#include "fake_service.h"
 #include "hspace_codec.h"
 
 using namespace hspace::codec;
-using hspace::test::FakeConnection;
-using hspace::test::FakeService;
 
 namespace {
 
@@ -135,28 +125,16 @@ TEST(Codec, ClientPacketsByteForByte)
     }
 
     // What the decoder reads from them.
-    Packet hs = must_decode(kHandshake);
-    ASSERT_TRUE(hs.handshake_request);
-    EXPECT_EQ("data", hs.handshake_request->service_type);
-    EXPECT_EQ("anonymous", hs.handshake_request->client_name);
+    Packet hs = must_decode(kHandshake), g = must_decode(kSyncGet), p = must_decode(kNoReplyPut);
+    ASSERT_TRUE(hs.handshake_request && g.hspace && g.rr && p.hspace);
     EXPECT_EQ("default", hs.handshake_request->client_group);
-    EXPECT_EQ(1, hs.handshake_request->fixed1);
     EXPECT_EQ(0xFFFF, hs.handshake_request->fixed2);
-    Packet g = must_decode(kSyncGet);
-    EXPECT_EQ(5, g.dport);
     EXPECT_EQ((std::vector<uint16_t>{kTypeHspace, kTypeRr}), g.subheader_types);
-    ASSERT_TRUE(g.hspace && g.rr);
-    EXPECT_EQ(kOpGet, g.hspace->opcode);
-    EXPECT_EQ(kSemSync, g.hspace->semantic);
     EXPECT_EQ("k1", g.hspace->key);
     EXPECT_EQ(7u, g.rr->corrid);
     EXPECT_TRUE(g.rr->is_request());
-    EXPECT_EQ(kTypeRequest, g.body_type);
-    Packet p = must_decode(kNoReplyPut);
     EXPECT_FALSE(p.rr);
-    ASSERT_TRUE(p.hspace);
     EXPECT_EQ(kSemNoReply, p.hspace->semantic);
-    EXPECT_EQ(kTypeObject, p.body_type);
     EXPECT_EQ("abc", p.body);
 }
 
@@ -183,68 +161,6 @@ TEST(Codec, ReplyInfoBitLayout)
         EXPECT_EQ(c.num, c.rr.num()) << c.info;
         EXPECT_EQ(c.error, c.rr.error()) << c.info;
     }
-}
-
-TEST(Codec, ServicePacketsRoundTrip)
-{
-    std::string out;
-    encode_handshake_reply(out, 1, 5, "fake");
-    Packet hr = must_decode(out);
-    ASSERT_TRUE(hr.handshake_reply);
-    EXPECT_EQ(kTypeHandshakeReply, hr.type);
-    EXPECT_EQ(1, hr.handshake_reply->version);
-    EXPECT_EQ(5, hr.handshake_reply->ltp);
-    EXPECT_EQ("fake", hr.handshake_reply->name);
-
-    // Replies: success without objects, and a failure code.
-    for (uint32_t error : {0u, 20u}) {
-        out.clear();
-        encode_reply(out, 7, error);
-        Packet r = must_decode(out);
-        EXPECT_EQ(kTypeReply, r.body_type);
-        EXPECT_FALSE(r.hspace);
-        ASSERT_TRUE(r.rr);
-        EXPECT_EQ(7u, r.rr->corrid);
-        EXPECT_EQ(error == 0, r.rr->is_success());
-        EXPECT_EQ(error, r.rr->error());
-        EXPECT_EQ(0u, r.rr->count());
-    }
-
-    out.clear();
-    encode_object(out, 3, kOpPost, "key", std::string("v\0w", 3), 4, 2, kFlagKeyOnly);
-    Packet obj = must_decode(out);
-    ASSERT_TRUE(obj.hspace && obj.rr);
-    EXPECT_EQ((std::vector<uint16_t>{kTypeHspace, kTypeRr}), obj.subheader_types);
-    EXPECT_EQ(kOpPost, obj.hspace->opcode);
-    EXPECT_EQ(kFlagKeyOnly, obj.hspace->flags);
-    EXPECT_EQ("key", obj.hspace->key);
-    EXPECT_EQ(3u, obj.rr->corrid);
-    EXPECT_EQ(4u, obj.rr->count());
-    EXPECT_EQ(2u, obj.rr->num());
-    EXPECT_EQ(std::string("v\0w", 3), obj.body);
-    EXPECT_EQ(kTypeObject, obj.body_type);
-
-    out.clear();
-    encode_object(out, 3, kOpGet, "", "", 1, 1);
-    Packet empty = must_decode(out);
-    EXPECT_EQ("", empty.hspace->key);
-    EXPECT_EQ("", empty.body);
-
-    out.clear();
-    encode_notification(out, "k1", 2, "new");
-    Packet n = must_decode(out);
-    ASSERT_TRUE(n.hspace);
-    EXPECT_FALSE(n.rr);
-    EXPECT_EQ(kOpNotification, n.hspace->opcode);
-    EXPECT_EQ(2, n.hspace->triggers);
-    EXPECT_EQ("k1", n.hspace->key);
-    EXPECT_EQ("new", n.body);
-    EXPECT_EQ(0, n.dport);
-
-    // Every encoded packet frames as exactly itself, also when followed by more.
-    FrameResult f = frame(out + out);
-    EXPECT_EQ(FrameStatus::Complete, f.status);
-    EXPECT_EQ(out.size(), f.wirelen);
 }
 
 TEST(Codec, FramerNeedsMoreOnEveryPrefixOfAValidPacket)
@@ -357,169 +273,4 @@ TEST(Codec, CorruptedPacketsAreNeverReadOutOfBounds)
             }
         }
     }
-}
-
-// ---------------------------------------------------------------------------
-// The fake service, against a raw client socket.
-
-namespace {
-
-// A blocking client socket connected to the service, with a receive
-// timeout so no read outlives the watchdog.
-int connect_to(const FakeService &svc)
-{
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct timeval tv = {10, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    struct sockaddr_in addr;
-    memset(&addr, 0, sizeof addr);
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(svc.port());
-    EXPECT_EQ(0, connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr));
-    return fd;
-}
-
-// Reads one whole packet from fd; an empty Packet on error or timeout.
-Packet read_packet(int fd, std::string &pending)
-{
-    for (;;) {
-        FrameResult f = frame(pending);
-        if (f.status == FrameStatus::Complete) {
-            Packet p;
-            EXPECT_TRUE(decode(reinterpret_cast<const uint8_t *>(pending.data()), f.wirelen, p));
-            pending.erase(0, f.wirelen);
-            return p;
-        }
-        if (f.status == FrameStatus::Invalid) return Packet();
-        char buf[4096];
-        ssize_t n = recv(fd, buf, sizeof buf, 0);
-        if (n <= 0) return Packet();
-        pending.append(buf, static_cast<size_t>(n));
-    }
-}
-
-} // namespace
-
-TEST(FakeService, AnswersAHandshakeAndSendsScriptedPackets)
-{
-    FakeService svc;
-    EXPECT_EQ("tcp://127.0.0.1:" + std::to_string(svc.port()), svc.url());
-    int fd = connect_to(svc);
-    FakeConnection c = svc.accept();
-    ASSERT_TRUE(c.valid());
-
-    // The handshake arrives byte by byte.
-    for (char b : kHandshake) ASSERT_EQ(1, send(fd, &b, 1, MSG_NOSIGNAL));
-    Packet hs = c.expect_handshake();
-    ASSERT_TRUE(hs.handshake_request);
-    EXPECT_EQ("anonymous", hs.handshake_request->client_name);
-    EXPECT_EQ(kHandshake, hs.raw);
-    ASSERT_TRUE(c.answer_handshake(5, "fake"));
-    std::string expected, pending;
-    encode_handshake_reply(expected, 1, 5, "fake");
-    EXPECT_EQ(expected, read_packet(fd, pending).raw);
-
-    // Two requests in one write come out one by one.
-    ASSERT_EQ(static_cast<ssize_t>(kSyncGet.size() + kNoReplyPut.size()),
-              send(fd, (kSyncGet + kNoReplyPut).data(), kSyncGet.size() + kNoReplyPut.size(), MSG_NOSIGNAL));
-    EXPECT_EQ(kSyncGet, c.next_packet().raw);
-    EXPECT_EQ(kNoReplyPut, c.next_packet().raw);
-
-    // A batch leaves in one write; its packets keep their order and numbering.
-    c.batch();
-    c.objects(7, kOpGet, {{"a", "1"}, {"b", "2"}});
-    c.notify("c", 1, "3");
-    c.reply(8, 2);
-    ASSERT_TRUE(c.flush());
-    Packet a = read_packet(fd, pending), b = read_packet(fd, pending);
-    Packet n = read_packet(fd, pending), r = read_packet(fd, pending);
-    ASSERT_TRUE(a.rr && b.rr && n.hspace && r.rr);
-    EXPECT_EQ("a", a.hspace->key);
-    EXPECT_EQ(1u, a.rr->num());
-    EXPECT_EQ(2u, b.rr->num());
-    EXPECT_EQ(2u, b.rr->count());
-    EXPECT_EQ(kOpNotification, n.hspace->opcode);
-    EXPECT_EQ(2u, r.rr->error());
-
-    // Bytewise sending, then an orderly close: the client reads the packet, then end of stream.
-    std::string obj;
-    encode_object(obj, 9, kOpGet, "k", "v", 1, 1);
-    ASSERT_TRUE(c.send_raw_bytewise(obj));
-    EXPECT_EQ(obj, read_packet(fd, pending).raw);
-    c.close();
-    char byte;
-    EXPECT_EQ(0, recv(fd, &byte, 1, 0));
-    close(fd);
-}
-
-TEST(FakeService, ScriptsServeConnectionsInOrderAndSeeTheClientClose)
-{
-    FakeService svc;
-    // First connection: the handshake is refused by closing; the second is answered.
-    svc.serve([](FakeConnection &c) {
-        c.expect_handshake();
-        c.close();
-    });
-    svc.serve([](FakeConnection &c) {
-        c.handshake(9, "second");
-        EXPECT_EQ(kSyncGet, c.next_packet().raw);
-    });
-
-    std::string pending;
-    int first = connect_to(svc);
-    ASSERT_EQ(static_cast<ssize_t>(kHandshake.size()), send(first, kHandshake.data(), kHandshake.size(), MSG_NOSIGNAL));
-    char byte;
-    EXPECT_EQ(0, recv(first, &byte, 1, 0));
-    close(first);
-
-    int second = connect_to(svc);
-    ASSERT_EQ(static_cast<ssize_t>(kHandshake.size()), send(second, kHandshake.data(), kHandshake.size(), MSG_NOSIGNAL));
-    Packet reply = read_packet(second, pending);
-    ASSERT_TRUE(reply.handshake_reply);
-    EXPECT_EQ(9, reply.handshake_reply->ltp);
-    EXPECT_EQ("second", reply.handshake_reply->name);
-    ASSERT_EQ(static_cast<ssize_t>(kSyncGet.size()), send(second, kSyncGet.data(), kSyncGet.size(), MSG_NOSIGNAL));
-    ASSERT_TRUE(svc.join());
-
-    // The finished script's connection passes to the test thread, still open.
-    FakeConnection c = svc.take_connection();
-    ASSERT_TRUE(c.valid());
-    c.reply(7);
-    Packet r = read_packet(second, pending);
-    ASSERT_TRUE(r.rr);
-    EXPECT_EQ(7u, r.rr->corrid);
-    close(second);
-    EXPECT_TRUE(c.wait_closed());
-}
-
-TEST(FakeService, WatchdogFailsTheTestInsteadOfHanging)
-{
-    FakeService svc(std::chrono::milliseconds(50));
-    int fd = connect_to(svc);
-    FakeConnection c = svc.accept();
-    EXPECT_NONFATAL_FAILURE(EXPECT_EQ(0u, c.next_packet().wirelen), "watchdog");
-    EXPECT_NONFATAL_FAILURE(EXPECT_FALSE(c.wait_closed()), "watchdog");
-
-    // A script blocked longer than join() allows is ended by the stop signal.
-    ::testing::TestPartResultArray failures;
-    {
-        ::testing::ScopedFakeTestPartResultReporter reporter(
-            ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS, &failures);
-        hspace::test::Signal started;
-        int other = connect_to(svc);
-        svc.serve([&started](FakeConnection &s) {
-            s.set_watchdog(std::chrono::seconds(10));
-            started.raise();
-            s.next_packet();
-        });
-        EXPECT_TRUE(started.wait());
-        EXPECT_FALSE(svc.join());
-        close(other);
-    }
-    ASSERT_EQ(2, failures.size());
-    std::string all = std::string(failures.GetTestPartResult(0).message()) + failures.GetTestPartResult(1).message();
-    EXPECT_NE(std::string::npos, all.find("scripts still running"));
-    EXPECT_NE(std::string::npos, all.find("stopped while waiting"));
-    close(fd);
 }

@@ -123,6 +123,21 @@ TEST_F(Open, AnswerThatIsNoHandshakeReplyFailsWithInvalidPacket)
     CloseAndDestroy(&h);
 }
 
+// The port of a service URL keeps only its low 16 bits.
+TEST_F(Open, UrlPortKeepsItsLow16Bits)
+{
+    const struct {
+        const char *url;
+        t_kro_ushort port;
+    } cases[] = {{"tcp://127.0.0.1:5", 5}, {"tcp://127.0.0.1:70000", 4464}, {"TCP://h:65536", 0}, {"tcp://h:-1", 65535}};
+    for (const auto &k : cases) {
+        t_kro_socket_client_create_data d = nullptr;
+        ASSERT_EQ(0u, qel_hspace_socket_create_data_create(k.url, &d)) << k.url;
+        EXPECT_EQ(k.port, d->device_create_data.remote_port) << k.url;
+        qel_hspace_socket_create_data_destroy(&d);
+    }
+}
+
 using OpenTwice = ConnectedTest;
 
 TEST_F(OpenTwice, SecondOpenIsRefusedAndLeavesTheConnectionWorking)

@@ -53,7 +53,8 @@ TEST_F(PutRemove, NoReplyFormsCarryNoRrAndLeaveTheTableAlone)
 }
 
 // Correlation ids start at 1 on a new handle and rise by one per request
-// that expects an answer, across operations; no-reply forms draw none.
+// that expects an answer, across operations, and wrap from 0x40000000 to 1;
+// no-reply forms draw none.
 TEST_F(PutRemove, CorrelationIdsStartAt1AndIncreaseAcrossOperations)
 {
     UserObject o("k", "v");
@@ -86,6 +87,13 @@ TEST_F(PutRemove, CorrelationIdsStartAt1AndIncreaseAcrossOperations)
     EXPECT_EQ(expected, sent.rr->corrid);
     ASSERT_TRUE(c.events.wait_count(1));
     EXPECT_EQ(0, list->num_elements);
+    // The id after 0x40000000 is 1 again.
+    SetCorrelationCounter(c.h, 0x3FFFFFFF);
+    for (uint32_t want : {0x40000000u, 1u}) {
+        EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_remove(c.h, "k", HSPACE_REMOVE_SYNC, 0); }, ReplyWith(0),
+                               &sent));
+        EXPECT_EQ(want, sent.rr ? sent.rr->corrid : 0u);
+    }
 }
 
 // A synchronous put sends the value window [pos, lim) of the object's buffer

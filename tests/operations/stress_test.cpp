@@ -22,8 +22,8 @@ using namespace hspace::test;
 namespace {
 
 constexpr int kThreads = 8;                // application threads
-constexpr int kIterations = 300;           // operations per thread
-constexpr int kAnswersBeforeClose = 900;   // answered requests before the close
+constexpr int kIterations = 500;           // operations per thread
+constexpr int kAnswersBeforeClose = 1600;  // answered requests before the close: about half
 constexpr int kSharedKeys = 4;             // subscription keys shared by all threads
 
 // Deterministic pseudo-random numbers; one generator per thread.
@@ -166,6 +166,7 @@ void RunWorker(t_qel_hspace h, int t, Worker &w)
 
 TEST(Stress, ManyThreadsOnOneHandleWithACloseInTheMiddle)
 {
+    Watchdog watchdog; // ends the process if a call never returns
     FakeService svc;
     Client c(svc);
     ASSERT_TRUE(c.open());

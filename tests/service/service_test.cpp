@@ -5,11 +5,10 @@
  * misbehave on raw sockets (garbage, no handshake, a subscriber that never
  * reads) while the others go on.
  *
- * Every wait is bounded by kWatchdog and fails the test when it runs out.
+ * Every wait is bounded by kBound and fails the test when it runs out.
  */
 #include <errno.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <stdio.h>
 #include <string.h>
@@ -17,134 +16,61 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "hspace_codec.h"
-#include "qel_hspace.h"
+#include "client_harness.h"
 #include "server.h"
 
 namespace {
 
-namespace codec = hspace::codec;
+using namespace hspace::test;
 using hspace::service::Options;
 using hspace::service::Server;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds kWatchdog{15000}; // bound of every wait
-
-using Value = std::optional<std::string>;     // an object's value; nullopt: no data buffer
-using KeyValues = std::vector<std::pair<std::string, Value>>;
-
-// One event as the callback saw it, copied out of the library's records.
-struct Event {
-    t_qel_hspace_event type;                   // which event
-    uintptr_t urid = 0;                        // reply-image: the request's urid
-    std::string key;                           // reply-image: the request's key
-    t_kro_error status = 0;                    // reply-image: status; link fail: error
-    uint32_t cardinality = 0;                  // reply-image
-    uint32_t index = 0;                        // reply-image
-    bool has_object = false;                   // an object came with the event
-    std::string object_key;                    // its key
-    Value value;                               // its value
-    int trigger = 0;                           // notification: trigger
-};
-
-void read_object(t_qel_hspace_object object, std::string *key, Value *value)
-{
-    t_kro_str k = nullptr;
-    t_kro_ptr data = nullptr;
-    ASSERT_EQ(qel_hspace_object_get_key(object, &k), 0u);
-    ASSERT_EQ(qel_hspace_object_get_data(object, &data), 0u);
-    *key = k;
-    t_kro_buf buf = static_cast<t_kro_buf>(data);
-    if (buf == nullptr)
-        value->reset();
-    else
-        *value = std::string(static_cast<const char *>(buf->ptr) + buf->pos, buf->lim - buf->pos);
-}
-
-class Client;
-std::mutex registry_mutex;                     // guards registry
-std::map<t_qel_hspace, Client *> registry;     // handle -> its Client, from create to destroy
-
-void on_event(t_qel_hspace hspace, t_qel_hspace_event type, t_kro_ptr data);
-
-// One open handle that records its events. Operations are called from the
-// test thread (or several threads); events arrive on the reader thread.
+// One open handle on the service whose events go to its recorder.
 class Client {
 public:
     explicit Client(const std::string &url, const char *name = "test")
     {
-        qel_hspace_create_data cd;
-        cd.service_url = url.c_str();
-        cd.client_name = name;
-        cd.client_group = "tests";
-        EXPECT_EQ(qel_hspace_create(&cd, on_event, &h), 0u);
+        EXPECT_EQ(0u, Create(url, name, "tests", &h));
         {
-            std::lock_guard<std::mutex> lock(registry_mutex);
-            registry[h] = this;
+            std::lock_guard<std::mutex> lock(g_registry_mutex);
+            g_registry[h] = &events;
         }
-        EXPECT_EQ(qel_hspace_open(h), 0u);
+        EXPECT_EQ(0u, qel_hspace_open(h));
     }
     ~Client()
     {
         qel_hspace_close(h);
         {
-            std::lock_guard<std::mutex> lock(registry_mutex);
-            registry.erase(h);
+            std::lock_guard<std::mutex> lock(g_registry_mutex);
+            g_registry.erase(h);
         }
-        EXPECT_EQ(qel_hspace_destroy(&h), 0u);
+        EXPECT_EQ(0u, qel_hspace_destroy(&h));
     }
     Client(const Client &) = delete;
     Client &operator=(const Client &) = delete;
 
-    t_kro_error put(const std::string &key, const Value &value, t_qel_hspace_put_semantic sem = HSPACE_PUT_SYNC)
+    // A put of value, or of an object without data when value is empty.
+    t_kro_error put(const std::string &key, const std::optional<std::string> &value,
+                    t_qel_hspace_put_semantic sem = HSPACE_PUT_SYNC)
     {
-        t_kro_buf buf = nullptr;
-        if (value) {
-            kro_buf_create(&buf, static_cast<t_kro_uint4>(value->size()), 0);
-            if (!value->empty()) memcpy(buf->ptr, value->data(), value->size());
-        }
-        t_qel_hspace_object object = nullptr;
-        EXPECT_EQ(qel_hspace_object_create(key.c_str(), buf, &object), 0u);
-        t_kro_error error = qel_hspace_put(h, object, sem, 0);
-        qel_hspace_object_destroy(&object);
-        if (buf != nullptr) kro_buf_release(&buf);
-        return error;
+        std::unique_ptr<UserObject> o(value ? new UserObject(key, *value) : new UserObject(key));
+        return qel_hspace_put(h, o->obj, sem, 0);
     }
-
-    // Synchronous get; the objects in arrival order.
-    t_kro_error get(const std::string &key, KeyValues *out, t_kro_int4 flags = 0)
+    // Synchronous get; the objects in arrival order ("" for no data).
+    t_kro_error get(const std::string &key, Pairs *out, t_kro_int4 flags = 0)
     {
-        t_kro_llist list = nullptr;
-        kro_llist_create(&list);
+        ObjectList list;
         t_kro_error error = qel_hspace_get(h, key.c_str(), nullptr, HSPACE_GET_SYNC, 0, flags, list);
-        out->clear();
-        t_kro_ptr node;
-        while ((node = kro_llist_first(list)) != nullptr) {
-            t_qel_hspace_object object = static_cast<t_qel_hspace_object>(node);
-            kro_llist_remove(object);
-            std::string k;
-            Value v;
-            read_object(object, &k, &v);
-            out->emplace_back(k, v);
-            qel_hspace_object_destroy(&object);
-        }
-        kro_llist_destroy(&list);
+        *out = list.contents();
         return error;
     }
-
     t_kro_error post(const std::string &key, t_kro_byte triggers = 0, t_kro_int4 flags = 0, uintptr_t urid = 0)
     {
         return qel_hspace_post(h, key.c_str(), reinterpret_cast<t_kro_ptr>(urid), HSPACE_POST_SYNC, triggers, flags);
@@ -154,89 +80,22 @@ public:
     {
         return qel_hspace_remove(h, key.c_str(), sem, 0);
     }
-
-    // Reader thread: records an event.
-    void record(const Event &e)
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        events_.push_back(e);
-        cond_.notify_all();
-    }
-
-    // Waits until at least n events have arrived; all events so far. Fails
-    // the test when the watchdog runs out.
     std::vector<Event> wait_events(size_t n)
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        bool ok = cond_.wait_for(lock, kWatchdog, [&] { return events_.size() >= n; });
-        EXPECT_TRUE(ok) << "watchdog: " << events_.size() << " of " << n << " events";
-        return events_;
+        events.wait_count(n);
+        return events.events();
     }
-
-    // Waits until a notification for key with value has arrived; the events
-    // before it (not including it), which are then forgotten with it.
+    // The events before the notification of key with value, forgotten with it.
     std::vector<Event> wait_notification(const std::string &key, const std::string &value)
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        auto is_it = [&](const Event &e) {
-            return e.type == HSPACE_EVENT_POST_NOTIFICATION && e.object_key == key && e.value == value;
-        };
-        size_t at = 0;
-        bool ok = cond_.wait_for(lock, kWatchdog, [&] {
-            for (at = 0; at < events_.size(); at++)
-                if (is_it(events_[at])) return true;
-            return false;
+        return events.take_until([&](const Event &e) {
+            return e.type == HSPACE_EVENT_POST_NOTIFICATION && e.object_key == key && e.object_value == value;
         });
-        EXPECT_TRUE(ok) << "watchdog: no notification " << key << " = " << value;
-        if (!ok) return {};
-        std::vector<Event> before(events_.begin(), events_.begin() + static_cast<long>(at));
-        events_.erase(events_.begin(), events_.begin() + static_cast<long>(at) + 1);
-        return before;
     }
 
-    void clear_events()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        events_.clear();
-    }
-
-    t_qel_hspace h = nullptr;                  // the handle
-
-private:
-    std::mutex mutex_;                         // guards events_
-    std::condition_variable cond_;             // signals events_ growth
-    std::vector<Event> events_;                // events in arrival order
+    t_qel_hspace h = nullptr; // the handle
+    Recorder events;          // its events
 };
-
-void on_event(t_qel_hspace hspace, t_qel_hspace_event type, t_kro_ptr data)
-{
-    Event e;
-    e.type = type;
-    t_qel_hspace_object object = nullptr;
-    if (type == HSPACE_EVENT_LINK_FAIL) {
-        e.status = static_cast<t_qel_hspace_fail_event_data_struct *>(data)->error;
-    } else if (type == HSPACE_EVENT_POST_NOTIFICATION) {
-        auto *n = static_cast<t_qel_hspace_post_notification_event_data_struct *>(data);
-        e.trigger = n->trigger;
-        object = n->object;
-    } else {
-        auto *r = static_cast<t_qel_hspace_reply_image_event_data_struct *>(data);
-        e.urid = reinterpret_cast<uintptr_t>(r->urid);
-        e.key = r->key;
-        e.status = r->status;
-        e.cardinality = r->cardinality;
-        e.index = r->index;
-        object = r->object;
-    }
-    if (object != nullptr) {
-        e.has_object = true;
-        read_object(object, &e.object_key, &e.value);
-        qel_hspace_object_destroy(&object);
-    }
-    std::lock_guard<std::mutex> lock(registry_mutex);
-    auto it = registry.find(hspace);
-    if (it != registry.end()) it->second->record(e);
-}
 
 // Appends one request packet to out, byte for byte as a client sends it.
 void add_request(std::string &out, uint8_t opcode, const std::string &key, std::optional<uint32_t> corrid,
@@ -287,7 +146,7 @@ public:
     // or when the watchdog runs out (a failure is recorded for the last two).
     bool next(codec::Packet *p)
     {
-        auto deadline = Clock::now() + kWatchdog;
+        auto deadline = Clock::now() + kBound;
         for (;;) {
             codec::FrameResult f = codec::frame(in_);
             if (f.status == codec::FrameStatus::Invalid) {
@@ -321,7 +180,7 @@ public:
     // recorded failure, when the watchdog runs out first.
     bool wait_closed()
     {
-        auto deadline = Clock::now() + kWatchdog;
+        auto deadline = Clock::now() + kBound;
         for (;;) {
             in_.clear();
             ssize_t n = read_some(deadline);
@@ -365,7 +224,7 @@ class ServiceTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(qel_hspace_initialize(QEL_HSPACE_VERSION, 1), 0u);
+        InitLibrary();
         start_server(Options());
     }
     void TearDown() override
@@ -400,7 +259,7 @@ protected:
 TEST_F(ServiceTest, PutGetRemoveEverySemantic)
 {
     Client c(url_);
-    KeyValues got;
+    Pairs got;
 
     // Each put, then a get on the same connection, sees the value: a
     // replace by a no-reply put; null data and an empty buffer both read
@@ -410,19 +269,19 @@ TEST_F(ServiceTest, PutGetRemoveEverySemantic)
     for (size_t i = 0; i < large.size(); i += 4096) large[i] = static_cast<char>(i / 4096);
     const struct {
         const char *key;
-        Value put;
+        std::optional<std::string> put;
         t_qel_hspace_put_semantic semantic;
-        Value want;
+        std::string want;
     } puts[] = {{"k1", std::string("v1"), HSPACE_PUT_SYNC, std::string("v1")},
                 {"k1", std::string("v1b"), HSPACE_PUT_NOREPLY, std::string("v1b")},
-                {"empty1", std::nullopt, HSPACE_PUT_SYNC, std::nullopt},
-                {"empty2", std::string(), HSPACE_PUT_SYNC, std::nullopt},
+                {"empty1", std::nullopt, HSPACE_PUT_SYNC, ""},
+                {"empty2", std::string(), HSPACE_PUT_SYNC, ""},
                 {"bin", binary, HSPACE_PUT_SYNC, binary},
                 {"large", large, HSPACE_PUT_SYNC, large}};
     for (const auto &p : puts) {
         EXPECT_EQ(c.put(p.key, p.put, p.semantic), 0u) << p.key;
         ASSERT_EQ(c.get(p.key, &got), 0u) << p.key;
-        EXPECT_TRUE(got == (KeyValues{{p.key, p.want}})) << p.key;
+        EXPECT_TRUE(got == (Pairs{{p.key, p.want}})) << p.key;
     }
 
     // Keys are case sensitive; a synchronous get of a missing key turns
@@ -446,11 +305,11 @@ TEST_F(ServiceTest, PatternAndAsynchronousGets)
 {
     Client c(url_);
     for (const char *k : {"p/c", "p/a", "q/x", "p/b", "p", "pz"}) EXPECT_EQ(c.put(k, std::string("v-") + k), 0u);
-    KeyValues got;
+    Pairs got;
 
     // Every key with the prefix, in key order.
     ASSERT_EQ(c.get("p/*", &got), 0u);
-    EXPECT_EQ(got, (KeyValues{{"p/a", std::string("v-p/a")}, {"p/b", std::string("v-p/b")},
+    EXPECT_EQ(got, (Pairs{{"p/a", "v-p/a"}, {"p/b", std::string("v-p/b")},
                               {"p/c", std::string("v-p/c")}}));
     const std::pair<const char *, size_t> counts[] = {{"p*", 5}, {"*", 6}, {"nothing/*", 0}};
     for (const auto &[pattern, n] : counts) {
@@ -460,9 +319,9 @@ TEST_F(ServiceTest, PatternAndAsynchronousGets)
 
     // Key only: objects without values.
     ASSERT_EQ(c.get("p/*", &got, HSPACE_GET_FLAG_KEY_ONLY), 0u);
-    EXPECT_EQ(got, (KeyValues{{"p/a", std::nullopt}, {"p/b", std::nullopt}, {"p/c", std::nullopt}}));
+    EXPECT_EQ(got, (Pairs{{"p/a", ""}, {"p/b", ""}, {"p/c", ""}}));
     ASSERT_EQ(c.get("p/a", &got, HSPACE_GET_FLAG_KEY_ONLY), 0u);
-    EXPECT_EQ(got, (KeyValues{{"p/a", std::nullopt}}));
+    EXPECT_EQ(got, (Pairs{{"p/a", ""}}));
 
     // Asynchronous: one event per object numbered 1..n of n, then one
     // empty answer for a missing key.
@@ -475,16 +334,16 @@ TEST_F(ServiceTest, PatternAndAsynchronousGets)
     const char *keys[] = {"p/a", "p/b", "p/c"};
     for (uint32_t i = 0; i < 3; i++) {
         EXPECT_EQ(ev[i].type, HSPACE_EVENT_GET_REPLY);
-        EXPECT_EQ(ev[i].urid, 7u);
+        EXPECT_EQ(ev[i].urid, (t_kro_ptr)7);
         EXPECT_EQ(ev[i].key, "p/*");
         EXPECT_EQ(ev[i].status, 0u);
         EXPECT_EQ(ev[i].cardinality, 3u);
         EXPECT_EQ(ev[i].index, i + 1);
         EXPECT_EQ(ev[i].object_key, keys[i]);
-        EXPECT_EQ(ev[i].value, std::string("v-") + keys[i]);
+        EXPECT_EQ(ev[i].object_value, std::string("v-") + keys[i]);
     }
     EXPECT_EQ(ev[3].type, HSPACE_EVENT_GET_REPLY);
-    EXPECT_EQ(ev[3].urid, 8u);
+    EXPECT_EQ(ev[3].urid, (t_kro_ptr)8);
     EXPECT_EQ(ev[3].status, 0u);
     EXPECT_EQ(ev[3].cardinality, 0u);
     EXPECT_FALSE(ev[3].has_object);
@@ -497,7 +356,7 @@ TEST_F(ServiceTest, SubscriptionImageNotificationsAndCancel)
     EXPECT_EQ(c.put("a/2", std::string("two")), 0u);
     EXPECT_EQ(c.post("fence"), 0u);
     c.wait_events(1); // the fence's empty image
-    c.clear_events();
+    c.events.reset();
 
     // The image: the stored objects addressed to the post, 1..n of n.
     EXPECT_EQ(c.post("a/*", 0, 0, 42), 0u);
@@ -505,14 +364,14 @@ TEST_F(ServiceTest, SubscriptionImageNotificationsAndCancel)
     ASSERT_EQ(ev.size(), 2u);
     for (uint32_t i = 0; i < 2; i++) {
         EXPECT_EQ(ev[i].type, HSPACE_EVENT_POST_IMAGE);
-        EXPECT_EQ(ev[i].urid, 42u);
+        EXPECT_EQ(ev[i].urid, (t_kro_ptr)42);
         EXPECT_EQ(ev[i].key, "a/*");
         EXPECT_EQ(ev[i].cardinality, 2u);
         EXPECT_EQ(ev[i].index, i + 1);
     }
     EXPECT_EQ(ev[0].object_key, "a/1");
-    EXPECT_EQ(ev[1].value, std::string("two"));
-    c.clear_events();
+    EXPECT_EQ(ev[1].object_value, std::string("two"));
+    c.events.reset();
 
     // The same key in another letter case is a duplicate on this connection.
     EXPECT_EQ(c.post("A/*"), KRO_ERR_EXISTS);
@@ -527,10 +386,10 @@ TEST_F(ServiceTest, SubscriptionImageNotificationsAndCancel)
     EXPECT_EQ(ev[0].type, HSPACE_EVENT_POST_NOTIFICATION);
     EXPECT_EQ(ev[0].trigger, 1);
     EXPECT_EQ(ev[0].object_key, "a/3");
-    EXPECT_EQ(ev[0].value, std::string("three"));
+    EXPECT_EQ(ev[0].object_value, std::string("three"));
     EXPECT_EQ(ev[1].trigger, 2);
     EXPECT_EQ(ev[1].object_key, "a/1");
-    EXPECT_EQ(ev[1].value, std::nullopt);
+    EXPECT_EQ(ev[1].object_value, "");
 
     // Cancel in another letter case ends it: no more notifications; a
     // second cancel finds nothing; a new post of the key is accepted.
@@ -560,7 +419,7 @@ TEST_F(ServiceTest, TriggerMaskAndKeyOnlySubscriptions)
     EXPECT_EQ(sub.post("all", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
     EXPECT_EQ(sub.post("keys", 0, HSPACE_POST_FLAG_NO_IMAGE | HSPACE_POST_FLAG_KEY_ONLY), 0u);
     sub.wait_events(1); // the fence's empty image
-    sub.clear_events();
+    sub.events.reset();
 
     for (const char *k : {"stored", "removed", "all", "keys"}) {
         EXPECT_EQ(writer.put(k, std::string("v")), 0u);
@@ -572,8 +431,8 @@ TEST_F(ServiceTest, TriggerMaskAndKeyOnlySubscriptions)
     EXPECT_EQ(seen, (std::vector<std::pair<std::string, int>>{
                         {"stored", 1}, {"removed", 2}, {"all", 1}, {"all", 2}, {"keys", 1}, {"keys", 2}}));
     ASSERT_EQ(ev.size(), 6u);
-    EXPECT_EQ(ev[2].value, std::string("v"));
-    EXPECT_EQ(ev[4].value, std::nullopt); // key only
+    EXPECT_EQ(ev[2].object_value, std::string("v"));
+    EXPECT_EQ(ev[4].object_value, ""); // key only
 }
 
 TEST_F(ServiceTest, NotificationsReachAnotherHandleInOrder)
@@ -594,7 +453,7 @@ TEST_F(ServiceTest, NotificationsReachAnotherHandleInOrder)
         snprintf(key, sizeof key, "seq/%03d", i % 50);
         ASSERT_EQ(ev[i].type, HSPACE_EVENT_POST_NOTIFICATION);
         ASSERT_EQ(ev[i].object_key, key);
-        ASSERT_EQ(ev[i].value, std::to_string(i)) << "notification " << i;
+        ASSERT_EQ(ev[i].object_value, std::to_string(i)) << "notification " << i;
     }
 }
 
@@ -609,7 +468,7 @@ TEST_F(ServiceTest, OneHandleSharedByThreads)
             for (int i = 0; i < kOps; i++) {
                 std::string key = "t" + std::to_string(t) + "/" + std::to_string(i % 10);
                 std::string value = std::to_string(t * 1000 + i);
-                KeyValues got;
+                Pairs got;
                 if (c.put(key, value) != 0) failures++;
                 if (c.get(key, &got) != 0 || got.size() != 1 || got[0].second != value) failures++;
             }
@@ -617,7 +476,7 @@ TEST_F(ServiceTest, OneHandleSharedByThreads)
     }
     for (auto &th : threads) th.join();
     EXPECT_EQ(failures.load(), 0);
-    KeyValues got;
+    Pairs got;
     ASSERT_EQ(c.get("t*", &got), 0u);
     EXPECT_EQ(got.size(), static_cast<size_t>(kThreads * 10));
 }
@@ -669,7 +528,7 @@ TEST_F(ServiceTest, GarbageFromOneClientHarmsNoOther)
     EXPECT_EQ(good.post("fence"), 0u);
     EXPECT_EQ(good.post("g/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
     good.wait_events(1);
-    good.clear_events();
+    good.events.reset();
 
     // Not a packet at all; a header claiming more than the largest packet;
     // a section length that runs past the packet; a packet cut short by the
@@ -705,9 +564,9 @@ TEST_F(ServiceTest, GarbageFromOneClientHarmsNoOther)
 
     // The others go on as before.
     EXPECT_EQ(writer.put("g/1", std::string("still")), 0u);
-    KeyValues got;
+    Pairs got;
     ASSERT_EQ(good.get("g/*", &got), 0u);
-    EXPECT_EQ(got, (KeyValues{{"g/1", std::string("still")}}));
+    EXPECT_EQ(got, (Pairs{{"g/1", std::string("still")}}));
     std::vector<Event> ev = fence(writer, good);
     ASSERT_EQ(ev.size(), 1u);
     EXPECT_EQ(ev[0].object_key, "g/1");
@@ -749,7 +608,7 @@ TEST_F(ServiceTest, SlowSubscriberIsDisconnectedOthersGoOn)
     // The others are unharmed.
     EXPECT_EQ(writer.put("big/last", std::string("small")), 0u);
     good.wait_notification("big/last", "small");
-    KeyValues got;
+    Pairs got;
     ASSERT_EQ(writer.get("big/last", &got), 0u);
     EXPECT_EQ(got.size(), 1u);
     EXPECT_EQ(server_->stats().open.load(), 2u);
@@ -760,7 +619,7 @@ TEST_F(ServiceTest, StopEndsEveryConnection)
     Client c(url_);
     EXPECT_EQ(c.post("k"), 0u);
     c.wait_events(1);
-    c.clear_events();
+    c.events.reset();
     server_->stop();
     server_->stop(); // idempotent
     std::vector<Event> ev = c.wait_events(1);

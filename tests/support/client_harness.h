@@ -60,6 +60,8 @@ inline void InitLibrary()
 // Number of records in the handle's request table, read under its mutex.
 // Defined by the white-box source that includes the library.
 int RequestCount(t_qel_hspace hspace);
+// Sets the id the handle's last request drew, under its mutex; same source.
+void SetCorrelationCounter(t_qel_hspace hspace, uint32_t sno);
 
 // Aborts the process when the test has not finished (or kicked it) within
 // kTestBound, so a blocking call on the test thread fails fast.
@@ -255,6 +257,26 @@ public:
         ADD_FAILURE() << "watchdog: " << events_.size() << " events of " << n << " within " << kBound.count()
                       << " ms";
         return false;
+    }
+    // Waits for the first event that matches; returns the events before it
+    // and forgets them and it. Empty, and a failure, when none arrives
+    // within kBound.
+    std::vector<Event> take_until(std::function<bool(const Event &)> match)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        size_t at = 0;
+        auto found = [&] {
+            for (at = 0; at < events_.size(); at++)
+                if (match(events_[at])) return true;
+            return false;
+        };
+        if (!cond_.wait_for(lock, kBound, found)) {
+            ADD_FAILURE() << "watchdog: no matching event within " << kBound.count() << " ms";
+            return {};
+        }
+        std::vector<Event> before(events_.begin(), events_.begin() + (long)at);
+        events_.erase(events_.begin(), events_.begin() + (long)at + 1);
+        return before;
     }
     size_t count()
     {
