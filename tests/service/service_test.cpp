@@ -9,10 +9,10 @@
  */
 #include <errno.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -30,7 +30,6 @@ namespace {
 using namespace hspace::test;
 using hspace::service::Options;
 using hspace::service::Server;
-using Clock = std::chrono::steady_clock;
 
 // One open handle on the service whose events go to its recorder.
 class Client {
@@ -111,58 +110,49 @@ void add_request(std::string &out, uint8_t opcode, const std::string &key, std::
     codec::encode_request(out, r);
 }
 
-// A client on a plain blocking socket that speaks through the codec, for
-// bytes the library never sends and for a peer that stops reading.
+// A client on a blocking socket whose every receive is bounded by kBound,
+// speaking through the codec: for bytes the library never sends and for a
+// peer that stops reading.
 class RawClient {
 public:
     // Connects to port; rcvbuf > 0 shrinks the socket's receive buffer first.
     explicit RawClient(uint16_t port, int rcvbuf = 0)
     {
         fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_GE(fd_, 0);
         if (rcvbuf > 0) setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
+        timeval tv = {static_cast<time_t>(kBound.count() / 1000), 0};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
         sockaddr_in sa{};
         sa.sin_family = AF_INET;
         sa.sin_port = htons(port);
         sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         EXPECT_EQ(connect(fd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0) << strerror(errno);
     }
-    ~RawClient()
-    {
-        if (fd_ >= 0) close(fd_);
-    }
+    ~RawClient() { close(fd_); }
 
     void send(const std::string &bytes)
     {
-        size_t off = 0;
-        while (off < bytes.size()) {
-            ssize_t n = ::send(fd_, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);
-            ASSERT_GT(n, 0) << strerror(errno);
-            off += static_cast<size_t>(n);
-        }
+        ASSERT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
     }
-
     // The next packet from the service; false at end of stream, on garbage
-    // or when the watchdog runs out (a failure is recorded for the last two).
+    // or on a timeout (a failure is recorded for the last two).
     bool next(codec::Packet *p)
     {
-        auto deadline = Clock::now() + kBound;
         for (;;) {
             codec::FrameResult f = codec::frame(in_);
-            if (f.status == codec::FrameStatus::Invalid) {
-                ADD_FAILURE() << "service sent an invalid packet";
-                return false;
-            }
+            EXPECT_NE(f.status, codec::FrameStatus::Invalid);
+            if (f.status == codec::FrameStatus::Invalid) return false;
             if (f.status == codec::FrameStatus::Complete) {
                 bool ok = codec::decode(in_.substr(0, f.wirelen), *p);
                 in_.erase(0, f.wirelen);
                 EXPECT_TRUE(ok);
                 return ok;
             }
-            if (read_some(deadline) <= 0) return false;
+            ssize_t n = read_some();
+            EXPECT_FALSE(n < 0 && errno == EAGAIN) << "watchdog: no packet from the service";
+            if (n <= 0) return false;
         }
     }
-
     // Sends a handshake for service type "data"; the reply.
     codec::Packet handshake()
     {
@@ -170,54 +160,33 @@ public:
         codec::encode_handshake_request(out, "data", "raw", "tests");
         send(out);
         codec::Packet p;
-        EXPECT_TRUE(next(&p));
-        EXPECT_TRUE(p.handshake_reply.has_value());
+        EXPECT_TRUE(next(&p) && p.handshake_reply.has_value());
         return p;
     }
-
     // True once the service has closed the connection (end of stream or a
-    // reset), reading and dropping whatever comes before; false, with a
-    // recorded failure, when the watchdog runs out first.
+    // reset), dropping whatever comes before; false, with a failure, when a
+    // receive times out first.
     bool wait_closed()
     {
-        auto deadline = Clock::now() + kBound;
-        for (;;) {
-            in_.clear();
-            ssize_t n = read_some(deadline);
-            if (n == 0 || (n < 0 && errno != ETIMEDOUT)) return true;
-            if (n < 0) {
-                ADD_FAILURE() << "watchdog: the service did not close the connection";
-                return false;
-            }
-        }
+        ssize_t n;
+        while ((n = read_some()) > 0) in_.clear();
+        EXPECT_FALSE(n < 0 && errno == EAGAIN) << "watchdog: the service did not close the connection";
+        return !(n < 0 && errno == EAGAIN);
     }
 
 private:
-    // Reads what is there into in_: > 0 bytes, 0 at end of stream, < 0 on
-    // an error (errno ETIMEDOUT when the deadline passed).
-    ssize_t read_some(Clock::time_point deadline)
+    ssize_t read_some()
     {
-        for (;;) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-            if (left < 0) {
-                errno = ETIMEDOUT;
-                return -1;
-            }
-            pollfd pfd = {fd_, POLLIN, 0};
-            int r = poll(&pfd, 1, static_cast<int>(left) + 1);
-            if (r < 0 && errno == EINTR) continue;
-            if (r == 0) continue;
-            char chunk[65536];
-            ssize_t n = recv(fd_, chunk, sizeof chunk, 0);
-            if (n < 0 && errno == EINTR) continue;
-            if (n > 0) in_.append(chunk, static_cast<size_t>(n));
-            if (n < 0 && errno == ETIMEDOUT) errno = ECONNRESET;
-            return n;
+        char chunk[65536];
+        ssize_t n;
+        while ((n = recv(fd_, chunk, sizeof chunk, 0)) < 0 && errno == EINTR) {
         }
+        if (n > 0) in_.append(chunk, static_cast<size_t>(n));
+        return n;
     }
 
-    int fd_ = -1;                              // the socket
-    std::string in_;                           // received, not yet returned
+    int fd_ = -1;    // the socket
+    std::string in_; // received, not yet returned
 };
 
 class ServiceTest : public ::testing::Test {
