@@ -35,12 +35,14 @@ static bool qel_hspace_is_initialized(void)
     return s_initialized.load(std::memory_order_acquire) != 0;
 }
 
-static void qel_hspace_lock(t_qel_hspace hspace)
+/* Lock and unlock the handle's mutex. Locking depends on the runtime
+ * being threaded, which clang cannot follow; the runtime always is. */
+static void qel_hspace_lock(t_qel_hspace hspace) KRO_ACQUIRE(hspace->mutex) KRO_NO_THREAD_SAFETY_ANALYSIS
 {
     if (kro_global_threaded_get()) kro_mutex_lock(hspace->mutex);
 }
 
-static void qel_hspace_unlock(t_qel_hspace hspace)
+static void qel_hspace_unlock(t_qel_hspace hspace) KRO_RELEASE(hspace->mutex) KRO_NO_THREAD_SAFETY_ANALYSIS
 {
     if (kro_global_threaded_get()) kro_mutex_unlock(hspace->mutex);
 }
@@ -646,6 +648,7 @@ static t_kro_error qel_hspace_socket_create(t_kro_str url, t_kro_socket *socket)
 static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro_byte opcode, t_kro_str key,
                                                       t_kro_ptr urid, t_kro_buf buf, t_kro_bool dup_key,
                                                       t_kro_bool async_reply, t_kro_llist replies)
+    KRO_REQUIRES(hspace->mutex)
 {
     t_qel_hspace_request request;
     KRO_ALLOC_RECORD(sizeof(struct qel_hspace_request), &request, 0);
@@ -777,11 +780,10 @@ static void qel_hspace_request_abandon(t_qel_hspace_request request)
 /* Raises a get-reply or post-image event about request. False when the
  * record's caller gave it up meanwhile: it is then freed here and the
  * caller of this function must not touch it again. */
-static bool qel_hspace_dispatch_reply_image_event(t_qel_hspace_request request, t_kro_error error,
-                                                  t_kro_uint4 cardinality, t_kro_uint4 index,
-                                                  t_qel_hspace_object object)
+static bool qel_hspace_dispatch_reply_image_event(t_qel_hspace hspace, t_qel_hspace_request request,
+                                                  t_kro_error error, t_kro_uint4 cardinality, t_kro_uint4 index,
+                                                  t_qel_hspace_object object) KRO_REQUIRES(hspace->mutex)
 {
-    t_qel_hspace hspace = request->hspace;
     t_qel_hspace_reply_image_event_data_struct data;
     t_qel_hspace_event event =
         request->opcode == HSPACE_OPCODE_GET ? HSPACE_EVENT_GET_REPLY : HSPACE_EVENT_POST_IMAGE;
@@ -834,14 +836,16 @@ static void qel_hspace_complete_sync_request(t_qel_hspace_request request, t_kro
     if (notify) kro_cond_notifyall(request->hspace->cond);
 }
 
-static void qel_hspace_complete_async_request_with_error(t_qel_hspace_request request, t_kro_error error)
+static void qel_hspace_complete_async_request_with_error(t_qel_hspace hspace, t_qel_hspace_request request,
+                                                         t_kro_error error) KRO_REQUIRES(hspace->mutex)
 {
-    if (qel_hspace_dispatch_reply_image_event(request, error, 0, 0, NULL)) qel_hspace_request_end(request);
+    if (qel_hspace_dispatch_reply_image_event(hspace, request, error, 0, 0, NULL)) qel_hspace_request_end(request);
 }
 
-static void qel_hspace_complete_async_request_with_no_match(t_qel_hspace_request request)
+static void qel_hspace_complete_async_request_with_no_match(t_qel_hspace hspace, t_qel_hspace_request request)
+    KRO_REQUIRES(hspace->mutex)
 {
-    if (!qel_hspace_dispatch_reply_image_event(request, 0, 0, 0, NULL)) return;
+    if (!qel_hspace_dispatch_reply_image_event(hspace, request, 0, 0, 0, NULL)) return;
     if (request->opcode == HSPACE_OPCODE_POST)
         request->initial_image_complete = 1;
     else
@@ -850,6 +854,7 @@ static void qel_hspace_complete_async_request_with_no_match(t_qel_hspace_request
 
 /* Completes request with a status-only answer. */
 static void qel_hspace_complete_request(t_qel_hspace hspace, t_qel_hspace_request request, t_kro_error status)
+    KRO_REQUIRES(hspace->mutex)
 {
     bool sync;
     if (request->opcode == HSPACE_OPCODE_GET)
@@ -884,15 +889,15 @@ static void qel_hspace_complete_request(t_qel_hspace hspace, t_qel_hspace_reques
     if (status == 0) return;
     if (request->opcode == HSPACE_OPCODE_POST && request->initial_image_complete) return;
     if (status == KRO_ERR_NO_MATCH)
-        qel_hspace_complete_async_request_with_no_match(request);
+        qel_hspace_complete_async_request_with_no_match(hspace, request);
     else
-        qel_hspace_complete_async_request_with_error(request, status);
+        qel_hspace_complete_async_request_with_error(hspace, request, status);
 }
 
 /* Abandons every outstanding request with status (never 0), oldest first,
  * then wakes every waiter. The first record is re-read on every pass, so
  * records freed while a callback runs do not disturb the walk. */
-static void qel_hspace_complete_all_requests(t_qel_hspace hspace, t_kro_error status)
+static void qel_hspace_complete_all_requests(t_qel_hspace hspace, t_kro_error status) KRO_REQUIRES(hspace->mutex)
 {
     t_kro_ptr n;
     KRO_CHECK(status != 0);
@@ -969,13 +974,13 @@ static void qel_hspace_process_object(t_qel_hspace hspace, t_qel_hspace_packet p
         if (num == count) qel_hspace_complete_sync_request(request, error, 1, 1);
     } else if (request != NULL && request->opcode == HSPACE_OPCODE_GET) {
         qel_hspace_object_create_from_packet(packet, &object);
-        if (qel_hspace_dispatch_reply_image_event(request, 0, count, num, object) && num == count)
+        if (qel_hspace_dispatch_reply_image_event(hspace, request, 0, count, num, object) && num == count)
             qel_hspace_request_end(request);
     } else if (request != NULL && request->opcode == HSPACE_OPCODE_POST && request->sync_ctx->complete) {
         /* An active subscription; objects for a post whose own reply has
          * not arrived are dropped. */
         qel_hspace_object_create_from_packet(packet, &object);
-        if (qel_hspace_dispatch_reply_image_event(request, 0, count, num, object) && num == count)
+        if (qel_hspace_dispatch_reply_image_event(hspace, request, 0, count, num, object) && num == count)
             request->initial_image_complete = 1;
     }
     qel_hspace_unlock(hspace);
@@ -1016,6 +1021,7 @@ static void qel_hspace_destroy_final(t_qel_hspace *hspace);
 
 /* Sets the final state and abandons every request. Mutex held. */
 static void qel_hspace_close_final(t_qel_hspace hspace, t_kro_error error, t_qel_hspace_state state)
+    KRO_REQUIRES(hspace->mutex)
 {
     hspace->state.store(state);
     qel_hspace_complete_all_requests(hspace, error);
@@ -1358,7 +1364,7 @@ static t_kro_error qel_hspace_check_open(t_qel_hspace hspace)
  * nor close. The caller keeps buf (and a record holding it: caller_waiting
  * is set) alive until this returns. A write that close cut short is
  * KRO_ERR_CLOSED. */
-static t_kro_error qel_hspace_send(t_qel_hspace hspace, t_kro_buf buf)
+static t_kro_error qel_hspace_send(t_qel_hspace hspace, t_kro_buf buf) KRO_REQUIRES(hspace->mutex)
 {
     t_kro_uint4 bytes_transferred = 0;
     uint64_t ticket = hspace->send_next++;
@@ -1383,20 +1389,21 @@ static t_kro_error qel_hspace_wait_status(t_qel_hspace_request request)
     return error;
 }
 
-/* Takes the mutex and tests the state again: 0 with the mutex held, or
- * KRO_ERR_INVALID_STATE with it released. */
-static t_kro_error qel_hspace_lock_open(t_qel_hspace hspace)
+/* Takes the mutex and tests the state again: true with the mutex held,
+ * false (the caller returns KRO_ERR_INVALID_STATE) with it released. */
+static bool qel_hspace_lock_open(t_qel_hspace hspace) KRO_TRY_ACQUIRE(true, hspace->mutex)
 {
     qel_hspace_lock(hspace);
-    if (hspace->state.load() == HSPACE_STATE_OPEN) return 0;
+    if (hspace->state.load() == HSPACE_STATE_OPEN) return true;
     qel_hspace_unlock(hspace);
-    return KRO_ERR_INVALID_STATE;
+    return false;
 }
 
 /* Sends buf for a put, cancel or remove and, when request is set (it then
  * takes buf over), waits for the status; frees the request or releases
  * buf. Mutex held. */
 static t_kro_error qel_hspace_send_for_status(t_qel_hspace hspace, t_qel_hspace_request request, t_kro_buf buf)
+    KRO_REQUIRES(hspace->mutex)
 {
     t_kro_error error;
     if (request != NULL) request->buf = buf;
@@ -1428,7 +1435,7 @@ extern "C" KRO_API t_kro_error qel_hspace_put(t_qel_hspace hspace, t_qel_hspace_
     if (semantic == HSPACE_PUT_PIPELINED) return KRO_ERR_NOT_SUPPORTED;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
-    if ((error = qel_hspace_lock_open(hspace)) != 0) return error;
+    if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     if (semantic != HSPACE_PUT_NOREPLY)
         request = qel_hspace_request_create(hspace, HSPACE_OPCODE_PUT, object->key, NULL, NULL, 0, 0, NULL);
     buf = qel_hspace_pkt_serialize_put_request(hspace, object, semantic, flags, request ? request->corrid : 0);
@@ -1452,7 +1459,7 @@ extern "C" KRO_API t_kro_error qel_hspace_get(t_qel_hspace hspace, t_kro_str key
     if (timeout != 0) return KRO_ERR_NOT_SUPPORTED;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
-    if ((error = qel_hspace_lock_open(hspace)) != 0) return error;
+    if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     request = qel_hspace_request_create(hspace, HSPACE_OPCODE_GET, key, urid, NULL, sync ? 0 : 1, sync ? 0 : 1,
                                         sync ? objects : NULL);
     request->buf = qel_hspace_pkt_serialize_get_request(hspace, key, semantic, timeout, flags, request->corrid);
@@ -1515,7 +1522,7 @@ extern "C" KRO_API t_kro_error qel_hspace_cancel(t_qel_hspace hspace, t_kro_str 
     if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
-    if ((error = qel_hspace_lock_open(hspace)) != 0) return error;
+    if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     request = qel_hspace_request_create(hspace, HSPACE_OPCODE_CANCEL, key, NULL, NULL, 0, 0, NULL);
     error = qel_hspace_send_for_status(
         hspace, request,
@@ -1536,7 +1543,7 @@ extern "C" KRO_API t_kro_error qel_hspace_remove(t_qel_hspace hspace, t_kro_str 
     if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
-    if ((error = qel_hspace_lock_open(hspace)) != 0) return error;
+    if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     if (semantic == HSPACE_REMOVE_SYNC)
         request = qel_hspace_request_create(hspace, HSPACE_OPCODE_REMOVE, key, NULL, NULL, 0, 0, NULL);
     buf = qel_hspace_pkt_serialize_remove_request(hspace, key, semantic, flags, request ? request->corrid : 0);

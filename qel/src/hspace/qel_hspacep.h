@@ -112,8 +112,9 @@ struct qel_hspace_object_struct {
     } data;
 };
 
-/* The connection handle. Fields marked "mutex" are guarded by mutex; the
- * others are set before the reader thread starts or belong to one thread. */
+/* The connection handle. Fields marked KRO_GUARDED_BY (checked by clang)
+ * or "mutex" are guarded by mutex; the others are set before the reader
+ * thread starts, belong to one thread, or are atomic. */
 struct qel_hspace_struct {
     t_kro_str service_url;     /* our copy of the creation URL */
     t_kro_str service_name;    /* from the handshake reply; null until open */
@@ -124,16 +125,16 @@ struct qel_hspace_struct {
     t_qel_hspace_event_handler_func event_handler; /* set once by create */
     t_kro_socket socket;       /* the client socket */
     t_kro_buf readbuf;         /* received bytes; reader thread (or open) only */
-    t_kro_uint4 sno;           /* mutex: last correlation id drawn */
-    uint64_t seq;              /* mutex: creation sequence number of the last request */
-    uint64_t send_next;        /* mutex: next send ticket to hand out */
-    uint64_t send_turn;        /* mutex: ticket of the write that may go out now */
+    t_kro_uint4 sno KRO_GUARDED_BY(mutex); /* last correlation id drawn */
+    uint64_t seq KRO_GUARDED_BY(mutex); /* creation sequence number of the last request */
+    uint64_t send_next KRO_GUARDED_BY(mutex); /* next send ticket to hand out */
+    uint64_t send_turn KRO_GUARDED_BY(mutex); /* ticket of the write that may go out now */
     t_kro_llist reqtable;      /* mutex: outstanding requests, oldest first */
     t_kro_thread reader;       /* the reader thread; null until open */
     t_kro_mutex mutex;         /* the handle's one lock */
     t_kro_mutex mutex_close;   /* created and destroyed, never locked */
     t_kro_cond cond;           /* mutex: every synchronous waiter waits here */
-    t_kro_bool destroy;        /* mutex: release the handle as the reader thread's last act */
+    t_kro_bool destroy KRO_GUARDED_BY(mutex); /* release the handle as the reader thread's last act */
     std::atomic<t_kro_bool> closing; /* an application thread's close has cut the socket */
     std::atomic<int> closers;  /* application threads inside close */
     std::atomic<t_qel_hspace_state> state; /* written under mutex (or before the reader starts), read anywhere */
