@@ -137,25 +137,34 @@ KRO_API t_kro_error qel_hspace_create(t_qel_hspace_create_data create_data,
                                       t_qel_hspace_event_handler_func event_handler,
                                       t_qel_hspace *hspace);
 
-/* Connects, handshakes and starts the reader thread. On failure the handle
- * stays in HSPACE_STATE_INIT and open may be called again. Errors: 7, 12,
- * 13 unless HSPACE_STATE_INIT, the runtime's connect or read error,
- * KRO_ERR_INVALID_PACKET for an answer that is no handshake reply. */
+/* Bound of open: connecting and the handshake together, in milliseconds. */
+#define QEL_HSPACE_OPEN_TIMEOUT_MS 5000
+
+/* Connects, handshakes and starts the reader thread, giving up after
+ * QEL_HSPACE_OPEN_TIMEOUT_MS (name resolution aside) with KRO_ERR_TIMEOUT.
+ * On failure the handle stays in HSPACE_STATE_INIT and open may be called
+ * again. Errors: 7, 12, 13 unless HSPACE_STATE_INIT, the runtime's connect
+ * or read error, KRO_ERR_TIMEOUT, KRO_ERR_INVALID_PACKET for an answer that
+ * is no handshake reply. */
 KRO_API t_kro_error qel_hspace_open(t_qel_hspace hspace);
 
 /* Stores the handle's current state (read without a lock). */
 KRO_API t_kro_error qel_hspace_get_state(t_qel_hspace hspace, t_qel_hspace_state *state);
 
-/* Ends the connection from any state. From an application thread it
- * returns when every outstanding request has completed with KRO_ERR_CLOSED
- * and the reader thread has ended; from the event callback it returns at
- * once and the reader thread finishes the close. Errors: 7, 12. */
+/* Ends the connection from any state. From an application thread it first
+ * shuts the socket, so that a write blocked on a service that does not read
+ * fails at once (that operation returns KRO_ERR_CLOSED), then returns when
+ * every outstanding request has completed with KRO_ERR_CLOSED and the
+ * reader thread has ended; from the event callback it returns at once and
+ * the reader thread finishes the close. Errors: 7, 12. */
 KRO_API t_kro_error qel_hspace_close(t_qel_hspace hspace);
 
 /* Releases a handle in HSPACE_STATE_INIT or HSPACE_STATE_CLOSED and clears
  * *hspace; from the event callback (also while closing) it is deferred to
- * the end of the reader thread and *hspace is left as it is. Errors: 7, 12,
- * 13 in any other state. REQUIRES: every other thread's call on the handle
+ * the end of the reader thread and *hspace is left as it is, except while
+ * an application thread is inside qel_hspace_close of the handle: then it
+ * is 13 and changes nothing (that thread destroys it after close returns).
+ * Errors: 7, 12, 13 in any other state. REQUIRES: every other thread's call on the handle
  * has returned, including a synchronous call that close has just woken with
  * KRO_ERR_CLOSED; destroy frees the lock such a call still holds. */
 KRO_API t_kro_error qel_hspace_destroy(t_qel_hspace *hspace);

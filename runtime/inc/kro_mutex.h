@@ -11,6 +11,22 @@
 extern "C" {
 #endif
 
+/* Clang's thread-safety attributes, so that -Wthread-safety checks the
+ * locking rules at compile time; empty for other compilers. */
+#if defined(__clang__)
+#define KRO_TS_ATTR(x) __attribute__((x))
+#else
+#define KRO_TS_ATTR(x)
+#endif
+#define KRO_CAPABILITY(name) KRO_TS_ATTR(capability(name))           /* the type is a lock */
+#define KRO_GUARDED_BY(lock) KRO_TS_ATTR(guarded_by(lock))            /* field read and written under lock */
+#define KRO_ACQUIRE(...) KRO_TS_ATTR(acquire_capability(__VA_ARGS__)) /* returns with the lock held */
+#define KRO_RELEASE(...) KRO_TS_ATTR(release_capability(__VA_ARGS__)) /* returns with the lock released */
+#define KRO_TRY_ACQUIRE(...) KRO_TS_ATTR(try_acquire_capability(__VA_ARGS__)) /* held when it returns the value */
+#define KRO_REQUIRES(...) KRO_TS_ATTR(requires_capability(__VA_ARGS__)) /* called with the lock held */
+#define KRO_NO_THREAD_SAFETY_ANALYSIS KRO_TS_ATTR(no_thread_safety_analysis) /* state the reason beside it */
+
+struct KRO_CAPABILITY("mutex") kro_mutex;
 typedef struct kro_mutex *t_kro_mutex;
 
 /* Mutex types; the library uses KRO_MT_FAST and never locks a mutex twice
@@ -25,9 +41,9 @@ typedef enum kro_mutex_type {
  * KRO_ERR_INVALID_ARG. */
 t_kro_error kro_mutex_create(t_kro_mutex_type type, t_kro_mutex *mutex);
 /* Blocks until the calling thread owns the mutex. */
-t_kro_error kro_mutex_lock(t_kro_mutex mutex);
+t_kro_error kro_mutex_lock(t_kro_mutex mutex) KRO_ACQUIRE(mutex);
 /* Releases a mutex the calling thread owns. */
-t_kro_error kro_mutex_unlock(t_kro_mutex mutex);
+t_kro_error kro_mutex_unlock(t_kro_mutex mutex) KRO_RELEASE(mutex);
 /* Frees an unlocked mutex and clears *mutex. */
 t_kro_error kro_mutex_destroy(t_kro_mutex *mutex);
 

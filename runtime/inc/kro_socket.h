@@ -36,9 +36,17 @@ typedef struct kro_socket_client_create_data *t_kro_socket_client_create_data;
 t_kro_error kro_socket_client_create(t_kro_socket_client_create_data create_data,
                                      t_kro_socket *socket);
 
+/* Bounds connect, reads and writes on the socket: once timeout_ms
+ * milliseconds from now have passed they fail with KRO_ERR_TIMEOUT (a read
+ * or write that is under way when it passes fails then). 0 removes the
+ * bound. Name resolution is not bounded. Call it from the thread that
+ * connects, before other threads use the socket. */
+t_kro_error kro_socket_set_deadline(t_kro_socket socket, t_kro_uint4 timeout_ms);
+
 /* Resolves the remote address and connects, blocking; disables Nagle's
- * algorithm. KRO_ERR_HOST_NOT_FOUND, KRO_ERR_CONN_REFUSED or KRO_ERR_NET on
- * failure; a failed socket may be connected again. */
+ * algorithm. KRO_ERR_HOST_NOT_FOUND, KRO_ERR_CONN_REFUSED, KRO_ERR_TIMEOUT
+ * (the deadline passed) or KRO_ERR_NET on failure; a failed socket may be
+ * connected again. */
 t_kro_error kro_socket_connect(t_kro_socket socket);
 
 /* Blocks until at least one byte has arrived, stores at most lim - pos

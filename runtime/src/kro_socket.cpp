@@ -7,6 +7,7 @@
  * an interrupt never sees a half-made socket.
  */
 #include <errno.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -17,6 +18,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <new>
 
 #include "kro_private.h"
@@ -26,7 +28,42 @@ struct kro_socket {
     t_kro_socket_client_create_data create_data; /* addresses; owned, freed in destroy */
     std::atomic<int> fd{-1};                     /* connected descriptor, -1 when not connected */
     std::atomic<bool> interrupted{false};        /* set by kro_socket_interrupt, never cleared */
+    std::chrono::steady_clock::time_point deadline; /* bound of connect, reads and writes; set by the connecting thread */
+    bool bounded = false;                        /* deadline applies */
 };
+
+/* Milliseconds left before the socket's deadline for poll: -1 without a
+ * deadline, 0 once it has passed. */
+static int kro_socket_remaining_ms(t_kro_socket socket)
+{
+    if (!socket->bounded) return -1;
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(socket->deadline -
+                                                                      std::chrono::steady_clock::now());
+    return left.count() <= 0 ? 0 : (int)left.count();
+}
+
+/* Waits until fd is ready for events or the socket's deadline passes.
+ * Returns 0, ETIMEDOUT or the errno value of a failed poll. */
+static int kro_socket_wait(t_kro_socket socket, int fd, short events)
+{
+    struct pollfd pfd;
+    int rc;
+    pfd.fd = fd;
+    pfd.events = events;
+    do {
+        rc = poll(&pfd, 1, kro_socket_remaining_ms(socket));
+    } while (rc < 0 && errno == EINTR);
+    if (rc < 0) return errno;
+    return rc == 0 ? ETIMEDOUT : 0;
+}
+
+t_kro_error kro_socket_set_deadline(t_kro_socket socket, t_kro_uint4 timeout_ms)
+{
+    if (socket == NULL) return KRO_ERR_INVALID_ARG;
+    socket->bounded = timeout_ms != 0;
+    socket->deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    return 0;
+}
 
 t_kro_error kro_socket_client_create(t_kro_socket_client_create_data create_data,
                                      t_kro_socket *socket)
@@ -44,21 +81,21 @@ t_kro_error kro_socket_client_create(t_kro_socket_client_create_data create_data
     return 0;
 }
 
-/* Connects fd to addr, finishing a connect that a signal interrupted.
- * Returns 0 or the errno value of the failure. */
-static int kro_socket_connect_fd(int fd, const struct sockaddr *addr, socklen_t addrlen)
+/* Connects fd to addr within the socket's deadline (also finishing a
+ * connect that a signal interrupted). Returns 0 or the errno value of the
+ * failure, ETIMEDOUT when the deadline passed. */
+static int kro_socket_connect_fd(t_kro_socket socket, int fd, const struct sockaddr *addr, socklen_t addrlen)
 {
-    struct pollfd pfd;
     socklen_t len = sizeof(int);
+    int flags = fcntl(fd, F_GETFL);
     int err = 0;
-    if (connect(fd, addr, addrlen) == 0) return 0;
-    if (errno != EINTR) return errno;
-    pfd.fd = fd;
-    pfd.events = POLLOUT;
-    while (poll(&pfd, 1, -1) < 0) {
-        if (errno != EINTR) return errno;
-    }
-    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) return errno;
+    if (socket->bounded && fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return errno;
+    if (connect(fd, addr, addrlen) == 0) err = 0;
+    else if (errno != EINTR && errno != EINPROGRESS) return errno;
+    else if ((err = kro_socket_wait(socket, fd, POLLOUT)) == 0 &&
+             getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0)
+        err = errno;
+    if (err == 0 && socket->bounded && fcntl(fd, F_SETFL, flags) != 0) err = errno;
     return err;
 }
 
@@ -126,7 +163,7 @@ t_kro_error kro_socket_connect(t_kro_socket socket)
         if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0) last = errno;
         if (last == 0 && (local != NULL || data->local_port != 0))
             last = kro_socket_bind_local(fd, ai->ai_family, local, data->local_port);
-        if (last == 0) last = kro_socket_connect_fd(fd, ai->ai_addr, ai->ai_addrlen);
+        if (last == 0) last = kro_socket_connect_fd(socket, fd, ai->ai_addr, ai->ai_addrlen);
         if (last == 0) break;
         close(fd);
         fd = -1;
@@ -134,6 +171,7 @@ t_kro_error kro_socket_connect(t_kro_socket socket)
     freeaddrinfo(res);
     if (fd < 0) {
         kro_em_net_error_set(last);
+        if (last == ETIMEDOUT && socket->bounded) return KRO_ERR_TIMEOUT;
         return last == ECONNREFUSED ? KRO_ERR_CONN_REFUSED : KRO_ERR_NET;
     }
     socket->fd.store(fd);
@@ -153,6 +191,10 @@ t_kro_error kro_socket_read(t_kro_socket socket, t_kro_buf buf, t_kro_uint4 *byt
     if (socket->interrupted.load()) return KRO_ERR_INTERRUPTED;
     fd = socket->fd.load();
     if (fd < 0) return KRO_ERR_NOT_CONNECTED;
+    if (socket->bounded && kro_socket_wait(socket, fd, POLLIN) == ETIMEDOUT) {
+        kro_em_net_error_set(ETIMEDOUT);
+        return KRO_ERR_TIMEOUT;
+    }
     do {
         n = recv(fd, (t_kro_byte *)buf->ptr + buf->pos, buf->lim - buf->pos, 0);
     } while (n < 0 && errno == EINTR);
@@ -184,9 +226,14 @@ t_kro_error kro_socket_write_single(t_kro_socket socket, t_kro_buf buf,
     p = (const t_kro_byte *)buf->ptr + buf->pos;
     length = buf->lim - buf->pos;
     while (total < length) {
-        n = send(fd, p + total, length - total, MSG_NOSIGNAL);
+        if (socket->bounded && kro_socket_wait(socket, fd, POLLOUT) == ETIMEDOUT) {
+            kro_em_net_error_set(ETIMEDOUT);
+            *bytes_transferred = total;
+            return KRO_ERR_TIMEOUT;
+        }
+        n = send(fd, p + total, length - total, MSG_NOSIGNAL | (socket->bounded ? MSG_DONTWAIT : 0));
         if (n < 0) {
-            if (errno == EINTR) continue;
+            if (errno == EINTR || (socket->bounded && (errno == EAGAIN || errno == EWOULDBLOCK))) continue;
             kro_em_net_error_set(errno);
             *bytes_transferred = total;
             return socket->interrupted.load() ? KRO_ERR_INTERRUPTED : KRO_ERR_NET;

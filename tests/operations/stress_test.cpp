@@ -131,7 +131,7 @@ void RunWorker(t_qel_hspace h, int t, Worker &w)
         std::string shared = SharedKey(rng.next(kSharedKeys));
         switch (rng.next(8)) {
         case 0: check("put", qel_hspace_put(h, o.obj, HSPACE_PUT_SYNC, 0), {0, 13, 18}); break;
-        case 1: check("put no-reply", qel_hspace_put(h, o.obj, HSPACE_PUT_NOREPLY, 0), {0, 13}); break;
+        case 1: check("put no-reply", qel_hspace_put(h, o.obj, HSPACE_PUT_NOREPLY, 0), {0, 13, 18}); break;
         case 2: {
             check("get", qel_hspace_get(h, own.c_str(), nullptr, HSPACE_GET_SYNC, 0, 0, list), {0, 77, 13, 18});
             list.clear();
@@ -140,7 +140,7 @@ void RunWorker(t_qel_hspace h, int t, Worker &w)
         case 3: {
             t_kro_error r = qel_hspace_get(h, shared.c_str(), reinterpret_cast<t_kro_ptr>(urid), HSPACE_GET_ASYNC, 0,
                                            0, nullptr);
-            check("get async", r, {0, 13});
+            check("get async", r, {0, 13, 18});
             if (r == 0) w.gets[urid] = shared;
             break;
         }
@@ -158,7 +158,7 @@ void RunWorker(t_qel_hspace h, int t, Worker &w)
             if (rng.next(2) == 0)
                 check("remove", qel_hspace_remove(h, own.c_str(), HSPACE_REMOVE_SYNC, 0), {0, 2, 13, 18});
             else
-                check("remove no-reply", qel_hspace_remove(h, own.c_str(), HSPACE_REMOVE_NOREPLY, 0), {0, 13});
+                check("remove no-reply", qel_hspace_remove(h, own.c_str(), HSPACE_REMOVE_NOREPLY, 0), {0, 13, 18});
             break;
         }
     }

@@ -475,3 +475,19 @@ bool Signal::wait(std::chrono::milliseconds bound)
 
 } // namespace test
 } // namespace hspace
+
+namespace hspace {
+namespace test {
+
+bool FakeConnection::wait_readable()
+{
+    if (!in_.empty()) return true;
+    if (fd_ < 0 || wait_for(fd_, POLLIN, Clock::now() + watchdog_, *stop_) != Wait::Ready) {
+        ADD_FAILURE() << "fake service: watchdog: the client sent nothing";
+        return false;
+    }
+    return true;
+}
+
+} // namespace test
+} // namespace hspace

@@ -97,6 +97,10 @@ public:
     // True once the client has closed the connection (a read returns end of
     // stream or an error); bytes read meanwhile stay for next_packet().
     bool wait_closed();
+    // True once the client has sent bytes not yet read here; reads nothing,
+    // so a client blocked writing to a service that stopped reading stays
+    // blocked. False and a recorded failure when the watchdog runs out.
+    bool wait_readable();
     // Orderly close: end of stream to the client (FIN), then the socket is
     // released.
     void close();

@@ -35,12 +35,14 @@ static bool qel_hspace_is_initialized(void)
     return s_initialized.load(std::memory_order_acquire) != 0;
 }
 
-static void qel_hspace_lock(t_qel_hspace hspace)
+/* Lock and unlock the handle's mutex. Locking depends on the runtime
+ * being threaded, which clang cannot follow; the runtime always is. */
+static void qel_hspace_lock(t_qel_hspace hspace) KRO_ACQUIRE(hspace->mutex) KRO_NO_THREAD_SAFETY_ANALYSIS
 {
     if (kro_global_threaded_get()) kro_mutex_lock(hspace->mutex);
 }
 
-static void qel_hspace_unlock(t_qel_hspace hspace)
+static void qel_hspace_unlock(t_qel_hspace hspace) KRO_RELEASE(hspace->mutex) KRO_NO_THREAD_SAFETY_ANALYSIS
 {
     if (kro_global_threaded_get()) kro_mutex_unlock(hspace->mutex);
 }
@@ -646,6 +648,7 @@ static t_kro_error qel_hspace_socket_create(t_kro_str url, t_kro_socket *socket)
 static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro_byte opcode, t_kro_str key,
                                                       t_kro_ptr urid, t_kro_buf buf, t_kro_bool dup_key,
                                                       t_kro_bool async_reply, t_kro_llist replies)
+    KRO_REQUIRES(hspace->mutex)
 {
     t_qel_hspace_request request;
     KRO_ALLOC_RECORD(sizeof(struct qel_hspace_request), &request, 0);
@@ -663,9 +666,12 @@ static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro
     if (hspace->sno == HSPACE_CORRID_MAX) hspace->sno = 0;
     request->corrid = ++hspace->sno;
     request->urid = urid;
+    request->seq = ++hspace->seq;
     request->initial_image_complete = 0;
-    request->caller_waiting = async_reply ? 0 : 1;
+    request->caller_waiting = 1;
     request->orphaned = 0;
+    request->in_event = 0;
+    request->abandoned = 0;
     request->cancelled = 0;
     if (!async_reply) {
         t_qel_hspace_request_sync_ctx ctx;
@@ -715,6 +721,16 @@ static t_qel_hspace_request qel_hspace_request_get_post(t_qel_hspace hspace, t_k
     return NULL;
 }
 
+/* The subscription of key that a cancel may end: a post record created
+ * before the cancel record. A post sent after the cancel is answered after
+ * it and is not the cancel's business. */
+static t_qel_hspace_request qel_hspace_request_get_post_before(t_qel_hspace hspace, t_kro_str key,
+                                                               t_qel_hspace_request cancel)
+{
+    t_qel_hspace_request post = qel_hspace_request_get_post(hspace, key);
+    return post != NULL && post->seq < cancel->seq ? post : NULL;
+}
+
 static void qel_hspace_request_destroy(t_qel_hspace_request *request)
 {
     t_qel_hspace_request r = *request;
@@ -729,14 +745,27 @@ static void qel_hspace_request_destroy(t_qel_hspace_request *request)
 }
 
 /* Ends a record on the reader thread's behalf. A record whose calling
- * thread has not yet read its status (a post woken by its reply that has
- * not resumed) is only unlinked and marked orphaned: that thread frees it
- * once it has read the status, so no thread touches freed memory. */
+ * thread is still inside its write or has not yet read its status is only
+ * unlinked and marked orphaned: that thread frees it once it is back, so no
+ * thread touches freed memory. */
 static void qel_hspace_request_end(t_qel_hspace_request request)
 {
     if (request->caller_waiting) {
         if (request->head != NULL) kro_llist_remove(request);
         request->orphaned = 1;
+    } else {
+        qel_hspace_request_destroy(&request);
+    }
+}
+
+/* Frees a record on its calling thread's behalf. A record the reader thread
+ * is raising an event about is only unlinked and marked: the reader frees
+ * it when the callback returns. */
+static void qel_hspace_request_abandon(t_qel_hspace_request request)
+{
+    if (request->in_event) {
+        if (request->head != NULL) kro_llist_remove(request);
+        request->abandoned = 1;
     } else {
         qel_hspace_request_destroy(&request);
     }
@@ -748,11 +777,13 @@ static void qel_hspace_request_end(t_qel_hspace_request request)
  * are raised without it. Reader thread only.
  * ====================================================================== */
 
-static void qel_hspace_dispatch_reply_image_event(t_qel_hspace_request request, t_kro_error error,
-                                                  t_kro_uint4 cardinality, t_kro_uint4 index,
-                                                  t_qel_hspace_object object)
+/* Raises a get-reply or post-image event about request. False when the
+ * record's caller gave it up meanwhile: it is then freed here and the
+ * caller of this function must not touch it again. */
+static bool qel_hspace_dispatch_reply_image_event(t_qel_hspace hspace, t_qel_hspace_request request,
+                                                  t_kro_error error, t_kro_uint4 cardinality, t_kro_uint4 index,
+                                                  t_qel_hspace_object object) KRO_REQUIRES(hspace->mutex)
 {
-    t_qel_hspace hspace = request->hspace;
     t_qel_hspace_reply_image_event_data_struct data;
     t_qel_hspace_event event =
         request->opcode == HSPACE_OPCODE_GET ? HSPACE_EVENT_GET_REPLY : HSPACE_EVENT_POST_IMAGE;
@@ -768,9 +799,14 @@ static void qel_hspace_dispatch_reply_image_event(t_qel_hspace_request request, 
         data.index = 0;
         data.object = NULL;
     }
+    request->in_event = 1;
     qel_hspace_unlock(hspace);
     hspace->event_handler(hspace, event, &data);
     qel_hspace_lock(hspace);
+    request->in_event = 0;
+    if (!request->abandoned) return true;
+    qel_hspace_request_destroy(&request);
+    return false;
 }
 
 static void qel_hspace_dispatch_notification_event(t_qel_hspace hspace, t_kro_byte trigger,
@@ -800,15 +836,16 @@ static void qel_hspace_complete_sync_request(t_qel_hspace_request request, t_kro
     if (notify) kro_cond_notifyall(request->hspace->cond);
 }
 
-static void qel_hspace_complete_async_request_with_error(t_qel_hspace_request request, t_kro_error error)
+static void qel_hspace_complete_async_request_with_error(t_qel_hspace hspace, t_qel_hspace_request request,
+                                                         t_kro_error error) KRO_REQUIRES(hspace->mutex)
 {
-    qel_hspace_dispatch_reply_image_event(request, error, 0, 0, NULL);
-    qel_hspace_request_end(request);
+    if (qel_hspace_dispatch_reply_image_event(hspace, request, error, 0, 0, NULL)) qel_hspace_request_end(request);
 }
 
-static void qel_hspace_complete_async_request_with_no_match(t_qel_hspace_request request)
+static void qel_hspace_complete_async_request_with_no_match(t_qel_hspace hspace, t_qel_hspace_request request)
+    KRO_REQUIRES(hspace->mutex)
 {
-    qel_hspace_dispatch_reply_image_event(request, 0, 0, 0, NULL);
+    if (!qel_hspace_dispatch_reply_image_event(hspace, request, 0, 0, 0, NULL)) return;
     if (request->opcode == HSPACE_OPCODE_POST)
         request->initial_image_complete = 1;
     else
@@ -817,6 +854,7 @@ static void qel_hspace_complete_async_request_with_no_match(t_qel_hspace_request
 
 /* Completes request with a status-only answer. */
 static void qel_hspace_complete_request(t_qel_hspace hspace, t_qel_hspace_request request, t_kro_error status)
+    KRO_REQUIRES(hspace->mutex)
 {
     bool sync;
     if (request->opcode == HSPACE_OPCODE_GET)
@@ -829,10 +867,11 @@ static void qel_hspace_complete_request(t_qel_hspace hspace, t_qel_hspace_reques
     if (sync) {
         bool keep;
         if (request->opcode == HSPACE_OPCODE_CANCEL) {
-            /* A cancel ends the local subscription whatever its status. A
-             * post still waiting for its own reply is marked instead: its
-             * reply then ends it, and its caller frees it. */
-            t_qel_hspace_request post = qel_hspace_request_get_post(hspace, request->key);
+            /* A cancel ends the local subscription made before it,
+             * whatever its status. Such a post still waiting for its own
+             * reply (a service answering out of order) is marked instead:
+             * its reply then ends it, and its caller frees it. */
+            t_qel_hspace_request post = qel_hspace_request_get_post_before(hspace, request->key, request);
             if (post != NULL) {
                 if (post->sync_ctx->complete)
                     qel_hspace_request_end(post);
@@ -850,15 +889,15 @@ static void qel_hspace_complete_request(t_qel_hspace hspace, t_qel_hspace_reques
     if (status == 0) return;
     if (request->opcode == HSPACE_OPCODE_POST && request->initial_image_complete) return;
     if (status == KRO_ERR_NO_MATCH)
-        qel_hspace_complete_async_request_with_no_match(request);
+        qel_hspace_complete_async_request_with_no_match(hspace, request);
     else
-        qel_hspace_complete_async_request_with_error(request, status);
+        qel_hspace_complete_async_request_with_error(hspace, request, status);
 }
 
 /* Abandons every outstanding request with status (never 0), oldest first,
  * then wakes every waiter. The first record is re-read on every pass, so
  * records freed while a callback runs do not disturb the walk. */
-static void qel_hspace_complete_all_requests(t_qel_hspace hspace, t_kro_error status)
+static void qel_hspace_complete_all_requests(t_qel_hspace hspace, t_kro_error status) KRO_REQUIRES(hspace->mutex)
 {
     t_kro_ptr n;
     KRO_CHECK(status != 0);
@@ -935,14 +974,14 @@ static void qel_hspace_process_object(t_qel_hspace hspace, t_qel_hspace_packet p
         if (num == count) qel_hspace_complete_sync_request(request, error, 1, 1);
     } else if (request != NULL && request->opcode == HSPACE_OPCODE_GET) {
         qel_hspace_object_create_from_packet(packet, &object);
-        qel_hspace_dispatch_reply_image_event(request, 0, count, num, object);
-        if (num == count) qel_hspace_request_end(request);
+        if (qel_hspace_dispatch_reply_image_event(hspace, request, 0, count, num, object) && num == count)
+            qel_hspace_request_end(request);
     } else if (request != NULL && request->opcode == HSPACE_OPCODE_POST && request->sync_ctx->complete) {
         /* An active subscription; objects for a post whose own reply has
          * not arrived are dropped. */
         qel_hspace_object_create_from_packet(packet, &object);
-        qel_hspace_dispatch_reply_image_event(request, 0, count, num, object);
-        if (num == count) request->initial_image_complete = 1;
+        if (qel_hspace_dispatch_reply_image_event(hspace, request, 0, count, num, object) && num == count)
+            request->initial_image_complete = 1;
     }
     qel_hspace_unlock(hspace);
 }
@@ -982,6 +1021,7 @@ static void qel_hspace_destroy_final(t_qel_hspace *hspace);
 
 /* Sets the final state and abandons every request. Mutex held. */
 static void qel_hspace_close_final(t_qel_hspace hspace, t_kro_error error, t_qel_hspace_state state)
+    KRO_REQUIRES(hspace->mutex)
 {
     hspace->state.store(state);
     qel_hspace_complete_all_requests(hspace, error);
@@ -992,6 +1032,8 @@ static void qel_hspace_reader_entry_point(t_kro_ptr ptr)
     t_qel_hspace hspace = (t_qel_hspace)ptr;
     t_kro_error error = 0;
     t_qel_hspace_state state;
+    t_kro_bool destroy;
+    bool failed;
     while (hspace->state.load() == HSPACE_STATE_OPEN) {
         t_qel_hspace_packet packet = NULL;
         error = qel_hspace_read_packet(hspace, &packet);
@@ -1002,20 +1044,30 @@ static void qel_hspace_reader_entry_point(t_kro_ptr ptr)
     qel_hspace_lock(hspace);
     state = hspace->state.load();
     KRO_CHECK(state == HSPACE_STATE_OPEN || state == HSPACE_STATE_CLOSING);
-    if (state == HSPACE_STATE_CLOSING)
-        qel_hspace_close_final(hspace, KRO_ERR_CLOSED, HSPACE_STATE_CLOSED);
-    else
+    /* Decided once, under the mutex: a read that failed after an
+     * application thread's close cut the socket is that close, never a
+     * link failure. */
+    if (state == HSPACE_STATE_OPEN && !hspace->closing.load())
         qel_hspace_close_final(hspace, error, HSPACE_STATE_FAILED);
-    state = hspace->state.load();
+    else
+        qel_hspace_close_final(hspace, KRO_ERR_CLOSED, HSPACE_STATE_CLOSED);
+    /* A callback's close during the failure's sweep turns it into a close;
+     * an application thread's close leaves FAILED alone until this thread
+     * has ended. */
+    failed = hspace->state.load() == HSPACE_STATE_FAILED;
     qel_hspace_unlock(hspace);
-    if (state == HSPACE_STATE_FAILED) {
+    if (failed) {
         t_qel_hspace_fail_event_data_struct event_data;
         event_data.error = error;
         hspace->event_handler(hspace, HSPACE_EVENT_LINK_FAIL, &event_data);
     }
-    /* Without a deferred destroy another thread may release the handle as
-     * soon as this thread has ended: touch nothing after this test. */
-    if (hspace->destroy) qel_hspace_destroy_final(&hspace);
+    /* No callback runs any more, so destroy is set for good. Without it
+     * another thread may release the handle as soon as this thread has
+     * ended: touch nothing after this test. */
+    qel_hspace_lock(hspace);
+    destroy = hspace->destroy;
+    qel_hspace_unlock(hspace);
+    if (destroy) qel_hspace_destroy_final(&hspace);
 }
 
 /* ======================================================================
@@ -1055,6 +1107,8 @@ extern "C" KRO_API t_kro_error qel_hspace_create(t_qel_hspace_create_data create
     KRO_ALLOC_RECORD(sizeof(struct qel_hspace_struct), hspace, 1);
     h = *hspace;
     new (&h->state) std::atomic<t_qel_hspace_state>(HSPACE_STATE_INIT);
+    new (&h->closing) std::atomic<t_kro_bool>(0);
+    new (&h->closers) std::atomic<int>(0);
     kro_str_assign(&h->service_url, create_data->service_url);
     kro_str_assign(&h->client_name, create_data->client_name != NULL ? create_data->client_name : "anonymous");
     kro_str_assign(&h->client_group, create_data->client_group != NULL ? create_data->client_group : "default");
@@ -1106,13 +1160,15 @@ t_kro_error qel_hspace_open_timed(t_qel_hspace hspace, t_kro_uint4 timeout_ms)
     t_kro_error error;
     t_kro_str name = NULL;
     t_kro_uint2 version = 0, ltp = 0;
-    (void)timeout_ms; /* not yet bounded */
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL) return KRO_ERR_INVALID_ARG;
     if (hspace->state.load() != HSPACE_STATE_INIT) return KRO_ERR_INVALID_STATE;
+    /* One deadline for connecting, the handshake request and its reply;
+     * lifted before the reader thread starts. */
+    KRO_CHECK(kro_socket_set_deadline(hspace->socket, timeout_ms) == 0);
     error = kro_socket_connect(hspace->socket);
-    if (error != 0) return error;
-    error = qel_hspace_handshake(hspace, &version, &ltp, &name);
+    if (error == 0) error = qel_hspace_handshake(hspace, &version, &ltp, &name);
+    if (error == 0) KRO_CHECK(kro_socket_set_deadline(hspace->socket, 0) == 0);
     if (error != 0) {
         /* A retried open starts on a fresh socket and a clean stream. */
         KRO_CHECK(kro_socket_destroy(&hspace->socket) == 0);
@@ -1134,7 +1190,7 @@ t_kro_error qel_hspace_open_timed(t_qel_hspace hspace, t_kro_uint4 timeout_ms)
 
 extern "C" KRO_API t_kro_error qel_hspace_open(t_qel_hspace hspace)
 {
-    return qel_hspace_open_timed(hspace, 0);
+    return qel_hspace_open_timed(hspace, QEL_HSPACE_OPEN_TIMEOUT_MS);
 }
 
 extern "C" KRO_API t_kro_error qel_hspace_close(t_qel_hspace hspace)
@@ -1142,24 +1198,39 @@ extern "C" KRO_API t_kro_error qel_hspace_close(t_qel_hspace hspace)
     t_qel_hspace_state state;
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL) return KRO_ERR_INVALID_ARG;
-    state = hspace->state.load();
-    if (state == HSPACE_STATE_CLOSING || state == HSPACE_STATE_CLOSED) return 0;
+    if (qel_hspace_on_reader_thread(hspace)) {
+        /* The reader's loop sees the closing state once the callback has
+         * returned, and completes every request with KRO_ERR_CLOSED. */
+        qel_hspace_lock(hspace);
+        state = hspace->state.load();
+        if (state == HSPACE_STATE_OPEN)
+            hspace->state.store(HSPACE_STATE_CLOSING);
+        else if (state == HSPACE_STATE_FAILED)
+            hspace->state.store(HSPACE_STATE_CLOSED);
+        qel_hspace_unlock(hspace);
+        return 0;
+    }
+    /* Counted before the cut: from here on a destroy from the callback is
+     * refused, since this thread touches the handle until it returns. */
+    hspace->closers.fetch_add(1);
+    /* Cut the socket before taking the lock, so that a write blocked on a
+     * peer that does not read, and the reader's read, fail at once. */
+    if (hspace->state.load() == HSPACE_STATE_OPEN && !hspace->closing.exchange(1))
+        KRO_CHECK(kro_socket_interrupt(hspace->socket) == 0);
     qel_hspace_lock(hspace);
     state = hspace->state.load();
-    if (state == HSPACE_STATE_OPEN) {
+    if (state == HSPACE_STATE_OPEN)
         hspace->state.store(HSPACE_STATE_CLOSING);
-        if (!qel_hspace_on_reader_thread(hspace)) {
-            /* The reader's blocked read fails, its loop sees the closing
-             * state, and it completes every request with KRO_ERR_CLOSED. */
-            KRO_CHECK(kro_socket_interrupt(hspace->socket) == 0);
-            qel_hspace_unlock(hspace);
-            kro_thread_join(hspace->reader);
-            qel_hspace_lock(hspace);
-        }
-    } else if (state == HSPACE_STATE_INIT || state == HSPACE_STATE_FAILED) {
+    else if (state == HSPACE_STATE_INIT)
         hspace->state.store(HSPACE_STATE_CLOSED);
-    }
     qel_hspace_unlock(hspace);
+    /* Whatever ended the connection (this close, an earlier one or a link
+     * failure), no event is raised once close has returned. */
+    if (hspace->reader != NULL) kro_thread_join(hspace->reader);
+    qel_hspace_lock(hspace);
+    if (hspace->state.load() == HSPACE_STATE_FAILED) hspace->state.store(HSPACE_STATE_CLOSED);
+    qel_hspace_unlock(hspace);
+    hspace->closers.fetch_sub(1); /* the last touch */
     return 0;
 }
 
@@ -1167,19 +1238,25 @@ extern "C" KRO_API t_kro_error qel_hspace_destroy(t_qel_hspace *hspace)
 {
     t_qel_hspace h;
     t_qel_hspace_state state;
-    bool on_reader;
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL || *hspace == NULL) return KRO_ERR_INVALID_ARG;
     h = *hspace;
     state = h->state.load();
-    on_reader = qel_hspace_on_reader_thread(h);
-    if (!(state == HSPACE_STATE_INIT || state == HSPACE_STATE_CLOSED ||
-          (state == HSPACE_STATE_CLOSING && on_reader)))
-        return KRO_ERR_INVALID_STATE;
-    if (state != HSPACE_STATE_INIT && on_reader) {
-        h->destroy = 1;
-        return 0;
+    if (qel_hspace_on_reader_thread(h)) {
+        /* From the callback: deferred to the reader thread's end, unless an
+         * application thread is inside close and would touch the handle
+         * after that end. */
+        t_kro_error error = KRO_ERR_INVALID_STATE;
+        qel_hspace_lock(h);
+        state = h->state.load();
+        if ((state == HSPACE_STATE_CLOSING || state == HSPACE_STATE_CLOSED) && h->closers.load() == 0) {
+            h->destroy = 1;
+            error = 0;
+        }
+        qel_hspace_unlock(h);
+        return error;
     }
+    if (state != HSPACE_STATE_INIT && state != HSPACE_STATE_CLOSED) return KRO_ERR_INVALID_STATE;
     qel_hspace_destroy_final(hspace);
     return 0;
 }
@@ -1205,6 +1282,8 @@ static void qel_hspace_destroy_final(t_qel_hspace *hspace)
     if (h->client_name != NULL) KRO_CHECK(kro_mm_free(&h->client_name) == 0);
     if (h->client_group != NULL) KRO_CHECK(kro_mm_free(&h->client_group) == 0);
     h->state.~atomic();
+    h->closing.~atomic();
+    h->closers.~atomic();
     KRO_CHECK(kro_mm_free(hspace) == 0);
 }
 
@@ -1259,8 +1338,9 @@ extern "C" KRO_API t_kro_error qel_hspace_object_destroy(t_qel_hspace_object *ob
 /* ======================================================================
  * Data operations. Checks run without the lock in a fixed order: 7, then
  * 12, then 14, then 13, then 23. The mutex is then held to the return,
- * across the one socket write, and released only while a synchronous caller
- * waits for its completion.
+ * except during the socket write and while a synchronous caller waits for
+ * its completion. Writes go out one at a time in the order their records
+ * were made, so the wire carries requests in request-table order.
  * ====================================================================== */
 
 /* A key the wire can carry: at most 65535 bytes. */
@@ -1278,12 +1358,26 @@ static t_kro_error qel_hspace_check_open(t_qel_hspace hspace)
     return 0;
 }
 
-/* Flips buf and sends it with one write. Mutex held. */
-static t_kro_error qel_hspace_send(t_qel_hspace hspace, t_kro_buf buf)
+/* Flips buf and sends it with one write once every earlier send has gone
+ * out. Mutex held; released while waiting for the turn and during the
+ * write, so a peer that stops reading holds up neither the reader thread
+ * nor close. The caller keeps buf (and a record holding it: caller_waiting
+ * is set) alive until this returns. A write that close cut short is
+ * KRO_ERR_CLOSED. */
+static t_kro_error qel_hspace_send(t_qel_hspace hspace, t_kro_buf buf) KRO_REQUIRES(hspace->mutex)
 {
     t_kro_uint4 bytes_transferred = 0;
+    uint64_t ticket = hspace->send_next++;
+    t_kro_error error;
     kro_buf_flip(buf);
-    return kro_socket_write_single(hspace->socket, buf, &bytes_transferred);
+    while (hspace->send_turn != ticket) kro_cond_wait(hspace->cond, hspace->mutex, KRO_WAIT_FOREVER);
+    qel_hspace_unlock(hspace);
+    error = kro_socket_write_single(hspace->socket, buf, &bytes_transferred);
+    qel_hspace_lock(hspace);
+    hspace->send_turn++;
+    kro_cond_notifyall(hspace->cond);
+    if (error != 0 && hspace->closing.load()) error = KRO_ERR_CLOSED;
+    return error;
 }
 
 /* Waits for a synchronous record whose packet went out, then checks that
@@ -1295,20 +1389,21 @@ static t_kro_error qel_hspace_wait_status(t_qel_hspace_request request)
     return error;
 }
 
-/* Takes the mutex and tests the state again: 0 with the mutex held, or
- * KRO_ERR_INVALID_STATE with it released. */
-static t_kro_error qel_hspace_lock_open(t_qel_hspace hspace)
+/* Takes the mutex and tests the state again: true with the mutex held,
+ * false (the caller returns KRO_ERR_INVALID_STATE) with it released. */
+static bool qel_hspace_lock_open(t_qel_hspace hspace) KRO_TRY_ACQUIRE(true, hspace->mutex)
 {
     qel_hspace_lock(hspace);
-    if (hspace->state.load() == HSPACE_STATE_OPEN) return 0;
+    if (hspace->state.load() == HSPACE_STATE_OPEN) return true;
     qel_hspace_unlock(hspace);
-    return KRO_ERR_INVALID_STATE;
+    return false;
 }
 
 /* Sends buf for a put, cancel or remove and, when request is set (it then
  * takes buf over), waits for the status; frees the request or releases
  * buf. Mutex held. */
 static t_kro_error qel_hspace_send_for_status(t_qel_hspace hspace, t_qel_hspace_request request, t_kro_buf buf)
+    KRO_REQUIRES(hspace->mutex)
 {
     t_kro_error error;
     if (request != NULL) request->buf = buf;
@@ -1317,7 +1412,7 @@ static t_kro_error qel_hspace_send_for_status(t_qel_hspace hspace, t_qel_hspace_
     if (request == NULL)
         kro_buf_release(&buf);
     else
-        qel_hspace_request_destroy(&request);
+        qel_hspace_request_abandon(request);
     return error;
 }
 
@@ -1340,7 +1435,7 @@ extern "C" KRO_API t_kro_error qel_hspace_put(t_qel_hspace hspace, t_qel_hspace_
     if (semantic == HSPACE_PUT_PIPELINED) return KRO_ERR_NOT_SUPPORTED;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
-    if ((error = qel_hspace_lock_open(hspace)) != 0) return error;
+    if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     if (semantic != HSPACE_PUT_NOREPLY)
         request = qel_hspace_request_create(hspace, HSPACE_OPCODE_PUT, object->key, NULL, NULL, 0, 0, NULL);
     buf = qel_hspace_pkt_serialize_put_request(hspace, object, semantic, flags, request ? request->corrid : 0);
@@ -1364,7 +1459,7 @@ extern "C" KRO_API t_kro_error qel_hspace_get(t_qel_hspace hspace, t_kro_str key
     if (timeout != 0) return KRO_ERR_NOT_SUPPORTED;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
-    if ((error = qel_hspace_lock_open(hspace)) != 0) return error;
+    if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     request = qel_hspace_request_create(hspace, HSPACE_OPCODE_GET, key, urid, NULL, sync ? 0 : 1, sync ? 0 : 1,
                                         sync ? objects : NULL);
     request->buf = qel_hspace_pkt_serialize_get_request(hspace, key, semantic, timeout, flags, request->corrid);
@@ -1373,7 +1468,12 @@ extern "C" KRO_API t_kro_error qel_hspace_get(t_qel_hspace hspace, t_kro_str key
         error = qel_hspace_request_reply_wait(request);
         if (error == KRO_ERR_NO_MATCH) error = 0;
     }
-    if (error != 0 || sync) qel_hspace_request_destroy(&request);
+    /* An asynchronous get that the reader thread has already ended, or is
+     * raising its event about, returns 0 whatever its write did: its
+     * outcome is that event. */
+    if (!sync && error != 0 && (request->orphaned || request->in_event)) error = 0;
+    request->caller_waiting = 0;
+    if (error != 0 || sync || request->orphaned) qel_hspace_request_abandon(request);
     qel_hspace_unlock(hspace);
     return error;
 }
@@ -1407,7 +1507,7 @@ extern "C" KRO_API t_kro_error qel_hspace_post(t_qel_hspace hspace, t_kro_str ke
      * subscription itself. A record it ended meanwhile (orphaned), or one
      * a cancel overtook (no longer linked), is ours to free. */
     request->caller_waiting = 0;
-    if (error != 0 || request->orphaned || request->head == NULL) qel_hspace_request_destroy(&request);
+    if (error != 0 || request->orphaned || request->head == NULL) qel_hspace_request_abandon(request);
     qel_hspace_unlock(hspace);
     return error;
 }
@@ -1422,7 +1522,7 @@ extern "C" KRO_API t_kro_error qel_hspace_cancel(t_qel_hspace hspace, t_kro_str 
     if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
-    if ((error = qel_hspace_lock_open(hspace)) != 0) return error;
+    if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     request = qel_hspace_request_create(hspace, HSPACE_OPCODE_CANCEL, key, NULL, NULL, 0, 0, NULL);
     error = qel_hspace_send_for_status(
         hspace, request,
@@ -1443,7 +1543,7 @@ extern "C" KRO_API t_kro_error qel_hspace_remove(t_qel_hspace hspace, t_kro_str 
     if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
-    if ((error = qel_hspace_lock_open(hspace)) != 0) return error;
+    if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     if (semantic == HSPACE_REMOVE_SYNC)
         request = qel_hspace_request_create(hspace, HSPACE_OPCODE_REMOVE, key, NULL, NULL, 0, 0, NULL);
     buf = qel_hspace_pkt_serialize_remove_request(hspace, key, semantic, flags, request ? request->corrid : 0);

@@ -90,8 +90,11 @@ struct qel_hspace_request {
     t_kro_str key;                    /* the key the request is about */
     t_kro_bool initial_image_complete; /* post: no further image object expected */
     t_qel_hspace_request_sync_ctx sync_ctx; /* null exactly for an asynchronous get */
-    t_kro_bool caller_waiting;        /* the calling thread has not yet read the status */
+    uint64_t seq;                     /* creation order on the handle, never wraps */
+    t_kro_bool caller_waiting;        /* the calling thread is still writing it or has not read the status */
     t_kro_bool orphaned;              /* ended while caller_waiting: the caller frees it */
+    t_kro_bool in_event;              /* the reader thread is in a callback about it */
+    t_kro_bool abandoned;             /* given up by its caller during that callback: the reader frees it */
     t_kro_bool cancelled;             /* post overtaken by a cancel before its own reply */
 };
 typedef struct qel_hspace_request *t_qel_hspace_request;
@@ -109,8 +112,9 @@ struct qel_hspace_object_struct {
     } data;
 };
 
-/* The connection handle. Fields marked "mutex" are guarded by mutex; the
- * others are set before the reader thread starts or belong to one thread. */
+/* The connection handle. Fields marked KRO_GUARDED_BY (checked by clang)
+ * or "mutex" are guarded by mutex; the others are set before the reader
+ * thread starts, belong to one thread, or are atomic. */
 struct qel_hspace_struct {
     t_kro_str service_url;     /* our copy of the creation URL */
     t_kro_str service_name;    /* from the handshake reply; null until open */
@@ -121,13 +125,18 @@ struct qel_hspace_struct {
     t_qel_hspace_event_handler_func event_handler; /* set once by create */
     t_kro_socket socket;       /* the client socket */
     t_kro_buf readbuf;         /* received bytes; reader thread (or open) only */
-    t_kro_uint4 sno;           /* mutex: last correlation id drawn */
+    t_kro_uint4 sno KRO_GUARDED_BY(mutex); /* last correlation id drawn */
+    uint64_t seq KRO_GUARDED_BY(mutex); /* creation sequence number of the last request */
+    uint64_t send_next KRO_GUARDED_BY(mutex); /* next send ticket to hand out */
+    uint64_t send_turn KRO_GUARDED_BY(mutex); /* ticket of the write that may go out now */
     t_kro_llist reqtable;      /* mutex: outstanding requests, oldest first */
     t_kro_thread reader;       /* the reader thread; null until open */
     t_kro_mutex mutex;         /* the handle's one lock */
     t_kro_mutex mutex_close;   /* created and destroyed, never locked */
     t_kro_cond cond;           /* mutex: every synchronous waiter waits here */
-    t_kro_bool destroy;        /* reader thread only: release the handle as its last act */
+    t_kro_bool destroy KRO_GUARDED_BY(mutex); /* release the handle as the reader thread's last act */
+    std::atomic<t_kro_bool> closing; /* an application thread's close has cut the socket */
+    std::atomic<int> closers;  /* application threads inside close */
     std::atomic<t_qel_hspace_state> state; /* written under mutex (or before the reader starts), read anywhere */
 };
 

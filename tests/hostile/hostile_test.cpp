@@ -1,0 +1,422 @@
+/*
+ * hostile_test.cpp - a broken or hostile service against the client: every
+ * answer the client waits for cut at every byte offset, garbage and lying
+ * lengths, a service that stops reading or stalls half-way while another
+ * thread closes, one that sends a flood while the client writes a large
+ * request, the open bound, a cancel answered before a later post of its
+ * key, and destroy from a callback during another thread's close. Every
+ * call returns, statuses and events are the defined ones: exactly one link
+ * failure when the link fails, none on a close.
+ */
+#include <algorithm>
+#include <memory>
+#include <sstream>
+
+#include "client_harness.h"
+#include "qel_hspacep.h"
+
+namespace hostile {
+using namespace hspace::test;
+namespace {
+
+using Packets = std::vector<std::string>; // one encoded packet each
+
+std::string Reply(uint32_t corrid, uint32_t status = 0)
+{
+    std::string s;
+    codec::encode_reply(s, corrid, status);
+    return s;
+}
+
+std::string Object(uint32_t corrid, uint8_t opcode, const std::string &key, const std::string &value, uint32_t count,
+                   uint32_t num)
+{
+    std::string s;
+    codec::encode_object(s, corrid, opcode, key, value, count, num);
+    return s;
+}
+
+std::string Notification(const std::string &key, uint8_t trigger, const std::string &value)
+{
+    std::string s;
+    codec::encode_notification(s, key, trigger, value);
+    return s;
+}
+
+void Put32(std::string &s, size_t off, uint32_t v)
+{
+    for (int i = 0; i < 4; i++) s[off + i] = static_cast<char>(v >> (24 - 8 * i));
+}
+
+// The events as one line: "get:0:key" (reply-image with object), "get:18"
+// (without), "image:...", "note:key", "fail:1003".
+std::string Signature(const std::vector<Event> &events)
+{
+    std::ostringstream s;
+    for (const Event &e : events) {
+        switch (e.type) {
+        case HSPACE_EVENT_GET_REPLY: s << "get:" << e.status; break;
+        case HSPACE_EVENT_POST_IMAGE: s << "image:" << e.status; break;
+        case HSPACE_EVENT_POST_NOTIFICATION: s << "note"; break;
+        default: s << "fail:" << e.status; break;
+        }
+        if (e.has_object) s << ":" << e.object_key;
+        s << " ";
+    }
+    return s.str();
+}
+
+// Closes and destroys the Client's handle (the reader thread is joined, so
+// every event is recorded) and returns the events' signature.
+std::string Finish(Client &c)
+{
+    EXPECT_EQ(0u, qel_hspace_close(c.h));
+    {
+        std::lock_guard<std::mutex> lock(g_registry_mutex);
+        g_registry.erase(c.h);
+    }
+    EXPECT_EQ(0u, qel_hspace_destroy(&c.h));
+    return Signature(c.events.events());
+}
+
+class Hostile : public LibraryTest {
+protected:
+    FakeService svc; // the service, one connection per case
+};
+
+// One kind of answer, cut short: call is the waiting call, answer the whole
+// answer to its request, expect the result and the events' signature when
+// only the first `whole` packets arrived before the end of stream.
+struct CutCase {
+    const char *what;
+    std::function<t_kro_error(Client &, ObjectList &)> call;
+    std::function<Packets(const Packet &)> answer;
+    std::function<std::pair<t_kro_error, std::string>(size_t whole)> expect;
+};
+
+TEST_F(Hostile, EveryAnswerCutAtEveryByteOffset)
+{
+    const t_kro_error closed = KRO_ERR_PEER_CLOSED;
+    const std::string fail = "fail:1003 ";
+    auto objects = [](uint8_t op, const char *prefix, uint32_t n) {
+        return [=](const Packet &p) {
+            Packets out;
+            if (op == codec::kOpPost) out.push_back(Reply(p.rr->corrid));
+            for (uint32_t i = 1; i <= n; i++)
+                out.push_back(Object(p.rr->corrid, op, prefix + std::to_string(i), std::string(i * 7, 'v'), n, i));
+            return out;
+        };
+    };
+    // The events of a reply-image answer of which `got` objects arrived.
+    auto images = [](const char *kind, const char *prefix, size_t got, size_t n) {
+        std::string s;
+        for (size_t i = 1; i <= got; i++) s += std::string(kind) + ":0:" + prefix + std::to_string(i) + " ";
+        return got < n ? s + kind + ":1003 " : s;
+    };
+    std::vector<CutCase> cases = {
+        {"status reply",
+         [](Client &c, ObjectList &) {
+             UserObject o("k", "v");
+             return qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0);
+         },
+         [](const Packet &p) { return Packets{Reply(p.rr->corrid)}; },
+         [&](size_t) { return std::make_pair(closed, fail); }},
+        {"multi-object get answer",
+         [](Client &c, ObjectList &list) { return qel_hspace_get(c.h, "g", nullptr, HSPACE_GET_SYNC, 0, 0, list); },
+         objects(codec::kOpGet, "g", 3), [&](size_t) { return std::make_pair(closed, fail); }},
+        {"asynchronous get answer",
+         [](Client &c, ObjectList &) { return qel_hspace_get(c.h, "a", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); },
+         objects(codec::kOpGet, "a", 3),
+         [&](size_t whole) { return std::make_pair(0u, images("get", "a", whole, 3) + fail); }},
+        {"subscription image",
+         [](Client &c, ObjectList &) { return qel_hspace_post(c.h, "s", nullptr, HSPACE_POST_SYNC, 1, 0); },
+         objects(codec::kOpPost, "s", 2),
+         [&](size_t whole) {
+             if (whole == 0) return std::make_pair(closed, fail);
+             return std::make_pair(0u, images("image", "s", whole - 1, 2) + fail);
+         }},
+        {"notification",
+         [](Client &c, ObjectList &) {
+             return qel_hspace_post(c.h, "n", nullptr, HSPACE_POST_SYNC, 1, HSPACE_POST_FLAG_NO_IMAGE);
+         },
+         [](const Packet &p) { return Packets{Reply(p.rr->corrid), Notification("n", 1, "x"), Notification("n", 2, "")}; },
+         [&](size_t whole) {
+             if (whole == 0) return std::make_pair(closed, fail);
+             return std::make_pair(0u, std::string(whole > 1 ? "note:n " : "") + fail);
+         }},
+    };
+    for (const CutCase &k : cases) {
+        for (size_t cut = 0;; cut++) {
+            SCOPED_TRACE(std::string(k.what) + " cut after " + std::to_string(cut) + " bytes");
+            Client c(svc);
+            ASSERT_TRUE(c.open());
+            ObjectList list;
+            Call call([&] { return k.call(c, list); });
+            Packet p = c.conn.next_packet();
+            ASSERT_TRUE(p.rr);
+            Packets answer = k.answer(p);
+            std::string bytes;
+            size_t whole = 0;
+            for (const std::string &a : answer) {
+                bytes += a;
+                if (bytes.size() <= cut) whole++;
+            }
+            if (cut >= bytes.size()) { // every offset done: let the call end
+                c.conn.send_raw(bytes);
+                call.result();
+                break;
+            }
+            c.conn.send_raw(bytes.substr(0, cut));
+            c.conn.close();
+            auto expected = k.expect(whole);
+            EXPECT_EQ(expected.first, call.result());
+            // The objects that arrived before the cut are the caller's.
+            EXPECT_EQ(strcmp(k.what, "multi-object get answer") == 0 ? whole : 0u, list->num_elements);
+            ASSERT_TRUE(c.events.wait_count(std::count(expected.second.begin(), expected.second.end(), ' ')));
+            EXPECT_EQ(HSPACE_STATE_FAILED, State(c.h));
+            EXPECT_EQ(expected.second, Finish(c));
+            watchdog_.Kick();
+        }
+    }
+}
+
+TEST_F(Hostile, HandshakeReplyCutAtEveryByteOffsetThenAWholeOne)
+{
+    std::string reply;
+    codec::encode_handshake_reply(reply, 1, 5, "fake");
+    Client c(svc);
+    for (size_t cut = 0; cut < reply.size(); cut++) {
+        SCOPED_TRACE(cut);
+        svc.serve([&](FakeConnection &conn) {
+            conn.expect_handshake();
+            conn.send_raw(reply.substr(0, cut));
+            conn.close();
+        });
+        EXPECT_EQ(KRO_ERR_PEER_CLOSED, qel_hspace_open(c.h));
+        ASSERT_TRUE(svc.join());
+        EXPECT_EQ(HSPACE_STATE_INIT, State(c.h));
+    }
+    ASSERT_TRUE(c.open());
+    EXPECT_EQ("", Finish(c));
+}
+
+// Bytes that follow the packet rules only in part, sent while a
+// synchronous get waits; the service keeps the connection open. Invalid
+// framing ends the link with 1006 at once, a lying length that the bytes do
+// not yet disprove waits for them and ends with the end of stream, and a
+// well-framed packet the client cannot use is dropped: the get then takes
+// the genuine reply sent after it.
+TEST_F(Hostile, GarbageAndLyingLengths)
+{
+    enum Ending { kInvalid, kEndOfStream, kDropped };
+    struct Case {
+        const char *what;
+        std::function<std::string(uint32_t corrid)> bytes;
+        Ending ending;
+    };
+    auto mutated = [](size_t off, uint32_t value, std::string tail = "") {
+        return [=](uint32_t corrid) {
+            std::string s = Reply(corrid);
+            Put32(s, off, value);
+            return s + tail;
+        };
+    };
+    std::vector<Case> cases = {
+        {"bad magic", mutated(0, 0xBADCAE01u), kInvalid},
+        {"bad version", mutated(0, 0xBADCAD02u), kInvalid},
+        {"wirelen below the header", mutated(4, 31), kInvalid},
+        {"wirelen over 1 GiB", mutated(4, (1u << 30) + 1), kInvalid},
+        {"section length below 8", mutated(36, 7), kInvalid},
+        {"section past wirelen", mutated(36, 1000), kInvalid},
+        {"sections end short of wirelen", mutated(4, 72, std::string(8, '\0')), kInvalid},
+        {"random bytes", [](uint32_t) {
+             std::string s(64, '\0');
+             uint64_t x = 0x9E3779B97F4A7C15ull;
+             for (char &ch : s) ch = static_cast<char>((x = x * 6364136223846793005ull + 1) >> 56);
+             s[0] = 0x11;
+             return s;
+         }, kInvalid},
+        {"1 GiB claimed, 64 bytes sent", [](uint32_t corrid) {
+             std::string s = Reply(corrid);
+             Put32(s, 4, 1u << 30);
+             Put32(s, s.size() - 4, (1u << 30) - (uint32_t)(s.size() - 8));
+             return s;
+         }, kEndOfStream},
+        {"short rr subheader", [](uint32_t corrid) {
+             std::string s;
+             codec::put_header(s, 32 + 16 + 8, 0, 0, 1, codec::kTypeReply);
+             codec::put_preamble(s, codec::kTypeRr, 16);
+             s += std::string(4, '\0');
+             Put32(s, s.size() - 4, corrid);
+             s += std::string(4, '\0');
+             codec::put_preamble(s, codec::kTypeReply, 8);
+             return s;
+         }, kDropped},
+        {"key longer than its subheader", [](uint32_t corrid) {
+             std::string s = Object(corrid, codec::kOpGet, "key", "v", 1, 1);
+             s[32 + 20] = 0x7F; // the hspace subheader's key length
+             return s;
+         }, kDropped},
+        {"unknown correlation id", [](uint32_t corrid) { return Reply(corrid + 1000, 5); }, kDropped},
+    };
+    for (const Case &k : cases) {
+        SCOPED_TRACE(k.what);
+        Client c(svc);
+        ASSERT_TRUE(c.open());
+        ObjectList list;
+        Call get([&] { return qel_hspace_get(c.h, "k", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
+        Packet p = c.conn.next_packet();
+        ASSERT_TRUE(p.rr);
+        c.conn.send_raw(k.bytes(p.rr->corrid));
+        if (k.ending == kDropped) c.conn.reply(p.rr->corrid, 0);
+        if (k.ending == kEndOfStream) c.conn.close();
+        t_kro_error link = k.ending == kInvalid ? KRO_ERR_INVALID_PACKET : KRO_ERR_PEER_CLOSED;
+        EXPECT_EQ(k.ending == kDropped ? 0u : link, get.result());
+        EXPECT_EQ(0u, list->num_elements);
+        if (k.ending != kDropped) {
+            ASSERT_TRUE(c.events.wait_count(1));
+        }
+        EXPECT_EQ(k.ending == kDropped ? "" : "fail:" + std::to_string(link) + " ", Finish(c));
+    }
+}
+
+// A service that never reads: a large put blocks in its write, and a close
+// from another thread cuts it short (18), without a link failure.
+TEST_F(Hostile, CloseCutsAWriteBlockedOnAServiceThatDoesNotRead)
+{
+    for (t_qel_hspace_put_semantic sem : {HSPACE_PUT_NOREPLY, HSPACE_PUT_SYNC}) {
+        SCOPED_TRACE(sem);
+        Client c(svc);
+        ASSERT_TRUE(c.open());
+        UserObject big("big", std::string(16u << 20, 'x'));
+        Call put([&] { return qel_hspace_put(c.h, big.obj, sem, 0); });
+        ASSERT_TRUE(c.conn.wait_readable()); // the write has begun; nothing is read
+        EXPECT_EQ(0u, Bounded([&] { return qel_hspace_close(c.h); }));
+        EXPECT_EQ(KRO_ERR_CLOSED, put.result());
+        EXPECT_EQ(HSPACE_STATE_CLOSED, State(c.h));
+        EXPECT_EQ("", Finish(c));
+    }
+}
+
+// A service that writes a large answer before it reads, while the client
+// writes a large put: the reader thread keeps reading during the write, so
+// neither side stays blocked.
+TEST_F(Hostile, ALargeAnswerAndALargePutCrossEachOther)
+{
+    Client c(svc);
+    ASSERT_TRUE(c.open());
+    ASSERT_EQ(0u, Bounded([&] { return qel_hspace_get(c.h, "flood", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); }));
+    Packet get = c.conn.next_packet();
+    ASSERT_TRUE(get.rr);
+    UserObject big("big", std::string(16u << 20, 'x'));
+    Call put([&] { return qel_hspace_put(c.h, big.obj, HSPACE_PUT_SYNC, 0); });
+    ASSERT_TRUE(c.conn.wait_readable());
+    const uint32_t n = 256;
+    Pairs kv(n, {"flood", std::string(64u << 10, 'f')});
+    ASSERT_TRUE(c.conn.objects(get.rr->corrid, codec::kOpGet, kv)); // 16 MiB, written before reading
+    Packet p = c.conn.next_packet();
+    ASSERT_TRUE(p.rr);
+    EXPECT_EQ(16u << 20, p.body.size());
+    c.conn.reply(p.rr->corrid, 0);
+    EXPECT_EQ(0u, put.result());
+    ASSERT_TRUE(c.events.wait_count(n));
+    EXPECT_EQ(n, c.events.events().back().index);
+    Finish(c);
+}
+
+// A service that stops half-way through an answer and holds the connection:
+// a close from another thread ends the waiting get and the asynchronous one
+// with 18, and no link failure is reported.
+TEST_F(Hostile, StalledHalfWayWhileAnotherThreadCloses)
+{
+    Client c(svc);
+    ASSERT_TRUE(c.open());
+    ASSERT_EQ(0u, Bounded([&] { return qel_hspace_get(c.h, "a", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); }));
+    c.conn.next_packet();
+    ObjectList list;
+    Call get([&] { return qel_hspace_get(c.h, "g", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
+    Packet p = c.conn.next_packet();
+    ASSERT_TRUE(p.rr);
+    std::string answer = Object(p.rr->corrid, codec::kOpGet, "g", "v", 2, 1) + Object(p.rr->corrid, codec::kOpGet, "g", "w", 2, 2);
+    c.conn.send_raw(answer.substr(0, answer.size() / 2 + 3));
+    EXPECT_EQ(0u, Bounded([&] { return qel_hspace_close(c.h); }));
+    EXPECT_EQ(KRO_ERR_CLOSED, get.result());
+    EXPECT_EQ(HSPACE_STATE_CLOSED, State(c.h));
+    EXPECT_EQ("get:18 ", Finish(c));
+}
+
+// A service that accepts and never answers the handshake, or stops half-way
+// through it: a bounded open gives up with 1009, leaving the handle in
+// HSPACE_STATE_INIT, and a later open succeeds.
+TEST_F(Hostile, OpenGivesUpOnASilentServiceAndMayBeRetried)
+{
+    std::string reply;
+    codec::encode_handshake_reply(reply, 1, 5, "fake");
+    Client c(svc);
+    for (size_t sent : {size_t(0), reply.size() / 2}) {
+        Signal done;
+        svc.serve([&](FakeConnection &conn) {
+            conn.expect_handshake();
+            conn.send_raw(reply.substr(0, sent));
+            done.wait();
+        });
+        EXPECT_EQ(KRO_ERR_TIMEOUT, qel_hspace_open_timed(c.h, 200));
+        EXPECT_EQ(HSPACE_STATE_INIT, State(c.h));
+        done.raise();
+        ASSERT_TRUE(svc.join());
+    }
+    ASSERT_TRUE(c.open());
+    EXPECT_EQ(HSPACE_STATE_OPEN, State(c.h));
+    EXPECT_EQ("", Finish(c));
+}
+
+// cancel("k") is sent, then post("k"); the service answers in order. The
+// cancel is not the later post's business: the post keeps its record, its
+// image and its notifications, and a second post is refused locally.
+TEST_F(Hostile, ACancelSentBeforeAPostLeavesThatPostsSubscription)
+{
+    Client c(svc);
+    ASSERT_TRUE(c.open());
+    Call cancel([&] { return qel_hspace_cancel(c.h, "k", HSPACE_CANCEL_SYNC, 0); });
+    Packet q = c.conn.next_packet();
+    Call post([&] { return qel_hspace_post(c.h, "K", nullptr, HSPACE_POST_SYNC, 1, 0); });
+    Packet p = c.conn.next_packet();
+    ASSERT_TRUE(q.rr && p.rr);
+    ASSERT_EQ(codec::kOpCancel, q.hspace->opcode);
+    c.conn.batch();
+    c.conn.reply(q.rr->corrid, KRO_ERR_NO_MATCH);
+    c.conn.reply(p.rr->corrid, 0);
+    ASSERT_TRUE(c.conn.flush());
+    EXPECT_EQ(KRO_ERR_NO_MATCH, cancel.result());
+    EXPECT_EQ(0u, post.result());
+    c.conn.objects(p.rr->corrid, codec::kOpPost, {{"k", "image"}});
+    c.conn.notify("k", 1, "changed");
+    ASSERT_TRUE(c.events.wait_count(2));
+    EXPECT_EQ(KRO_ERR_EXISTS, Bounded([&] { return qel_hspace_post(c.h, "k", nullptr, HSPACE_POST_SYNC, 1, 0); }));
+    EXPECT_EQ(1, RequestCount(c.h));
+    EXPECT_EQ("image:0:k note:k ", Finish(c));
+}
+
+// With an asynchronous get outstanding, the main thread closes; the get's
+// 18 event runs while close is under way, and a destroy there is refused
+// with 13 and changes nothing; the closing thread destroys the handle.
+TEST_F(Hostile, DestroyFromACallbackDuringAnotherThreadsCloseIsRefused)
+{
+    for (int round = 0; round < 20; round++) {
+        Client c(svc);
+        ASSERT_TRUE(c.open());
+        std::atomic<t_kro_error> destroyed{0};
+        c.events.set_hook([&](t_qel_hspace h, const Event &) {
+            t_qel_hspace copy = h;
+            destroyed = qel_hspace_destroy(&copy);
+            EXPECT_EQ(h, copy);
+        });
+        ASSERT_EQ(0u, Bounded([&] { return qel_hspace_get(c.h, "a", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); }));
+        EXPECT_EQ(0u, qel_hspace_close(c.h));
+        EXPECT_EQ(KRO_ERR_INVALID_STATE, destroyed.load());
+        EXPECT_EQ("get:18 ", Finish(c));
+    }
+}
+
+} // namespace
+} // namespace hostile
