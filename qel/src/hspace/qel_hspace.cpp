@@ -14,6 +14,7 @@
  * reader thread. No callback runs with `mutex` held.
  */
 #include <arpa/inet.h>
+#include <ctype.h>
 #include <string.h>
 #include <strings.h>
 
@@ -640,8 +641,119 @@ static t_kro_error qel_hspace_socket_create(t_kro_str url, t_kro_socket *socket)
 
 /* ======================================================================
  * Request table. Every function here is called with the handle's mutex
- * held and takes no lock itself.
+ * held and takes no lock itself. The list reqtable is the record of
+ * creation order; two hash indexes beside it find a record by corrid and a
+ * post by its case-folded key in constant expected time. A record is in
+ * the list and in its indexes together: linked by qel_hspace_request_link,
+ * removed by qel_hspace_request_unlink.
  * ====================================================================== */
+
+/* The hash of key with letter case folded as strcasecmp folds it. */
+static t_kro_uint4 qel_hspace_key_hash(t_kro_str key)
+{
+    t_kro_uint4 h = 2166136261u;
+    for (const unsigned char *p = (const unsigned char *)key; *p != '\0'; p++)
+        h = (h ^ (t_kro_uint4)tolower(*p)) * 16777619u;
+    return h ^ (h >> 15);
+}
+
+/* The hash a record is filed under in index: its corrid, or its key's. */
+static t_kro_uint4 qel_hspace_index_hash(t_qel_hspace hspace, const struct qel_hspace_request_index *index,
+                                         t_qel_hspace_request request)
+{
+    return index == &hspace->corrid_index ? request->corrid : request->key_hash;
+}
+
+/* The link field that threads index's chains through a record. */
+static t_qel_hspace_request *qel_hspace_index_link(t_qel_hspace hspace, const struct qel_hspace_request_index *index,
+                                                   t_qel_hspace_request request)
+{
+    return index == &hspace->corrid_index ? &request->corrid_next : &request->key_next;
+}
+
+/* Appends request at the end of its chain, keeping each chain in creation
+ * order. Does not count it. */
+static void qel_hspace_index_chain_append(t_qel_hspace hspace, struct qel_hspace_request_index *index,
+                                          t_qel_hspace_request request)
+{
+    t_qel_hspace_request *slot = &index->buckets[qel_hspace_index_hash(hspace, index, request) & index->mask];
+    while (*slot != NULL) slot = qel_hspace_index_link(hspace, index, *slot);
+    *slot = request;
+    *qel_hspace_index_link(hspace, index, request) = NULL;
+}
+
+/* Makes room for one more record: the first use takes the inline buckets;
+ * when the records would outnumber the buckets, the index moves to twice
+ * as many heap buckets and refiles every record in reqtable's order. */
+static void qel_hspace_index_reserve(t_qel_hspace hspace, struct qel_hspace_request_index *index)
+{
+    t_qel_hspace_request *grown;
+    t_kro_uint4 size;
+    if (index->buckets == NULL) {
+        index->buckets = index->inline_buckets;
+        index->mask = HSPACE_INDEX_INLINE_BUCKETS - 1;
+    }
+    if (index->count < index->mask + 1) return;
+    KRO_CHECK(index->mask < 0x7FFFFFFFu);
+    size = (index->mask + 1) * 2;
+    KRO_ALLOC_RECORD(size * (t_kro_uint4)sizeof(t_qel_hspace_request), &grown, 1);
+    if (index->buckets != index->inline_buckets) KRO_CHECK(kro_mm_free(&index->buckets) == 0);
+    index->buckets = grown;
+    index->mask = size - 1;
+    for (t_kro_ptr n = kro_llist_first(hspace->reqtable); n != NULL; n = kro_llist_next(hspace->reqtable, n)) {
+        t_qel_hspace_request request = (t_qel_hspace_request)n;
+        if (index == &hspace->corrid_index || request->opcode == HSPACE_OPCODE_POST)
+            qel_hspace_index_chain_append(hspace, index, request);
+    }
+}
+
+static void qel_hspace_index_insert(t_qel_hspace hspace, struct qel_hspace_request_index *index,
+                                    t_qel_hspace_request request)
+{
+    qel_hspace_index_reserve(hspace, index);
+    qel_hspace_index_chain_append(hspace, index, request);
+    index->count++;
+}
+
+/* Takes request (filed in index) out of its chain; the last record out
+ * gives back the heap buckets. */
+static void qel_hspace_index_remove(t_qel_hspace hspace, struct qel_hspace_request_index *index,
+                                    t_qel_hspace_request request)
+{
+    t_qel_hspace_request *slot = &index->buckets[qel_hspace_index_hash(hspace, index, request) & index->mask];
+    while (*slot != request) {
+        KRO_CHECK(*slot != NULL);
+        slot = qel_hspace_index_link(hspace, index, *slot);
+    }
+    *slot = *qel_hspace_index_link(hspace, index, request);
+    index->count--;
+    if (index->count == 0 && index->buckets != index->inline_buckets) {
+        KRO_CHECK(kro_mm_free(&index->buckets) == 0);
+        index->buckets = index->inline_buckets;
+        index->mask = HSPACE_INDEX_INLINE_BUCKETS - 1;
+        memset(index->inline_buckets, 0, sizeof index->inline_buckets);
+    }
+}
+
+/* Appends request to reqtable and files it in the indexes. */
+static void qel_hspace_request_link(t_qel_hspace hspace, t_qel_hspace_request request)
+{
+    qel_hspace_index_insert(hspace, &hspace->corrid_index, request);
+    if (request->opcode == HSPACE_OPCODE_POST) {
+        request->key_hash = qel_hspace_key_hash(request->key);
+        qel_hspace_index_insert(hspace, &hspace->key_index, request);
+    }
+    kro_llist_append(hspace->reqtable, request);
+}
+
+/* Takes a linked request out of reqtable and the indexes. */
+static void qel_hspace_request_unlink(t_qel_hspace_request request)
+{
+    t_qel_hspace hspace = request->hspace;
+    kro_llist_remove(request);
+    qel_hspace_index_remove(hspace, &hspace->corrid_index, request);
+    if (request->opcode == HSPACE_OPCODE_POST) qel_hspace_index_remove(hspace, &hspace->key_index, request);
+}
 
 static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro_byte opcode, t_kro_str key,
                                                       t_kro_ptr urid, t_kro_buf buf, t_kro_bool dup_key,
@@ -667,23 +779,31 @@ static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro
     request->caller_waiting = async_reply ? 0 : 1;
     request->orphaned = 0;
     request->cancelled = 0;
+    request->corrid_next = NULL;
+    request->key_next = NULL;
+    request->key_hash = 0;
     if (!async_reply) {
-        t_qel_hspace_request_sync_ctx ctx;
-        KRO_ALLOC_RECORD(sizeof(struct qel_hspace_request_sync_ctx_struct), &request->sync_ctx, 0);
-        ctx = request->sync_ctx;
+        t_qel_hspace_request_sync_ctx ctx = &request->sync;
+        request->sync_ctx = ctx;
         ctx->complete = 0;
         ctx->error = 0;
         if (replies != NULL) {
             ctx->user_reply_list = 1;
             ctx->replies = replies;
         } else {
+            t_kro_llist own = &request->own_replies;
             ctx->user_reply_list = 0;
-            kro_llist_create(&ctx->replies);
+            own->head = own;
+            own->prev = (t_kro_llist_node)own;
+            own->next = (t_kro_llist_node)own;
+            own->num_elements = 0;
+            own->read_only = 0;
+            ctx->replies = own;
         }
     } else {
         request->sync_ctx = NULL;
     }
-    kro_llist_append(hspace->reqtable, request);
+    qel_hspace_request_link(hspace, request);
     return request;
 }
 
@@ -697,34 +817,34 @@ static t_kro_error qel_hspace_request_reply_wait(t_qel_hspace_request request)
     return request->sync_ctx->error;
 }
 
+/* The oldest record with corrid, or null. */
 static t_qel_hspace_request qel_hspace_request_get_by_corrid(t_qel_hspace hspace, t_kro_uint4 corrid)
 {
-    for (t_kro_ptr n = kro_llist_first(hspace->reqtable); n != NULL; n = kro_llist_next(hspace->reqtable, n)) {
-        t_qel_hspace_request request = (t_qel_hspace_request)n;
-        if (request->corrid == corrid) return request;
-    }
+    const struct qel_hspace_request_index *index = &hspace->corrid_index;
+    if (index->buckets == NULL) return NULL;
+    for (t_qel_hspace_request r = index->buckets[corrid & index->mask]; r != NULL; r = r->corrid_next)
+        if (r->corrid == corrid) return r;
     return NULL;
 }
 
+/* The oldest post whose key equals key regardless of letter case, or null. */
 static t_qel_hspace_request qel_hspace_request_get_post(t_qel_hspace hspace, t_kro_str key)
 {
-    for (t_kro_ptr n = kro_llist_first(hspace->reqtable); n != NULL; n = kro_llist_next(hspace->reqtable, n)) {
-        t_qel_hspace_request request = (t_qel_hspace_request)n;
-        if (request->opcode == HSPACE_OPCODE_POST && strcasecmp(request->key, key) == 0) return request;
-    }
+    const struct qel_hspace_request_index *index = &hspace->key_index;
+    t_kro_uint4 hash;
+    if (index->buckets == NULL) return NULL;
+    hash = qel_hspace_key_hash(key);
+    for (t_qel_hspace_request r = index->buckets[hash & index->mask]; r != NULL; r = r->key_next)
+        if (r->key_hash == hash && strcasecmp(r->key, key) == 0) return r;
     return NULL;
 }
 
 static void qel_hspace_request_destroy(t_qel_hspace_request *request)
 {
     t_qel_hspace_request r = *request;
-    if (r->head != NULL) kro_llist_remove(r);
+    if (r->head != NULL) qel_hspace_request_unlink(r);
     if (r->dup_key && r->key != NULL) KRO_CHECK(kro_mm_free(&r->key) == 0);
     if (r->buf != NULL) kro_buf_release(&r->buf);
-    if (r->sync_ctx != NULL) {
-        if (!r->sync_ctx->user_reply_list) kro_llist_destroy(&r->sync_ctx->replies);
-        KRO_CHECK(kro_mm_free(&r->sync_ctx) == 0);
-    }
     KRO_CHECK(kro_mm_free(request) == 0);
 }
 
@@ -735,7 +855,7 @@ static void qel_hspace_request_destroy(t_qel_hspace_request *request)
 static void qel_hspace_request_end(t_qel_hspace_request request)
 {
     if (request->caller_waiting) {
-        if (request->head != NULL) kro_llist_remove(request);
+        if (request->head != NULL) qel_hspace_request_unlink(request);
         request->orphaned = 1;
     } else {
         qel_hspace_request_destroy(&request);
@@ -796,7 +916,7 @@ static void qel_hspace_complete_sync_request(t_qel_hspace_request request, t_kro
     KRO_CHECK(request->sync_ctx != NULL);
     request->sync_ctx->complete = 1;
     request->sync_ctx->error = error;
-    if (remove && request->head != NULL) kro_llist_remove(request);
+    if (remove && request->head != NULL) qel_hspace_request_unlink(request);
     if (notify) kro_cond_notifyall(request->hspace->cond);
 }
 

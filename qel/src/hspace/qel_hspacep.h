@@ -77,6 +77,22 @@ struct qel_hspace_request_sync_ctx_struct {
 typedef struct qel_hspace_request_sync_ctx_struct *t_qel_hspace_request_sync_ctx;
 
 /* One outstanding request; every field is guarded by the handle's mutex. */
+struct qel_hspace_request;
+
+/* An intrusive hash index over the request table: buckets of singly linked
+ * chains threaded through a link field of the records, each chain in
+ * creation order. Starts on the inline buckets (no allocation while few
+ * records are outstanding), doubles onto the heap when the records
+ * outnumber the buckets, and returns to the inline buckets when the last
+ * record leaves. Guarded by the handle's mutex. */
+#define HSPACE_INDEX_INLINE_BUCKETS 16u
+struct qel_hspace_request_index {
+    struct qel_hspace_request **buckets; /* inline_buckets or a heap array; null until first used */
+    t_kro_uint4 mask;                    /* number of buckets - 1; a power of two minus one */
+    t_kro_uint4 count;                   /* records in the index */
+    struct qel_hspace_request *inline_buckets[HSPACE_INDEX_INLINE_BUCKETS];
+};
+
 struct qel_hspace_request {
     t_kro_llist_node next;            /* list links: the handle's reqtable */
     t_kro_llist_node prev;
@@ -89,7 +105,12 @@ struct qel_hspace_request {
     t_kro_bool dup_key;               /* key is our own copy */
     t_kro_str key;                    /* the key the request is about */
     t_kro_bool initial_image_complete; /* post: no further image object expected */
-    t_qel_hspace_request_sync_ctx sync_ctx; /* null exactly for an asynchronous get */
+    t_qel_hspace_request_sync_ctx sync_ctx; /* null exactly for an asynchronous get, else &sync */
+    struct qel_hspace_request_sync_ctx_struct sync; /* the wait context sync_ctx points at */
+    struct kro_llist own_replies;     /* the replies list when the caller gave none */
+    struct qel_hspace_request *corrid_next; /* chain link in the handle's corrid index */
+    struct qel_hspace_request *key_next;    /* chain link in the handle's key index (posts only) */
+    t_kro_uint4 key_hash;             /* hash of the case-folded key (posts only) */
     t_kro_bool caller_waiting;        /* the calling thread has not yet read the status */
     t_kro_bool orphaned;              /* ended while caller_waiting: the caller frees it */
     t_kro_bool cancelled;             /* post overtaken by a cancel before its own reply */
@@ -123,6 +144,8 @@ struct qel_hspace_struct {
     t_kro_buf readbuf;         /* received bytes; reader thread (or open) only */
     t_kro_uint4 sno;           /* mutex: last correlation id drawn */
     t_kro_llist reqtable;      /* mutex: outstanding requests, oldest first */
+    struct qel_hspace_request_index corrid_index; /* mutex: every record of reqtable by corrid */
+    struct qel_hspace_request_index key_index;    /* mutex: the posts of reqtable by case-folded key */
     t_kro_thread reader;       /* the reader thread; null until open */
     t_kro_mutex mutex;         /* the handle's one lock */
     t_kro_mutex mutex_close;   /* created and destroyed, never locked */
