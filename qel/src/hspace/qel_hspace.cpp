@@ -135,15 +135,28 @@ static t_kro_byte qel_hspace_pkt_get_triggers_from_hspace_subheader(t_kro_ptr su
     return ((const t_kro_byte *)subheader)[11];
 }
 
+/* The length of the subheader's key in bytes. */
+static t_kro_uint2 qel_hspace_pkt_get_key_len_from_hspace_subheader(t_kro_ptr subheader)
+{
+    return qel_hspace_pkt_rd16(subheader, 20);
+}
+
+/* Copies the subheader's key, NUL-terminated, to dest (room for its length
+ * plus one). */
+static void qel_hspace_pkt_copy_key_from_hspace_subheader(t_kro_ptr subheader, char *dest)
+{
+    t_kro_uint2 n = qel_hspace_pkt_get_key_len_from_hspace_subheader(subheader);
+    memcpy(dest, (const t_kro_byte *)subheader + HSPACE_PKT_HSPACE_FIXED_LEN, n);
+    dest[n] = '\0';
+}
+
 /* Stores a new NUL-terminated copy of the subheader's key into *key; the
  * caller owns it. */
-static void qel_hspace_pkt_get_key_from_hspace_subheader(t_kro_ptr subheader, t_kro_str *key)
+[[maybe_unused]] static void qel_hspace_pkt_get_key_from_hspace_subheader(t_kro_ptr subheader, t_kro_str *key)
 {
-    t_kro_uint2 n = qel_hspace_pkt_rd16(subheader, 20);
     char *copy = NULL;
-    KRO_CHECK(kro_mm_alloc((t_kro_uint4)n + 1, &copy, 0) == 0);
-    memcpy(copy, (const t_kro_byte *)subheader + HSPACE_PKT_HSPACE_FIXED_LEN, n);
-    copy[n] = '\0';
+    KRO_CHECK(kro_mm_alloc((t_kro_uint4)qel_hspace_pkt_get_key_len_from_hspace_subheader(subheader) + 1, &copy, 0) == 0);
+    qel_hspace_pkt_copy_key_from_hspace_subheader(subheader, copy);
     *key = copy;
 }
 
@@ -1000,24 +1013,38 @@ static void qel_hspace_complete_all_requests(t_qel_hspace hspace, t_kro_error st
  * survives.
  * ====================================================================== */
 
-/* Builds a library-owned object from a packet with an hspace subheader. */
+/* Builds a library-owned object from a packet with an hspace subheader, in
+ * two allocations: the record with its key behind it, and the value's
+ * buffer record with its bytes behind it (ptr into the same block, so
+ * wrapped: releasing the record frees both). */
 static void qel_hspace_object_create_from_packet(t_qel_hspace_packet packet, t_qel_hspace_object *object)
 {
+    t_kro_ptr hs = packet->subheaders[HSPACE_BODY_HSPACE];
     t_qel_hspace_object o;
     t_kro_uint4 data_len;
-    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_object_struct), object, 0);
+    char *key;
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_object_struct) + qel_hspace_pkt_get_key_len_from_hspace_subheader(hs) + 1,
+                     object, 0);
     o = *object;
     kro_llist_node_init(o);
     o->user_created = 0;
-    o->key = NULL;
-    qel_hspace_pkt_get_key_from_hspace_subheader(packet->subheaders[HSPACE_BODY_HSPACE], &o->key);
+    key = (char *)(o + 1);
+    qel_hspace_pkt_copy_key_from_hspace_subheader(hs, key);
+    o->key = key;
     data_len = qel_hspace_pkt_get_body_len_from_body(packet->body) - HSPACE_PKT_PREAMBLE_LEN;
     if (data_len == 0) {
         o->data.buf = NULL;
     } else {
-        kro_buf_create(&o->data.buf, data_len, 0);
-        memcpy((t_kro_byte *)o->data.buf->ptr + o->data.buf->pos,
-               (const t_kro_byte *)packet->body + HSPACE_PKT_PREAMBLE_LEN, data_len);
+        t_kro_buf buf;
+        KRO_ALLOC_RECORD(sizeof(struct kro_buf) + data_len, &o->data.buf, 0);
+        buf = o->data.buf;
+        buf->refcount = 1;
+        buf->wrapped = 1;
+        buf->size = data_len;
+        buf->pos = 0;
+        buf->lim = data_len;
+        buf->ptr = buf + 1;
+        memcpy(buf->ptr, (const t_kro_byte *)packet->body + HSPACE_PKT_PREAMBLE_LEN, data_len);
     }
 }
 
@@ -1369,7 +1396,7 @@ extern "C" KRO_API t_kro_error qel_hspace_object_destroy(t_qel_hspace_object *ob
     if (object == NULL || *object == NULL) return KRO_ERR_INVALID_ARG;
     o = *object;
     if (!o->user_created) {
-        if (o->key != NULL) KRO_CHECK(kro_mm_free(&o->key) == 0);
+        /* A library-made object's key lives in the record's own block. */
         if (o->data.buf != NULL) kro_buf_release(&o->data.buf);
     }
     KRO_CHECK(kro_mm_free(object) == 0);

@@ -118,7 +118,7 @@ struct qel_hspace_request {
 typedef struct qel_hspace_request *t_qel_hspace_request;
 
 /* A keyed object. Application-made objects borrow key and buffer; library-
- * made objects own both. */
+ * made objects own both, the key's bytes following the record in its block. */
 struct qel_hspace_object_struct {
     t_kro_llist_node next;    /* list links (a synchronous get's result list) */
     t_kro_llist_node prev;
