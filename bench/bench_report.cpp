@@ -2,16 +2,23 @@
  * bench_report.cpp - the library's figures for scripts/bench: the network
  * floors, then the library against the reference service on loopback.
  *
- * The service (and the floors' echo peer) runs in a child process forked
+ * The service (with the floors' echo peer and a responder) runs in a child
+ * process forked
  * before any thread exists, so getrusage(RUSAGE_SELF) in this process is
  * the client's CPU time alone: the calling threads and the reader threads.
  *
  * Prints one row per figure on standard output, tab-separated:
  *   key  section  label  value  unit  cpu_us_per_op  ref_key  goal
+ * The responder answers every request at once, in constant time (a get with
+ * one object of 64 bytes, anything else with success), so figures taken
+ * against it show the library's own costs apart from the service's.
+ *
  * cpu_us_per_op, ref_key and goal are "-" when they do not apply; a row's
  * ratio is value / value(ref_key). Progress goes to standard error.
  *
- *   bench_report [--quick]     (--quick: a tenth of the iterations)
+ *   bench_report [--quick] [--only GROUP]
+ * --quick runs a tenth of the iterations; --only runs one group of figures:
+ * floors, sync, async, threads, subs or fanout.
  */
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -34,6 +41,7 @@
 #include <thread>
 #include <vector>
 
+#include "hspace_codec.h"
 #include "qel_hspace.h"
 #include "server.h"
 
@@ -126,6 +134,38 @@ void EchoConnection(int fd)
     close(fd);
 }
 
+void RespondConnection(int fd)
+{
+    namespace codec = hspace::codec;
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    std::string in, out, value(64, 'v');
+    std::vector<char> buf(1 << 16);
+    for (;;) {
+        ssize_t r = read(fd, buf.data(), buf.size());
+        if (r <= 0) break;
+        in.append(buf.data(), static_cast<size_t>(r));
+        size_t off = 0;
+        out.clear();
+        for (;;) {
+            codec::FrameResult f = codec::frame(reinterpret_cast<const uint8_t *>(in.data()) + off, in.size() - off);
+            if (f.status == codec::FrameStatus::Invalid) return (void)close(fd);
+            if (f.status != codec::FrameStatus::Complete) break;
+            codec::Packet p;
+            if (!codec::decode(reinterpret_cast<const uint8_t *>(in.data()) + off, f.wirelen, p))
+                return (void)close(fd);
+            off += f.wirelen;
+            if (p.handshake_request) codec::encode_handshake_reply(out, 1, 1, "responder");
+            else if (p.rr && p.hspace && p.hspace->opcode == codec::kOpGet)
+                codec::encode_object(out, p.rr->corrid, codec::kOpGet, p.hspace->key, value, 1, 1);
+            else if (p.rr) codec::encode_reply(out, p.rr->corrid, 0);
+        }
+        in.erase(0, off);
+        if (!out.empty() && !WriteFull(fd, out.data(), out.size())) break;
+    }
+    close(fd);
+}
+
 int Listen(uint16_t *port)
 {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -144,7 +184,7 @@ int Listen(uint16_t *port)
 struct Peer {
     pid_t pid = -1;
     int pipe_fd = -1;
-    uint16_t service_port = 0, echo_port = 0;
+    uint16_t service_port = 0, echo_port = 0, responder_port = 0;
 
     bool start()
     {
@@ -156,17 +196,18 @@ struct Peer {
             close(up[0]);
             close(down[1]);
             hspace::service::Server server;
-            uint16_t ports[2] = {0, 0};
-            int lfd = Listen(&ports[1]);
-            if (lfd < 0 || !server.start()) _exit(1);
+            uint16_t ports[3] = {0, 0, 0};
+            int lfd = Listen(&ports[1]), rfd = Listen(&ports[2]);
+            if (lfd < 0 || rfd < 0 || !server.start()) _exit(1);
             ports[0] = server.port();
-            std::thread([lfd] {
-                for (;;) {
-                    int c = accept(lfd, nullptr, nullptr);
-                    if (c < 0) return;
-                    std::thread(EchoConnection, c).detach();
-                }
-            }).detach();
+            for (auto serve : {std::make_pair(lfd, EchoConnection), std::make_pair(rfd, RespondConnection)})
+                std::thread([serve] {
+                    for (;;) {
+                        int c = accept(serve.first, nullptr, nullptr);
+                        if (c < 0) return;
+                        std::thread(serve.second, c).detach();
+                    }
+                }).detach();
             WriteFull(up[1], ports, sizeof ports);
             char b;
             while (read(down[0], &b, 1) > 0) {
@@ -177,11 +218,12 @@ struct Peer {
         close(up[1]);
         close(down[0]);
         pipe_fd = down[1];
-        uint16_t ports[2];
+        uint16_t ports[3];
         if (!ReadFull(up[0], ports, sizeof ports)) return false;
         close(up[0]);
         service_port = ports[0];
         echo_port = ports[1];
+        responder_port = ports[2];
         return true;
     }
     void stop()
@@ -456,7 +498,7 @@ void ThroughputFigures(const std::string &url)
 /* Get latency and post cost with 0 / 1k / 10k / 100k live subscriptions on
  * the handle. A post's cost is the mean of a few hundred posts, cancelled
  * again untimed so the count stays as stated. */
-void SubscriptionFigures(const std::string &url)
+void SubscriptionFigures(const std::string &url, const std::string &tag, const std::string &section)
 {
     t_qel_hspace h = OpenHandle(url);
     Value v("bench/sub", 64);
@@ -472,16 +514,16 @@ void SubscriptionFigures(const std::string &url)
         double us, cpu;
         GetLatency(h, "bench/sub", gets, &us, &cpu);
         std::string n = std::to_string(level);
-        Row("lib.subs.get." + n, "Subscriptions on the handle", "synchronous get with " + n + " subscriptions", us,
-            "us", cpu, "lib.subs.get.0", level == 0 ? "-" : "<= 1.10");
+        Row(tag + ".get." + n, section, "synchronous get with " + n + " subscriptions", us, "us", cpu,
+            tag + ".get.0", level == 0 ? "-" : "<= 1.10");
         Meter m;
         for (long i = 0; i < posts; i++) {
             snprintf(key, sizeof key, "probe/%ld", i);
             qel_hspace_post(h, key, nullptr, HSPACE_POST_SYNC, 3, HSPACE_POST_FLAG_NO_IMAGE);
         }
         double wall = m.wall(), pcpu = m.cpu();
-        Row("lib.subs.post." + n, "Subscriptions on the handle", "one post with " + n + " subscriptions",
-            wall / posts * 1e6, "us", pcpu / posts * 1e6, "lib.subs.post.0", level == 0 ? "-" : "<= 1.10");
+        Row(tag + ".post." + n, section, "one post with " + n + " subscriptions", wall / posts * 1e6, "us",
+            pcpu / posts * 1e6, tag + ".post.0", level == 0 ? "-" : "<= 1.10");
         for (long i = 0; i < posts; i++) {
             snprintf(key, sizeof key, "probe/%ld", i);
             qel_hspace_cancel(h, key, HSPACE_CANCEL_SYNC, 0);
@@ -527,13 +569,18 @@ void FanoutFigures(const std::string &url)
 
 int main(int argc, char **argv)
 {
+    std::string only;
     for (int i = 1; i < argc; i++) {
-        if (strcmp(argv[i], "--quick") == 0) g_scale = 0.1;
-        else {
-            fprintf(stderr, "usage: bench_report [--quick]\n");
+        if (strcmp(argv[i], "--quick") == 0) {
+            g_scale = 0.1;
+        } else if (strcmp(argv[i], "--only") == 0 && i + 1 < argc) {
+            only = argv[++i];
+        } else {
+            fprintf(stderr, "usage: bench_report [--quick] [--only GROUP]\n");
             return 2;
         }
     }
+    auto runs = [&](const char *group) { return only.empty() || only == group; };
     signal(SIGPIPE, SIG_IGN);
     Peer peer;
     if (!peer.start()) {
@@ -542,17 +589,21 @@ int main(int argc, char **argv)
     }
     std::string url = "tcp://127.0.0.1:" + std::to_string(peer.service_port);
     qel_hspace_initialize(QEL_HSPACE_VERSION, 1);
-    fprintf(stderr, "floors\n");
-    FloorPingPong(peer.echo_port, 64, "64B", Iters(20000));
-    FloorPingPong(peer.echo_port, 4096, "4KiB", Iters(10000));
-    FloorPingPong(peer.echo_port, 1 << 20, "1MiB", Iters(300));
-    FloorOneWrite(peer.echo_port, Iters(200000));
-    fprintf(stderr, "library against hspaced\n");
-    SyncFigures(url);
-    AsyncFigure(url);
-    ThroughputFigures(url);
-    SubscriptionFigures(url);
-    FanoutFigures(url);
+    if (runs("floors")) {
+        FloorPingPong(peer.echo_port, 64, "64B", Iters(20000));
+        FloorPingPong(peer.echo_port, 4096, "4KiB", Iters(10000));
+        FloorPingPong(peer.echo_port, 1 << 20, "1MiB", Iters(300));
+        FloorOneWrite(peer.echo_port, Iters(200000));
+    }
+    if (runs("sync")) SyncFigures(url);
+    if (runs("async")) AsyncFigure(url);
+    if (runs("threads")) ThroughputFigures(url);
+    if (runs("subs")) {
+        SubscriptionFigures(url, "lib.subs", "Subscriptions on the handle, against hspaced");
+        SubscriptionFigures("tcp://127.0.0.1:" + std::to_string(peer.responder_port), "lib.resp.subs",
+                            "Subscriptions on the handle, against the constant-time responder");
+    }
+    if (runs("fanout")) FanoutFigures(url);
     qel_hspace_finalize();
     peer.stop();
     return 0;
