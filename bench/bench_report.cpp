@@ -19,6 +19,13 @@
  *   bench_report [--quick] [--only GROUP]
  * --quick runs a tenth of the iterations; --only runs one group of figures:
  * floors, sync, async, threads, subs or fanout.
+ *
+ *   bench_report --count N [--url URL]
+ * counts the library's allocations over N synchronous gets of 64 bytes (the
+ * link wraps malloc, calloc and realloc; only the library's runtime calls
+ * them on that path) against URL, or against a forked service without
+ * --url. Under strace -f -c, two runs with different N give the system
+ * calls of one get by difference.
  */
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -44,6 +51,27 @@
 #include "hspace_codec.h"
 #include "qel_hspace.h"
 #include "server.h"
+
+/* Allocation counters: the link wraps malloc, calloc and realloc. */
+static std::atomic<long> g_allocations{0};
+extern "C" void *__real_malloc(size_t n);
+extern "C" void *__real_calloc(size_t n, size_t m);
+extern "C" void *__real_realloc(void *p, size_t n);
+extern "C" void *__wrap_malloc(size_t n)
+{
+    g_allocations.fetch_add(1, std::memory_order_relaxed);
+    return __real_malloc(n);
+}
+extern "C" void *__wrap_calloc(size_t n, size_t m)
+{
+    g_allocations.fetch_add(1, std::memory_order_relaxed);
+    return __real_calloc(n, m);
+}
+extern "C" void *__wrap_realloc(void *p, size_t n)
+{
+    g_allocations.fetch_add(1, std::memory_order_relaxed);
+    return __real_realloc(p, n);
+}
 
 namespace {
 
@@ -565,23 +593,52 @@ void FanoutFigures(const std::string &url)
     for (auto h : hs) CloseHandle(h);
 }
 
+/* Allocations of the library per synchronous get of 64 bytes. */
+void CountFigure(const std::string &url, long n)
+{
+    t_qel_hspace h = OpenHandle(url);
+    Value v("bench/cnt", 64);
+    qel_hspace_put(h, v.object, HSPACE_PUT_SYNC, 0);
+    t_kro_llist list;
+    kro_llist_create(&list);
+    for (int i = 0; i < 100; i++) GetOnce(h, "bench/cnt", list);
+    long before = g_allocations.load();
+    for (long i = 0; i < n; i++) GetOnce(h, "bench/cnt", list);
+    double per = double(g_allocations.load() - before) / n;
+    kro_llist_destroy(&list);
+    CloseHandle(h);
+    Row("lib.allocs.get.64B", "Allocations and system calls", "library allocations per synchronous get, 64B", per,
+        "allocs", -1);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    std::string only;
+    std::string only, given_url;
+    long count = 0;
     for (int i = 1; i < argc; i++) {
         if (strcmp(argv[i], "--quick") == 0) {
             g_scale = 0.1;
         } else if (strcmp(argv[i], "--only") == 0 && i + 1 < argc) {
             only = argv[++i];
+        } else if (strcmp(argv[i], "--count") == 0 && i + 1 < argc) {
+            count = atol(argv[++i]);
+        } else if (strcmp(argv[i], "--url") == 0 && i + 1 < argc) {
+            given_url = argv[++i];
         } else {
-            fprintf(stderr, "usage: bench_report [--quick] [--only GROUP]\n");
+            fprintf(stderr, "usage: bench_report [--quick] [--only GROUP] | --count N [--url URL]\n");
             return 2;
         }
     }
-    auto runs = [&](const char *group) { return only.empty() || only == group; };
+    auto runs = [&](const char *group) { return count == 0 && (only.empty() || only == group); };
     signal(SIGPIPE, SIG_IGN);
+    if (count > 0 && !given_url.empty()) {
+        qel_hspace_initialize(QEL_HSPACE_VERSION, 1);
+        CountFigure(given_url, count);
+        qel_hspace_finalize();
+        return 0;
+    }
     Peer peer;
     if (!peer.start()) {
         fprintf(stderr, "bench_report: cannot start the service process\n");
@@ -604,6 +661,7 @@ int main(int argc, char **argv)
                             "Subscriptions on the handle, against the constant-time responder");
     }
     if (runs("fanout")) FanoutFigures(url);
+    if (count > 0) CountFigure(url, count);
     qel_hspace_finalize();
     peer.stop();
     return 0;

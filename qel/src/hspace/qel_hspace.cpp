@@ -499,18 +499,15 @@ static qel_hspace_pkt_scan qel_hspace_pkt_scan_bytes(const t_kro_byte *p, t_kro_
 }
 
 /* Frames the whole packet at buf's pos (qel_hspace_pkt_scan_bytes said
- * QEL_HSPACE_PKT_WHOLE) into a new packet record and moves pos past it.
+ * QEL_HSPACE_PKT_WHOLE) into the caller's record pkt and moves pos past it.
  * Subheaders of types 0 to 4 are filed by type (a later one replaces an
  * earlier one); others are stepped over. An rr subheader shorter than 24
  * bytes, or an hspace subheader too short for its key, is not filed, so
  * inbound processing drops the packet instead of reading past it. */
-static void qel_hspace_pkt_frame(t_kro_buf buf, t_qel_hspace_packet *packet)
+static void qel_hspace_pkt_frame_into(t_kro_buf buf, t_qel_hspace_packet pkt)
 {
-    t_qel_hspace_packet pkt;
     t_kro_byte *header;
     t_kro_uint4 num_sh, i, wirelen;
-    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_packet), packet, 0);
-    pkt = *packet;
     kro_llist_node_init(pkt);
     for (i = 0; i < HSPACE_SUBHEADER_SLOTS; i++) pkt->subheaders[i] = NULL;
     header = (t_kro_byte *)buf->ptr + buf->pos;
@@ -535,12 +532,19 @@ static void qel_hspace_pkt_frame(t_kro_buf buf, t_qel_hspace_packet *packet)
     KRO_CHECK(header + wirelen == (t_kro_byte *)buf->ptr + buf->pos);
 }
 
-/* Returns the next whole packet of the handle's stream in *packet (a new
- * record the caller frees with kro_mm_free), reading from the socket as
- * needed. On error *packet is untouched: the socket's error, or
- * KRO_ERR_INVALID_PACKET as soon as the bytes received prove the stream
- * invalid. */
-static t_kro_error qel_hspace_read_packet(t_qel_hspace hspace, t_qel_hspace_packet *packet)
+/* qel_hspace_pkt_frame_into with a new record in *packet, which the caller
+ * frees with kro_mm_free. */
+[[maybe_unused]] static void qel_hspace_pkt_frame(t_kro_buf buf, t_qel_hspace_packet *packet)
+{
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_packet), packet, 0);
+    qel_hspace_pkt_frame_into(buf, *packet);
+}
+
+/* Frames the next whole packet of the handle's stream into the caller's
+ * record packet, reading from the socket as needed. On error packet is
+ * untouched: the socket's error, or KRO_ERR_INVALID_PACKET as soon as the
+ * bytes received prove the stream invalid. */
+static t_kro_error qel_hspace_read_packet_into(t_qel_hspace hspace, t_qel_hspace_packet packet)
 {
     t_kro_error error = 0;
     t_kro_uint4 bytes_transferred = 0;
@@ -553,7 +557,7 @@ static t_kro_error qel_hspace_read_packet(t_qel_hspace hspace, t_qel_hspace_pack
         }
         switch (qel_hspace_pkt_scan_bytes((const t_kro_byte *)rb->ptr + rb->pos, rb->lim - rb->pos)) {
         case QEL_HSPACE_PKT_WHOLE:
-            qel_hspace_pkt_frame(rb, packet);
+            qel_hspace_pkt_frame_into(rb, packet);
             return 0;
         case QEL_HSPACE_PKT_INVALID:
             return KRO_ERR_INVALID_PACKET;
@@ -575,6 +579,18 @@ static t_kro_error qel_hspace_read_packet(t_qel_hspace hspace, t_qel_hspace_pack
         kro_buf_flip(rb);
     }
     return error;
+}
+
+/* qel_hspace_read_packet_into with a new record in *packet, which the
+ * caller frees with kro_mm_free; on error *packet is untouched. */
+static t_kro_error qel_hspace_read_packet(t_qel_hspace hspace, t_qel_hspace_packet *packet)
+{
+    struct qel_hspace_packet record;
+    t_kro_error error = qel_hspace_read_packet_into(hspace, &record);
+    if (error != 0) return error;
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_packet), packet, 0);
+    **packet = record;
+    return 0;
 }
 
 /* ======================================================================
@@ -917,9 +933,10 @@ static void qel_hspace_dispatch_notification_event(t_qel_hspace hspace, t_kro_by
 
 /* ======================================================================
  * Request completion. Called with the handle's mutex held, on the reader
- * thread. Synchronous records are marked complete, unlinked (a post that
- * succeeded stays as the subscription) and their waiters woken; their
- * callers free them. Asynchronous gets and open subscription images end
+ * thread. Synchronous records are marked complete and unlinked (a post that
+ * succeeded stays as the subscription); their waiters are woken once the
+ * packet is processed and the mutex released, so a woken caller does not
+ * block again on the mutex; their callers free them. Asynchronous gets and open subscription images end
  * with a reply-image event.
  * ====================================================================== */
 
@@ -930,7 +947,17 @@ static void qel_hspace_complete_sync_request(t_qel_hspace_request request, t_kro
     request->sync_ctx->complete = 1;
     request->sync_ctx->error = error;
     if (remove && request->head != NULL) qel_hspace_request_unlink(request);
-    if (notify) kro_cond_notifyall(request->hspace->cond);
+    if (notify) request->hspace->wake_waiters = 1;
+}
+
+/* Releases the mutex, then wakes the synchronous waiters if a record of
+ * theirs completed meanwhile. Mutex held on entry. */
+static void qel_hspace_unlock_and_wake(t_qel_hspace hspace)
+{
+    bool wake = hspace->wake_waiters != 0;
+    hspace->wake_waiters = 0;
+    qel_hspace_unlock(hspace);
+    if (wake) kro_cond_notifyall(hspace->cond);
 }
 
 static void qel_hspace_complete_async_request_with_error(t_qel_hspace_request request, t_kro_error error)
@@ -1002,6 +1029,7 @@ static void qel_hspace_complete_all_requests(t_qel_hspace hspace, t_kro_error st
         else
             qel_hspace_complete_request(hspace, request, status);
     }
+    hspace->wake_waiters = 0;
     kro_cond_notifyall(hspace->cond);
 }
 
@@ -1060,7 +1088,7 @@ static void qel_hspace_process_reply(t_qel_hspace hspace, t_qel_hspace_packet pa
     qel_hspace_lock(hspace);
     request = qel_hspace_request_get_by_corrid(hspace, corrid);
     if (request != NULL) qel_hspace_complete_request(hspace, request, success ? 0 : error);
-    qel_hspace_unlock(hspace);
+    qel_hspace_unlock_and_wake(hspace);
 }
 
 static void qel_hspace_process_object(t_qel_hspace hspace, t_qel_hspace_packet packet)
@@ -1091,7 +1119,7 @@ static void qel_hspace_process_object(t_qel_hspace hspace, t_qel_hspace_packet p
         qel_hspace_dispatch_reply_image_event(request, 0, count, num, object);
         if (num == count) request->initial_image_complete = 1;
     }
-    qel_hspace_unlock(hspace);
+    qel_hspace_unlock_and_wake(hspace);
 }
 
 static void qel_hspace_process_notification(t_qel_hspace hspace, t_qel_hspace_packet packet)
@@ -1140,11 +1168,10 @@ static void qel_hspace_reader_entry_point(t_kro_ptr ptr)
     t_kro_error error = 0;
     t_qel_hspace_state state;
     while (hspace->state.load() == HSPACE_STATE_OPEN) {
-        t_qel_hspace_packet packet = NULL;
-        error = qel_hspace_read_packet(hspace, &packet);
+        struct qel_hspace_packet packet;
+        error = qel_hspace_read_packet_into(hspace, &packet);
         if (error != 0) break;
-        qel_hspace_process_packet(hspace, packet);
-        KRO_CHECK(kro_mm_free(&packet) == 0);
+        qel_hspace_process_packet(hspace, &packet);
     }
     qel_hspace_lock(hspace);
     state = hspace->state.load();

@@ -55,8 +55,8 @@
 #define HSPACE_WIRE_SEMANTIC_NOREPLY 4
 
 /* One received packet: pointers into the handle's read buffer, valid until
- * the next read on the handle. Owned by the caller of the reader, freed
- * with one kro_mm_free. */
+ * the next read on the handle. The reader thread keeps it on its stack;
+ * records made by qel_hspace_read_packet are freed with one kro_mm_free. */
 struct qel_hspace_packet {
     t_kro_llist_node next;                        /* list links, unused */
     t_kro_llist_node prev;
@@ -150,6 +150,7 @@ struct qel_hspace_struct {
     t_kro_mutex mutex;         /* the handle's one lock */
     t_kro_mutex mutex_close;   /* created and destroyed, never locked */
     t_kro_cond cond;           /* mutex: every synchronous waiter waits here */
+    t_kro_bool wake_waiters;   /* mutex: a synchronous record completed; the reader wakes cond after unlocking */
     t_kro_bool destroy;        /* reader thread only: release the handle as its last act */
     std::atomic<t_qel_hspace_state> state; /* written under mutex (or before the reader starts), read anywhere */
 };
