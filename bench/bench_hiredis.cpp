@@ -11,6 +11,7 @@
 #include <string.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <string>
@@ -45,6 +46,25 @@ struct Meter {
     double wall() const { return std::chrono::duration<double>(Clock::now() - t0).count(); }
     double cpu() const { return CpuSeconds() - c0; }
 };
+
+/* Runs op iters times in 9 batches; returns the median batch's mean
+ * microseconds per op (robust to a busy machine's stalls) and the mean CPU
+ * microseconds per op over all batches in *cpu_us. */
+template <class Op> double MedianUs(long iters, Op op, double *cpu_us)
+{
+    const int batches = 9;
+    long per = iters / batches > 0 ? iters / batches : 1;
+    std::vector<double> us;
+    double cpu0 = CpuSeconds();
+    for (int b = 0; b < batches; b++) {
+        Clock::time_point t0 = Clock::now();
+        for (long i = 0; i < per; i++) op();
+        us.push_back(std::chrono::duration<double>(Clock::now() - t0).count() / per * 1e6);
+    }
+    *cpu_us = (CpuSeconds() - cpu0) / (per * batches) * 1e6;
+    std::sort(us.begin(), us.end());
+    return us[batches / 2];
+}
 
 void Row(const std::string &key, const std::string &section, const std::string &label, double value,
          const char *unit, double cpu_us, const std::string &ref = "-", const std::string &goal = "-")
@@ -87,16 +107,13 @@ void SyncFigures()
     for (const auto &s : sizes) {
         std::string key = std::string("bench/") + s.tag, value(s.len, 'v');
         long iters = Iters(s.iters);
-        Meter m;
-        for (long i = 0; i < iters; i++) Command(c, "SET %s %b", key.c_str(), &value);
-        Row(std::string("peer.set.") + s.tag, "Peer: redis-server + hiredis", std::string("SET, ") + s.tag,
-            m.wall() / iters * 1e6, "us", m.cpu() / iters * 1e6, std::string("floor.pingpong.") + s.tag);
+        double cpu, us = MedianUs(iters, [&] { Command(c, "SET %s %b", key.c_str(), &value); }, &cpu);
+        Row(std::string("peer.set.") + s.tag, "Peer: redis-server + hiredis", std::string("SET, ") + s.tag, us, "us",
+            cpu, std::string("floor.pingpong.") + s.tag);
         for (int i = 0; i < 50; i++) Command(c, "GET %s", key.c_str());
-        Meter g;
-        for (long i = 0; i < iters; i++) Command(c, "GET %s", key.c_str());
-        double cpu = g.cpu() / iters * 1e6;
-        Row(std::string("peer.get.") + s.tag, "Peer: redis-server + hiredis", std::string("GET, ") + s.tag,
-            g.wall() / iters * 1e6, "us", cpu, std::string("floor.pingpong.") + s.tag);
+        us = MedianUs(iters, [&] { Command(c, "GET %s", key.c_str()); }, &cpu);
+        Row(std::string("peer.get.") + s.tag, "Peer: redis-server + hiredis", std::string("GET, ") + s.tag, us, "us",
+            cpu, std::string("floor.pingpong.") + s.tag);
         if (s.len == 64)
             Row("peer.cpu.get.64B", "Peer: redis-server + hiredis", "client CPU per GET, 64B", cpu, "us", cpu);
     }

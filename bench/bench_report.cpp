@@ -39,6 +39,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -99,6 +100,25 @@ struct Meter {
     double wall() const { return std::chrono::duration<double>(Clock::now() - t0).count(); }
     double cpu() const { return CpuSeconds() - c0; }
 };
+
+/* Runs op iters times in 9 batches; returns the median batch's mean
+ * microseconds per op (robust to a busy machine's stalls) and the mean CPU
+ * microseconds per op over all batches in *cpu_us. */
+template <class Op> double MedianUs(long iters, Op op, double *cpu_us)
+{
+    const int batches = 9;
+    long per = iters / batches > 0 ? iters / batches : 1;
+    std::vector<double> us;
+    double cpu0 = CpuSeconds();
+    for (int b = 0; b < batches; b++) {
+        Clock::time_point t0 = Clock::now();
+        for (long i = 0; i < per; i++) op();
+        us.push_back(std::chrono::duration<double>(Clock::now() - t0).count() / per * 1e6);
+    }
+    *cpu_us = (CpuSeconds() - cpu0) / (per * batches) * 1e6;
+    std::sort(us.begin(), us.end());
+    return us[batches / 2];
+}
 
 void Row(const std::string &key, const std::string &section, const std::string &label, double value,
          const char *unit, double cpu_us, const std::string &ref = "-", const std::string &goal = "-")
@@ -291,14 +311,15 @@ void FloorPingPong(uint16_t port, uint32_t value, const char *tag, long iters)
         WriteFull(fd, req.data(), req.size());
         ReadFull(fd, reply.data(), reply.size());
     }
-    Meter m;
-    for (long i = 0; i < iters; i++) {
-        WriteFull(fd, req.data(), req.size());
-        ReadFull(fd, reply.data(), reply.size());
-    }
-    double wall = m.wall(), cpu = m.cpu();
+    double cpu, us = MedianUs(
+                    iters,
+                    [&] {
+                        WriteFull(fd, req.data(), req.size());
+                        ReadFull(fd, reply.data(), reply.size());
+                    },
+                    &cpu);
     Row(std::string("floor.pingpong.") + tag, "Floors", std::string("raw TCP ping-pong, reply of a ") + tag + " get",
-        wall / iters * 1e6, "us", cpu / iters * 1e6);
+        us, "us", cpu);
     close(fd);
 }
 
@@ -409,10 +430,7 @@ void GetLatency(t_qel_hspace h, const char *key, long iters, double *us, double 
     t_kro_llist list;
     kro_llist_create(&list);
     for (int i = 0; i < 50; i++) GetOnce(h, key, list);
-    Meter m;
-    for (long i = 0; i < iters; i++) GetOnce(h, key, list);
-    *us = m.wall() / iters * 1e6;
-    *cpu_us = m.cpu() / iters * 1e6;
+    *us = MedianUs(iters, [&] { GetOnce(h, key, list); }, cpu_us);
     kro_llist_destroy(&list);
 }
 
@@ -429,11 +447,10 @@ void SyncFigures(const std::string &url)
         key.resize(9, '_'); // the 9-byte key of the floors' sizes
         Value v(key.c_str(), s.len);
         long iters = Iters(s.iters);
-        Meter m;
-        for (long i = 0; i < iters; i++) qel_hspace_put(h, v.object, HSPACE_PUT_SYNC, 0);
-        Row(std::string("lib.put.") + s.tag, "Library against hspaced", std::string("synchronous put, ") + s.tag,
-            m.wall() / iters * 1e6, "us", m.cpu() / iters * 1e6, std::string("floor.pingpong.") + s.tag);
         double us, cpu;
+        us = MedianUs(iters, [&] { qel_hspace_put(h, v.object, HSPACE_PUT_SYNC, 0); }, &cpu);
+        Row(std::string("lib.put.") + s.tag, "Library against hspaced", std::string("synchronous put, ") + s.tag, us,
+            "us", cpu, std::string("floor.pingpong.") + s.tag);
         GetLatency(h, key.c_str(), iters, &us, &cpu);
         Row(std::string("lib.get.") + s.tag, "Library against hspaced", std::string("synchronous get, ") + s.tag,
             us, "us", cpu, std::string("floor.pingpong.") + s.tag, s.len == 64 ? "<= 1.10" : "-");
@@ -544,15 +561,17 @@ void SubscriptionFigures(const std::string &url, const std::string &tag, const s
         std::string n = std::to_string(level);
         Row(tag + ".get." + n, section, "synchronous get with " + n + " subscriptions", us, "us", cpu,
             tag + ".get.0", level == 0 ? "-" : "<= 1.10");
-        Meter m;
-        for (long i = 0; i < posts; i++) {
-            snprintf(key, sizeof key, "probe/%ld", i);
-            qel_hspace_post(h, key, nullptr, HSPACE_POST_SYNC, 3, HSPACE_POST_FLAG_NO_IMAGE);
-        }
-        double wall = m.wall(), pcpu = m.cpu();
-        Row(tag + ".post." + n, section, "one post with " + n + " subscriptions", wall / posts * 1e6, "us",
-            pcpu / posts * 1e6, tag + ".post.0", level == 0 ? "-" : "<= 1.10");
-        for (long i = 0; i < posts; i++) {
+        long probe = 0;
+        double pcpu, pus = MedianUs(
+                          posts,
+                          [&] {
+                              snprintf(key, sizeof key, "probe/%ld", probe++);
+                              qel_hspace_post(h, key, nullptr, HSPACE_POST_SYNC, 3, HSPACE_POST_FLAG_NO_IMAGE);
+                          },
+                          &pcpu);
+        Row(tag + ".post." + n, section, "one post with " + n + " subscriptions", pus, "us", pcpu, tag + ".post.0",
+            level == 0 ? "-" : "<= 1.10");
+        for (long i = 0; i < probe; i++) {
             snprintf(key, sizeof key, "probe/%ld", i);
             qel_hspace_cancel(h, key, HSPACE_CANCEL_SYNC, 0);
         }

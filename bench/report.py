@@ -45,6 +45,11 @@ def table(rows):
     by_key = {r["key"]: r for r in rows}
     out = []
     section = None
+    order = []
+    for r in rows:
+        if r["section"] not in order:
+            order.append(r["section"])
+    rows = sorted(rows, key=lambda r: order.index(r["section"]))
     for r in rows:
         if r["section"] != section:
             section = r["section"]
