@@ -540,43 +540,71 @@ void ThroughputFigures(const std::string &url)
     }
 }
 
-/* Get latency and post cost with 0 / 1k / 10k / 100k live subscriptions on
- * the handle. A post's cost is the mean of a few hundred posts, cancelled
- * again untimed so the count stays as stated. */
+/* Get latency and post cost with 1k / 10k / 100k live subscriptions on
+ * handle B, each beside the same figure on handle A, which holds none,
+ * measured in alternating batches on the same connection pair so that a
+ * busy machine slows both alike. Each figure is the median of nine batch
+ * means; the posts of a batch are cancelled again untimed, so the counts
+ * stay as stated. */
 void SubscriptionFigures(const std::string &url, const std::string &tag, const std::string &section)
 {
-    t_qel_hspace h = OpenHandle(url);
+    t_qel_hspace a = OpenHandle(url), b = OpenHandle(url);
     Value v("bench/sub", 64);
-    qel_hspace_put(h, v.object, HSPACE_PUT_SYNC, 0);
-    long live = 0;
-    const long posts = Iters(500), gets = Iters(10000);
+    qel_hspace_put(a, v.object, HSPACE_PUT_SYNC, 0);
+    t_kro_llist list;
+    kro_llist_create(&list);
+    long live = 0, probe = 0;
+    const long posts = Iters(45), gets = Iters(1000);
+    const int rounds = 9;
     char key[64];
-    for (long level : {0L, 1000L, 10000L, 100000L}) {
-        while (live < level) {
-            snprintf(key, sizeof key, "live/%ld", live++);
-            if (qel_hspace_post(h, key, nullptr, HSPACE_POST_SYNC, 3, HSPACE_POST_FLAG_NO_IMAGE) != 0) exit(1);
+    auto post_batch = [&](t_qel_hspace h) {
+        long first = probe;
+        Clock::time_point t0 = Clock::now();
+        for (long i = 0; i < posts; i++) {
+            snprintf(key, sizeof key, "probe/%ld", probe++);
+            qel_hspace_post(h, key, nullptr, HSPACE_POST_SYNC, 3, HSPACE_POST_FLAG_NO_IMAGE);
         }
-        double us, cpu;
-        GetLatency(h, "bench/sub", gets, &us, &cpu);
-        std::string n = std::to_string(level);
-        Row(tag + ".get." + n, section, "synchronous get with " + n + " subscriptions", us, "us", cpu,
-            tag + ".get.0", level == 0 ? "-" : "<= 1.10");
-        long probe = 0;
-        double pcpu, pus = MedianUs(
-                          posts,
-                          [&] {
-                              snprintf(key, sizeof key, "probe/%ld", probe++);
-                              qel_hspace_post(h, key, nullptr, HSPACE_POST_SYNC, 3, HSPACE_POST_FLAG_NO_IMAGE);
-                          },
-                          &pcpu);
-        Row(tag + ".post." + n, section, "one post with " + n + " subscriptions", pus, "us", pcpu, tag + ".post.0",
-            level == 0 ? "-" : "<= 1.10");
-        for (long i = 0; i < probe; i++) {
+        double us = std::chrono::duration<double>(Clock::now() - t0).count() / posts * 1e6;
+        for (long i = first; i < probe; i++) {
             snprintf(key, sizeof key, "probe/%ld", i);
             qel_hspace_cancel(h, key, HSPACE_CANCEL_SYNC, 0);
         }
+        return us;
+    };
+    auto get_batch = [&](t_qel_hspace h) {
+        Clock::time_point t0 = Clock::now();
+        for (long i = 0; i < gets; i++) GetOnce(h, "bench/sub", list);
+        return std::chrono::duration<double>(Clock::now() - t0).count() / gets * 1e6;
+    };
+    auto median = [](std::vector<double> x) {
+        std::sort(x.begin(), x.end());
+        return x[x.size() / 2];
+    };
+    for (long level : {1000L, 10000L, 100000L}) {
+        while (live < level) {
+            snprintf(key, sizeof key, "live/%ld", live++);
+            if (qel_hspace_post(b, key, nullptr, HSPACE_POST_SYNC, 3, HSPACE_POST_FLAG_NO_IMAGE) != 0) exit(1);
+        }
+        std::vector<double> get_a, get_b, post_a, post_b;
+        for (int r = 0; r < rounds; r++) {
+            get_a.push_back(get_batch(a));
+            get_b.push_back(get_batch(b));
+            post_a.push_back(post_batch(a));
+            post_b.push_back(post_batch(b));
+        }
+        std::string n = std::to_string(level);
+        Row(tag + ".get.base." + n, section, "synchronous get, no subscriptions (beside " + n + ")", median(get_a),
+            "us", -1);
+        Row(tag + ".get." + n, section, "synchronous get with " + n + " subscriptions", median(get_b), "us", -1,
+            tag + ".get.base." + n, "<= 1.10");
+        Row(tag + ".post.base." + n, section, "one post, no subscriptions (beside " + n + ")", median(post_a), "us",
+            -1);
+        Row(tag + ".post." + n, section, "one post with " + n + " subscriptions", median(post_b), "us", -1,
+            tag + ".post.base." + n, "<= 1.10");
     }
-    CloseHandle(h);
+    kro_llist_destroy(&list);
+    CloseHandle(a);
+    CloseHandle(b);
 }
 
 /* One put reaching n subscribed handles: time from the put until every

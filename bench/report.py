@@ -72,12 +72,14 @@ def table(rows):
 def plot(rows, outdir):
     by_key = {r["key"]: r for r in rows}
     with open(os.path.join(outdir, "subscriptions.dat"), "w") as f:
-        for i, n in enumerate((0, 1000, 10000, 100000)):
+        for i, n in enumerate((1000, 10000, 100000)):
             vals = []
-            for k in ("lib.subs.get.%d", "lib.subs.post.%d", "lib.resp.subs.get.%d", "lib.resp.subs.post.%d"):
+            for k in ("lib.subs.get.%d", "lib.subs.get.base.%d", "lib.subs.post.%d", "lib.subs.post.base.%d",
+                      "lib.resp.subs.get.%d", "lib.resp.subs.get.base.%d", "lib.resp.subs.post.%d",
+                      "lib.resp.subs.post.base.%d"):
                 r = by_key.get(k % n)
                 vals.append("%.2f" % r["value"] if r else "NaN")
-            f.write("%d %s %s\n" % (i, "0 1k 10k 100k".split()[i], " ".join(vals)))
+            f.write("%d %s %s\n" % (i, "1k 10k 100k".split()[i], " ".join(vals)))
     with open(os.path.join(outdir, "throughput.dat"), "w") as f:
         for n in (1, 2, 4, 8, 16):
             vals = []
@@ -91,14 +93,18 @@ set grid
 set key top left
 set output '{o}/subscriptions.png'
 set title 'Cost against live subscriptions on one handle'
-set xlabel 'subscriptions on the handle'
+set xlabel 'subscriptions on the handle (N)'
 set ylabel 'microseconds'
 set yrange [0:*]
-set xrange [-0.3:3.3]
-plot '{o}/subscriptions.dat' using 1:3:xtic(2) with linespoints lw 2 title 'synchronous get, hspaced', \\
-     '' using 1:4 with linespoints lw 2 title 'one post, hspaced', \\
-     '' using 1:5 with linespoints lw 2 title 'synchronous get, constant-time responder', \\
-     '' using 1:6 with linespoints lw 2 title 'one post, constant-time responder'
+set xrange [-0.3:2.3]
+plot '{o}/subscriptions.dat' using 1:3:xtic(2) with linespoints lw 2 title 'get, N subscriptions (hspaced)', \\
+     '' using 1:4 with linespoints lw 1 dt 2 title 'get, none, same batches (hspaced)', \\
+     '' using 1:5 with linespoints lw 2 title 'post, N subscriptions (hspaced)', \\
+     '' using 1:6 with linespoints lw 1 dt 2 title 'post, none, same batches (hspaced)', \\
+     '' using 1:7 with linespoints lw 2 title 'get, N subscriptions (responder)', \\
+     '' using 1:8 with linespoints lw 1 dt 2 title 'get, none, same batches (responder)', \\
+     '' using 1:9 with linespoints lw 2 title 'post, N subscriptions (responder)', \\
+     '' using 1:10 with linespoints lw 1 dt 2 title 'post, none, same batches (responder)'
 set output '{o}/throughput.png'
 set title 'Synchronous gets of 64 bytes per second'
 set xlabel 'threads (one handle) / handles (a thread each) / connections'
