@@ -80,15 +80,16 @@ def plot(rows, outdir):
                 r = by_key.get(k % n)
                 vals.append("%.2f" % r["value"] if r else "NaN")
             f.write("%d %s %s\n" % (i, "1k 10k 100k".split()[i], " ".join(vals)))
+    # One block per series (separated by two blank lines), so each line joins its own points.
     with open(os.path.join(outdir, "throughput.dat"), "w") as f:
-        for n in (1, 2, 4, 8, 16):
-            vals = []
-            for k in ("lib.threads.%d", "lib.handles.%d", "peer.conns.%d"):
+        for k in ("lib.threads.%d", "lib.handles.%d", "peer.conns.%d"):
+            for n in (1, 2, 4, 8, 16):
                 r = by_key.get(k % n)
-                vals.append("%.0f" % r["value"] if r else "NaN")
-            f.write("%d %s\n" % (n, " ".join(vals)))
+                if r:
+                    f.write("%d %.0f\n" % (n, r["value"]))
+            f.write("\n\n")
     script = """
-set terminal pngcairo size 900,540 font ",11"
+set terminal pngcairo size 900,540 font ",11" noenhanced
 set grid
 set key top left
 set output '{o}/subscriptions.png'
@@ -112,9 +113,9 @@ set ylabel 'operations per second'
 set logscale x 2
 set xrange [0.8:20]
 set xtics (1,2,4,8,16)
-plot '{o}/throughput.dat' using 1:2 with linespoints lw 2 title 'qel_hspace: threads sharing one handle', \\
-     '' using 1:3 with linespoints lw 2 title 'qel_hspace + hspaced: handles', \\
-     '' using 1:4 with linespoints lw 2 title 'hiredis + redis-server: connections'
+plot '{o}/throughput.dat' index 0 using 1:2 with linespoints lw 2 title 'qel_hspace: threads sharing one handle', \\
+     '' index 1 using 1:2 with linespoints lw 2 title 'qel_hspace + hspaced: handles', \\
+     '' index 2 using 1:2 with linespoints lw 2 title 'hiredis + redis-server: connections'
 """.format(o=outdir)
     subprocess.run(["gnuplot"], input=script, text=True, check=True)
 
