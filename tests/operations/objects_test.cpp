@@ -66,7 +66,9 @@ TEST(Objects, DestroyingAnApplicationObjectLeavesKeyAndBuffer)
 }
 
 // A library-made object owns its key copy and its value; one with an empty
-// value has a null buffer, and destroying it frees key and record only.
+// value has a null buffer, and destroying it frees key and record only. A
+// value's bytes share the buffer record's block (wrapped: one release frees
+// both).
 using LibraryObjects = OpenClientTest;
 
 TEST_F(LibraryObjects, OwnKeyAndValue)
@@ -86,7 +88,8 @@ TEST_F(LibraryObjects, OwnKeyAndValue)
     t_kro_buf buf = static_cast<t_kro_buf>(data);
     ASSERT_NE(nullptr, buf);
     EXPECT_EQ(1, buf->refcount);
-    EXPECT_EQ(0, buf->wrapped);
+    EXPECT_NE(0, buf->wrapped);
+    EXPECT_EQ(static_cast<t_kro_ptr>(buf + 1), buf->ptr);
     EXPECT_EQ(0u, buf->pos);
     EXPECT_EQ(3u, buf->lim);
     EXPECT_EQ(3u, buf->size);

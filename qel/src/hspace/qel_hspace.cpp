@@ -14,6 +14,7 @@
  * reader thread. No callback runs with `mutex` held.
  */
 #include <arpa/inet.h>
+#include <ctype.h>
 #include <string.h>
 #include <strings.h>
 
@@ -136,15 +137,28 @@ static t_kro_byte qel_hspace_pkt_get_triggers_from_hspace_subheader(t_kro_ptr su
     return ((const t_kro_byte *)subheader)[11];
 }
 
+/* The length of the subheader's key in bytes. */
+static t_kro_uint2 qel_hspace_pkt_get_key_len_from_hspace_subheader(t_kro_ptr subheader)
+{
+    return qel_hspace_pkt_rd16(subheader, 20);
+}
+
+/* Copies the subheader's key, NUL-terminated, to dest (room for its length
+ * plus one). */
+static void qel_hspace_pkt_copy_key_from_hspace_subheader(t_kro_ptr subheader, char *dest)
+{
+    t_kro_uint2 n = qel_hspace_pkt_get_key_len_from_hspace_subheader(subheader);
+    memcpy(dest, (const t_kro_byte *)subheader + HSPACE_PKT_HSPACE_FIXED_LEN, n);
+    dest[n] = '\0';
+}
+
 /* Stores a new NUL-terminated copy of the subheader's key into *key; the
  * caller owns it. */
-static void qel_hspace_pkt_get_key_from_hspace_subheader(t_kro_ptr subheader, t_kro_str *key)
+[[maybe_unused]] static void qel_hspace_pkt_get_key_from_hspace_subheader(t_kro_ptr subheader, t_kro_str *key)
 {
-    t_kro_uint2 n = qel_hspace_pkt_rd16(subheader, 20);
     char *copy = NULL;
-    KRO_CHECK(kro_mm_alloc((t_kro_uint4)n + 1, &copy, 0) == 0);
-    memcpy(copy, (const t_kro_byte *)subheader + HSPACE_PKT_HSPACE_FIXED_LEN, n);
-    copy[n] = '\0';
+    KRO_CHECK(kro_mm_alloc((t_kro_uint4)qel_hspace_pkt_get_key_len_from_hspace_subheader(subheader) + 1, &copy, 0) == 0);
+    qel_hspace_pkt_copy_key_from_hspace_subheader(subheader, copy);
     *key = copy;
 }
 
@@ -487,18 +501,15 @@ static qel_hspace_pkt_scan qel_hspace_pkt_scan_bytes(const t_kro_byte *p, t_kro_
 }
 
 /* Frames the whole packet at buf's pos (qel_hspace_pkt_scan_bytes said
- * QEL_HSPACE_PKT_WHOLE) into a new packet record and moves pos past it.
+ * QEL_HSPACE_PKT_WHOLE) into the caller's record pkt and moves pos past it.
  * Subheaders of types 0 to 4 are filed by type (a later one replaces an
  * earlier one); others are stepped over. An rr subheader shorter than 24
  * bytes, or an hspace subheader too short for its key, is not filed, so
  * inbound processing drops the packet instead of reading past it. */
-static void qel_hspace_pkt_frame(t_kro_buf buf, t_qel_hspace_packet *packet)
+static void qel_hspace_pkt_frame_into(t_kro_buf buf, t_qel_hspace_packet pkt)
 {
-    t_qel_hspace_packet pkt;
     t_kro_byte *header;
     t_kro_uint4 num_sh, i, wirelen;
-    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_packet), packet, 0);
-    pkt = *packet;
     kro_llist_node_init(pkt);
     for (i = 0; i < HSPACE_SUBHEADER_SLOTS; i++) pkt->subheaders[i] = NULL;
     header = (t_kro_byte *)buf->ptr + buf->pos;
@@ -523,12 +534,19 @@ static void qel_hspace_pkt_frame(t_kro_buf buf, t_qel_hspace_packet *packet)
     KRO_CHECK(header + wirelen == (t_kro_byte *)buf->ptr + buf->pos);
 }
 
-/* Returns the next whole packet of the handle's stream in *packet (a new
- * record the caller frees with kro_mm_free), reading from the socket as
- * needed. On error *packet is untouched: the socket's error, or
- * KRO_ERR_INVALID_PACKET as soon as the bytes received prove the stream
- * invalid. */
-static t_kro_error qel_hspace_read_packet(t_qel_hspace hspace, t_qel_hspace_packet *packet)
+/* qel_hspace_pkt_frame_into with a new record in *packet, which the caller
+ * frees with kro_mm_free. */
+[[maybe_unused]] static void qel_hspace_pkt_frame(t_kro_buf buf, t_qel_hspace_packet *packet)
+{
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_packet), packet, 0);
+    qel_hspace_pkt_frame_into(buf, *packet);
+}
+
+/* Frames the next whole packet of the handle's stream into the caller's
+ * record packet, reading from the socket as needed. On error packet is
+ * untouched: the socket's error, or KRO_ERR_INVALID_PACKET as soon as the
+ * bytes received prove the stream invalid. */
+static t_kro_error qel_hspace_read_packet_into(t_qel_hspace hspace, t_qel_hspace_packet packet)
 {
     t_kro_error error = 0;
     t_kro_uint4 bytes_transferred = 0;
@@ -541,7 +559,7 @@ static t_kro_error qel_hspace_read_packet(t_qel_hspace hspace, t_qel_hspace_pack
         }
         switch (qel_hspace_pkt_scan_bytes((const t_kro_byte *)rb->ptr + rb->pos, rb->lim - rb->pos)) {
         case QEL_HSPACE_PKT_WHOLE:
-            qel_hspace_pkt_frame(rb, packet);
+            qel_hspace_pkt_frame_into(rb, packet);
             return 0;
         case QEL_HSPACE_PKT_INVALID:
             return KRO_ERR_INVALID_PACKET;
@@ -563,6 +581,18 @@ static t_kro_error qel_hspace_read_packet(t_qel_hspace hspace, t_qel_hspace_pack
         kro_buf_flip(rb);
     }
     return error;
+}
+
+/* qel_hspace_read_packet_into with a new record in *packet, which the
+ * caller frees with kro_mm_free; on error *packet is untouched. */
+static t_kro_error qel_hspace_read_packet(t_qel_hspace hspace, t_qel_hspace_packet *packet)
+{
+    struct qel_hspace_packet record;
+    t_kro_error error = qel_hspace_read_packet_into(hspace, &record);
+    if (error != 0) return error;
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_packet), packet, 0);
+    **packet = record;
+    return 0;
 }
 
 /* ======================================================================
@@ -642,8 +672,119 @@ static t_kro_error qel_hspace_socket_create(t_kro_str url, t_kro_socket *socket)
 
 /* ======================================================================
  * Request table. Every function here is called with the handle's mutex
- * held and takes no lock itself.
+ * held and takes no lock itself. The list reqtable is the record of
+ * creation order; two hash indexes beside it find a record by corrid and a
+ * post by its case-folded key in constant expected time. A record is in
+ * the list and in its indexes together: linked by qel_hspace_request_link,
+ * removed by qel_hspace_request_unlink.
  * ====================================================================== */
+
+/* The hash of key with letter case folded as strcasecmp folds it. */
+static t_kro_uint4 qel_hspace_key_hash(t_kro_str key)
+{
+    t_kro_uint4 h = 2166136261u;
+    for (const unsigned char *p = (const unsigned char *)key; *p != '\0'; p++)
+        h = (h ^ (t_kro_uint4)tolower(*p)) * 16777619u;
+    return h ^ (h >> 15);
+}
+
+/* The hash a record is filed under in index: its corrid, or its key's. */
+static t_kro_uint4 qel_hspace_index_hash(t_qel_hspace hspace, const struct qel_hspace_request_index *index,
+                                         t_qel_hspace_request request)
+{
+    return index == &hspace->corrid_index ? request->corrid : request->key_hash;
+}
+
+/* The link field that threads index's chains through a record. */
+static t_qel_hspace_request *qel_hspace_index_link(t_qel_hspace hspace, const struct qel_hspace_request_index *index,
+                                                   t_qel_hspace_request request)
+{
+    return index == &hspace->corrid_index ? &request->corrid_next : &request->key_next;
+}
+
+/* Appends request at the end of its chain, keeping each chain in creation
+ * order. Does not count it. */
+static void qel_hspace_index_chain_append(t_qel_hspace hspace, struct qel_hspace_request_index *index,
+                                          t_qel_hspace_request request)
+{
+    t_qel_hspace_request *slot = &index->buckets[qel_hspace_index_hash(hspace, index, request) & index->mask];
+    while (*slot != NULL) slot = qel_hspace_index_link(hspace, index, *slot);
+    *slot = request;
+    *qel_hspace_index_link(hspace, index, request) = NULL;
+}
+
+/* Makes room for one more record: the first use takes the inline buckets;
+ * when the records would outnumber the buckets, the index moves to twice
+ * as many heap buckets and refiles every record in reqtable's order. */
+static void qel_hspace_index_reserve(t_qel_hspace hspace, struct qel_hspace_request_index *index)
+{
+    t_qel_hspace_request *grown;
+    t_kro_uint4 size;
+    if (index->buckets == NULL) {
+        index->buckets = index->inline_buckets;
+        index->mask = HSPACE_INDEX_INLINE_BUCKETS - 1;
+    }
+    if (index->count < index->mask + 1) return;
+    KRO_CHECK(index->mask < 0x7FFFFFFFu);
+    size = (index->mask + 1) * 2;
+    KRO_ALLOC_RECORD(size * (t_kro_uint4)sizeof(t_qel_hspace_request), &grown, 1);
+    if (index->buckets != index->inline_buckets) KRO_CHECK(kro_mm_free(&index->buckets) == 0);
+    index->buckets = grown;
+    index->mask = size - 1;
+    for (t_kro_ptr n = kro_llist_first(hspace->reqtable); n != NULL; n = kro_llist_next(hspace->reqtable, n)) {
+        t_qel_hspace_request request = (t_qel_hspace_request)n;
+        if (index == &hspace->corrid_index || request->opcode == HSPACE_OPCODE_POST)
+            qel_hspace_index_chain_append(hspace, index, request);
+    }
+}
+
+static void qel_hspace_index_insert(t_qel_hspace hspace, struct qel_hspace_request_index *index,
+                                    t_qel_hspace_request request)
+{
+    qel_hspace_index_reserve(hspace, index);
+    qel_hspace_index_chain_append(hspace, index, request);
+    index->count++;
+}
+
+/* Takes request (filed in index) out of its chain; the last record out
+ * gives back the heap buckets. */
+static void qel_hspace_index_remove(t_qel_hspace hspace, struct qel_hspace_request_index *index,
+                                    t_qel_hspace_request request)
+{
+    t_qel_hspace_request *slot = &index->buckets[qel_hspace_index_hash(hspace, index, request) & index->mask];
+    while (*slot != request) {
+        KRO_CHECK(*slot != NULL);
+        slot = qel_hspace_index_link(hspace, index, *slot);
+    }
+    *slot = *qel_hspace_index_link(hspace, index, request);
+    index->count--;
+    if (index->count == 0 && index->buckets != index->inline_buckets) {
+        KRO_CHECK(kro_mm_free(&index->buckets) == 0);
+        index->buckets = index->inline_buckets;
+        index->mask = HSPACE_INDEX_INLINE_BUCKETS - 1;
+        memset(index->inline_buckets, 0, sizeof index->inline_buckets);
+    }
+}
+
+/* Appends request to reqtable and files it in the indexes. */
+static void qel_hspace_request_link(t_qel_hspace hspace, t_qel_hspace_request request)
+{
+    qel_hspace_index_insert(hspace, &hspace->corrid_index, request);
+    if (request->opcode == HSPACE_OPCODE_POST) {
+        request->key_hash = qel_hspace_key_hash(request->key);
+        qel_hspace_index_insert(hspace, &hspace->key_index, request);
+    }
+    kro_llist_append(hspace->reqtable, request);
+}
+
+/* Takes a linked request out of reqtable and the indexes. */
+static void qel_hspace_request_unlink(t_qel_hspace_request request)
+{
+    t_qel_hspace hspace = request->hspace;
+    kro_llist_remove(request);
+    qel_hspace_index_remove(hspace, &hspace->corrid_index, request);
+    if (request->opcode == HSPACE_OPCODE_POST) qel_hspace_index_remove(hspace, &hspace->key_index, request);
+}
 
 static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro_byte opcode, t_kro_str key,
                                                       t_kro_ptr urid, t_kro_buf buf, t_kro_bool dup_key,
@@ -673,23 +814,31 @@ static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro
     request->in_event = 0;
     request->abandoned = 0;
     request->cancelled = 0;
+    request->corrid_next = NULL;
+    request->key_next = NULL;
+    request->key_hash = 0;
     if (!async_reply) {
-        t_qel_hspace_request_sync_ctx ctx;
-        KRO_ALLOC_RECORD(sizeof(struct qel_hspace_request_sync_ctx_struct), &request->sync_ctx, 0);
-        ctx = request->sync_ctx;
+        t_qel_hspace_request_sync_ctx ctx = &request->sync;
+        request->sync_ctx = ctx;
         ctx->complete = 0;
         ctx->error = 0;
         if (replies != NULL) {
             ctx->user_reply_list = 1;
             ctx->replies = replies;
         } else {
+            t_kro_llist own = &request->own_replies;
             ctx->user_reply_list = 0;
-            kro_llist_create(&ctx->replies);
+            own->head = own;
+            own->prev = (t_kro_llist_node)own;
+            own->next = (t_kro_llist_node)own;
+            own->num_elements = 0;
+            own->read_only = 0;
+            ctx->replies = own;
         }
     } else {
         request->sync_ctx = NULL;
     }
-    kro_llist_append(hspace->reqtable, request);
+    qel_hspace_request_link(hspace, request);
     return request;
 }
 
@@ -703,21 +852,25 @@ static t_kro_error qel_hspace_request_reply_wait(t_qel_hspace_request request)
     return request->sync_ctx->error;
 }
 
+/* The oldest record with corrid, or null. */
 static t_qel_hspace_request qel_hspace_request_get_by_corrid(t_qel_hspace hspace, t_kro_uint4 corrid)
 {
-    for (t_kro_ptr n = kro_llist_first(hspace->reqtable); n != NULL; n = kro_llist_next(hspace->reqtable, n)) {
-        t_qel_hspace_request request = (t_qel_hspace_request)n;
-        if (request->corrid == corrid) return request;
-    }
+    const struct qel_hspace_request_index *index = &hspace->corrid_index;
+    if (index->buckets == NULL) return NULL;
+    for (t_qel_hspace_request r = index->buckets[corrid & index->mask]; r != NULL; r = r->corrid_next)
+        if (r->corrid == corrid) return r;
     return NULL;
 }
 
+/* The oldest post whose key equals key regardless of letter case, or null. */
 static t_qel_hspace_request qel_hspace_request_get_post(t_qel_hspace hspace, t_kro_str key)
 {
-    for (t_kro_ptr n = kro_llist_first(hspace->reqtable); n != NULL; n = kro_llist_next(hspace->reqtable, n)) {
-        t_qel_hspace_request request = (t_qel_hspace_request)n;
-        if (request->opcode == HSPACE_OPCODE_POST && strcasecmp(request->key, key) == 0) return request;
-    }
+    const struct qel_hspace_request_index *index = &hspace->key_index;
+    t_kro_uint4 hash;
+    if (index->buckets == NULL) return NULL;
+    hash = qel_hspace_key_hash(key);
+    for (t_qel_hspace_request r = index->buckets[hash & index->mask]; r != NULL; r = r->key_next)
+        if (r->key_hash == hash && strcasecmp(r->key, key) == 0) return r;
     return NULL;
 }
 
@@ -734,13 +887,9 @@ static t_qel_hspace_request qel_hspace_request_get_post_before(t_qel_hspace hspa
 static void qel_hspace_request_destroy(t_qel_hspace_request *request)
 {
     t_qel_hspace_request r = *request;
-    if (r->head != NULL) kro_llist_remove(r);
+    if (r->head != NULL) qel_hspace_request_unlink(r);
     if (r->dup_key && r->key != NULL) KRO_CHECK(kro_mm_free(&r->key) == 0);
     if (r->buf != NULL) kro_buf_release(&r->buf);
-    if (r->sync_ctx != NULL) {
-        if (!r->sync_ctx->user_reply_list) kro_llist_destroy(&r->sync_ctx->replies);
-        KRO_CHECK(kro_mm_free(&r->sync_ctx) == 0);
-    }
     KRO_CHECK(kro_mm_free(request) == 0);
 }
 
@@ -751,7 +900,7 @@ static void qel_hspace_request_destroy(t_qel_hspace_request *request)
 static void qel_hspace_request_end(t_qel_hspace_request request)
 {
     if (request->caller_waiting) {
-        if (request->head != NULL) kro_llist_remove(request);
+        if (request->head != NULL) qel_hspace_request_unlink(request);
         request->orphaned = 1;
     } else {
         qel_hspace_request_destroy(&request);
@@ -820,9 +969,10 @@ static void qel_hspace_dispatch_notification_event(t_qel_hspace hspace, t_kro_by
 
 /* ======================================================================
  * Request completion. Called with the handle's mutex held, on the reader
- * thread. Synchronous records are marked complete, unlinked (a post that
- * succeeded stays as the subscription) and their waiters woken; their
- * callers free them. Asynchronous gets and open subscription images end
+ * thread. Synchronous records are marked complete and unlinked (a post that
+ * succeeded stays as the subscription); their waiters are woken once the
+ * packet is processed and the mutex released, so a woken caller does not
+ * block again on the mutex; their callers free them. Asynchronous gets and open subscription images end
  * with a reply-image event.
  * ====================================================================== */
 
@@ -832,8 +982,18 @@ static void qel_hspace_complete_sync_request(t_qel_hspace_request request, t_kro
     KRO_CHECK(request->sync_ctx != NULL);
     request->sync_ctx->complete = 1;
     request->sync_ctx->error = error;
-    if (remove && request->head != NULL) kro_llist_remove(request);
-    if (notify) kro_cond_notifyall(request->hspace->cond);
+    if (remove && request->head != NULL) qel_hspace_request_unlink(request);
+    if (notify) request->hspace->wake_waiters = 1;
+}
+
+/* Releases the mutex, then wakes the synchronous waiters if a record of
+ * theirs completed meanwhile. Mutex held on entry. */
+static void qel_hspace_unlock_and_wake(t_qel_hspace hspace)
+{
+    bool wake = hspace->wake_waiters != 0;
+    hspace->wake_waiters = 0;
+    qel_hspace_unlock(hspace);
+    if (wake) kro_cond_notifyall(hspace->cond);
 }
 
 static void qel_hspace_complete_async_request_with_error(t_qel_hspace hspace, t_qel_hspace_request request,
@@ -908,6 +1068,7 @@ static void qel_hspace_complete_all_requests(t_qel_hspace hspace, t_kro_error st
         else
             qel_hspace_complete_request(hspace, request, status);
     }
+    hspace->wake_waiters = 0;
     kro_cond_notifyall(hspace->cond);
 }
 
@@ -919,24 +1080,38 @@ static void qel_hspace_complete_all_requests(t_qel_hspace hspace, t_kro_error st
  * survives.
  * ====================================================================== */
 
-/* Builds a library-owned object from a packet with an hspace subheader. */
+/* Builds a library-owned object from a packet with an hspace subheader, in
+ * two allocations: the record with its key behind it, and the value's
+ * buffer record with its bytes behind it (ptr into the same block, so
+ * wrapped: releasing the record frees both). */
 static void qel_hspace_object_create_from_packet(t_qel_hspace_packet packet, t_qel_hspace_object *object)
 {
+    t_kro_ptr hs = packet->subheaders[HSPACE_BODY_HSPACE];
     t_qel_hspace_object o;
     t_kro_uint4 data_len;
-    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_object_struct), object, 0);
+    char *key;
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_object_struct) + qel_hspace_pkt_get_key_len_from_hspace_subheader(hs) + 1,
+                     object, 0);
     o = *object;
     kro_llist_node_init(o);
     o->user_created = 0;
-    o->key = NULL;
-    qel_hspace_pkt_get_key_from_hspace_subheader(packet->subheaders[HSPACE_BODY_HSPACE], &o->key);
+    key = (char *)(o + 1);
+    qel_hspace_pkt_copy_key_from_hspace_subheader(hs, key);
+    o->key = key;
     data_len = qel_hspace_pkt_get_body_len_from_body(packet->body) - HSPACE_PKT_PREAMBLE_LEN;
     if (data_len == 0) {
         o->data.buf = NULL;
     } else {
-        kro_buf_create(&o->data.buf, data_len, 0);
-        memcpy((t_kro_byte *)o->data.buf->ptr + o->data.buf->pos,
-               (const t_kro_byte *)packet->body + HSPACE_PKT_PREAMBLE_LEN, data_len);
+        t_kro_buf buf;
+        KRO_ALLOC_RECORD(sizeof(struct kro_buf) + data_len, &o->data.buf, 0);
+        buf = o->data.buf;
+        buf->refcount = 1;
+        buf->wrapped = 1;
+        buf->size = data_len;
+        buf->pos = 0;
+        buf->lim = data_len;
+        buf->ptr = buf + 1;
+        memcpy(buf->ptr, (const t_kro_byte *)packet->body + HSPACE_PKT_PREAMBLE_LEN, data_len);
     }
 }
 
@@ -952,7 +1127,7 @@ static void qel_hspace_process_reply(t_qel_hspace hspace, t_qel_hspace_packet pa
     qel_hspace_lock(hspace);
     request = qel_hspace_request_get_by_corrid(hspace, corrid);
     if (request != NULL) qel_hspace_complete_request(hspace, request, success ? 0 : error);
-    qel_hspace_unlock(hspace);
+    qel_hspace_unlock_and_wake(hspace);
 }
 
 static void qel_hspace_process_object(t_qel_hspace hspace, t_qel_hspace_packet packet)
@@ -983,7 +1158,7 @@ static void qel_hspace_process_object(t_qel_hspace hspace, t_qel_hspace_packet p
         if (qel_hspace_dispatch_reply_image_event(hspace, request, 0, count, num, object) && num == count)
             request->initial_image_complete = 1;
     }
-    qel_hspace_unlock(hspace);
+    qel_hspace_unlock_and_wake(hspace);
 }
 
 static void qel_hspace_process_notification(t_qel_hspace hspace, t_qel_hspace_packet packet)
@@ -1035,11 +1210,10 @@ static void qel_hspace_reader_entry_point(t_kro_ptr ptr)
     t_kro_bool destroy;
     bool failed;
     while (hspace->state.load() == HSPACE_STATE_OPEN) {
-        t_qel_hspace_packet packet = NULL;
-        error = qel_hspace_read_packet(hspace, &packet);
+        struct qel_hspace_packet packet;
+        error = qel_hspace_read_packet_into(hspace, &packet);
         if (error != 0) break;
-        qel_hspace_process_packet(hspace, packet);
-        KRO_CHECK(kro_mm_free(&packet) == 0);
+        qel_hspace_process_packet(hspace, &packet);
     }
     qel_hspace_lock(hspace);
     state = hspace->state.load();
@@ -1328,7 +1502,7 @@ extern "C" KRO_API t_kro_error qel_hspace_object_destroy(t_qel_hspace_object *ob
     if (object == NULL || *object == NULL) return KRO_ERR_INVALID_ARG;
     o = *object;
     if (!o->user_created) {
-        if (o->key != NULL) KRO_CHECK(kro_mm_free(&o->key) == 0);
+        /* A library-made object's key lives in the record's own block. */
         if (o->data.buf != NULL) kro_buf_release(&o->data.buf);
     }
     KRO_CHECK(kro_mm_free(object) == 0);

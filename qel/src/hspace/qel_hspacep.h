@@ -55,8 +55,8 @@
 #define HSPACE_WIRE_SEMANTIC_NOREPLY 4
 
 /* One received packet: pointers into the handle's read buffer, valid until
- * the next read on the handle. Owned by the caller of the reader, freed
- * with one kro_mm_free. */
+ * the next read on the handle. The reader thread keeps it on its stack;
+ * records made by qel_hspace_read_packet are freed with one kro_mm_free. */
 struct qel_hspace_packet {
     t_kro_llist_node next;                        /* list links, unused */
     t_kro_llist_node prev;
@@ -77,6 +77,22 @@ struct qel_hspace_request_sync_ctx_struct {
 typedef struct qel_hspace_request_sync_ctx_struct *t_qel_hspace_request_sync_ctx;
 
 /* One outstanding request; every field is guarded by the handle's mutex. */
+struct qel_hspace_request;
+
+/* An intrusive hash index over the request table: buckets of singly linked
+ * chains threaded through a link field of the records, each chain in
+ * creation order. Starts on the inline buckets (no allocation while few
+ * records are outstanding), doubles onto the heap when the records
+ * outnumber the buckets, and returns to the inline buckets when the last
+ * record leaves. Guarded by the handle's mutex. */
+#define HSPACE_INDEX_INLINE_BUCKETS 16u
+struct qel_hspace_request_index {
+    struct qel_hspace_request **buckets; /* inline_buckets or a heap array; null until first used */
+    t_kro_uint4 mask;                    /* number of buckets - 1; a power of two minus one */
+    t_kro_uint4 count;                   /* records in the index */
+    struct qel_hspace_request *inline_buckets[HSPACE_INDEX_INLINE_BUCKETS];
+};
+
 struct qel_hspace_request {
     t_kro_llist_node next;            /* list links: the handle's reqtable */
     t_kro_llist_node prev;
@@ -89,7 +105,12 @@ struct qel_hspace_request {
     t_kro_bool dup_key;               /* key is our own copy */
     t_kro_str key;                    /* the key the request is about */
     t_kro_bool initial_image_complete; /* post: no further image object expected */
-    t_qel_hspace_request_sync_ctx sync_ctx; /* null exactly for an asynchronous get */
+    t_qel_hspace_request_sync_ctx sync_ctx; /* null exactly for an asynchronous get, else &sync */
+    struct qel_hspace_request_sync_ctx_struct sync; /* the wait context sync_ctx points at */
+    struct kro_llist own_replies;     /* the replies list when the caller gave none */
+    struct qel_hspace_request *corrid_next; /* chain link in the handle's corrid index */
+    struct qel_hspace_request *key_next;    /* chain link in the handle's key index (posts only) */
+    t_kro_uint4 key_hash;             /* hash of the case-folded key (posts only) */
     uint64_t seq;                     /* creation order on the handle, never wraps */
     t_kro_bool caller_waiting;        /* the calling thread is still writing it or has not read the status */
     t_kro_bool orphaned;              /* ended while caller_waiting: the caller frees it */
@@ -100,7 +121,7 @@ struct qel_hspace_request {
 typedef struct qel_hspace_request *t_qel_hspace_request;
 
 /* A keyed object. Application-made objects borrow key and buffer; library-
- * made objects own both. */
+ * made objects own both, the key's bytes following the record in its block. */
 struct qel_hspace_object_struct {
     t_kro_llist_node next;    /* list links (a synchronous get's result list) */
     t_kro_llist_node prev;
@@ -130,10 +151,13 @@ struct qel_hspace_struct {
     uint64_t send_next KRO_GUARDED_BY(mutex); /* next send ticket to hand out */
     uint64_t send_turn KRO_GUARDED_BY(mutex); /* ticket of the write that may go out now */
     t_kro_llist reqtable;      /* mutex: outstanding requests, oldest first */
+    struct qel_hspace_request_index corrid_index; /* mutex: every record of reqtable by corrid */
+    struct qel_hspace_request_index key_index;    /* mutex: the posts of reqtable by case-folded key */
     t_kro_thread reader;       /* the reader thread; null until open */
     t_kro_mutex mutex;         /* the handle's one lock */
     t_kro_mutex mutex_close;   /* created and destroyed, never locked */
     t_kro_cond cond;           /* mutex: every synchronous waiter waits here */
+    t_kro_bool wake_waiters KRO_GUARDED_BY(mutex); /* a synchronous record completed; the reader wakes cond after unlocking */
     t_kro_bool destroy KRO_GUARDED_BY(mutex); /* release the handle as the reader thread's last act */
     std::atomic<t_kro_bool> closing; /* an application thread's close has cut the socket */
     std::atomic<int> closers;  /* application threads inside close */
