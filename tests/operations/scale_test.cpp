@@ -25,7 +25,7 @@ namespace test {
 namespace {
 
 constexpr int kSubs = 100000;  // subscriptions filed on the handle
-constexpr int kGets = 2000;    // asynchronous gets in flight together
+constexpr int kGets = 500;     // asynchronous gets in flight together
 constexpr int kStride = 9973;  // every kStride-th subscription is sampled
 
 std::string SubKey(int i) { return "sub/" + std::to_string(i); }
@@ -55,6 +55,7 @@ protected:
         }
         qel_hspace_unlock(c.h);
         ASSERT_EQ(kSubs, RequestCount(c.h));
+        watchdog_.Kick(); // the test's own bound starts after the filing
     }
 
     std::vector<uint32_t> corrid; // of subscription i
@@ -83,7 +84,7 @@ TEST_F(Scale, RepliesAndImagesFindTheirRecords)
     for (int j = kGets - 1; j >= 0; j--) {
         c.conn.objects(get_corrid[j], codec::kOpGet, {{"get/" + std::to_string(j), std::to_string(get_corrid[j])}});
         c.conn.objects(get_corrid[j], codec::kOpGet, {{"again", "dropped"}}); // its record has ended
-        if (j % 10 == 0) {
+        if (j % 3 == 0) {
             int i = (j * kStride) % kSubs;
             c.conn.object(corrid[i], codec::kOpPost, SubKey(i), "image", 1, 1);
             images++;
