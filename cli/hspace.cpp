@@ -567,10 +567,12 @@ int main(int argc, char **argv)
     app.require_subcommand(1);
     app.fallthrough();
     app.add_option("--url", url, "the service, tcp://HOST:PORT (default $HSPACE_URL, else tcp://127.0.0.1:7521)")
-        ->option_text("URL");
+        ->option_text("URL")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_option("--timeout", timeout,
                    "seconds allowed for connecting and for each answer of the service; 0: no limit (default 5)")
         ->option_text("SECONDS")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
         ->check(CLI::Range(0.0, 1e7));
 
     CLI::App *put = app.add_subcommand("put", "store a value under KEY: VALUE, the contents of FILE, or standard "
