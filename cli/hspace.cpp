@@ -557,7 +557,7 @@ int main(int argc, char **argv)
 
     const char *env_url = getenv("HSPACE_URL");
     std::string url = env_url != nullptr && *env_url != '\0' ? env_url : kDefaultUrl;
-    double timeout = 5;
+    std::string timeout_text = "5";
     Command cmd;
     std::string value_arg, file, help_topic;
 
@@ -569,11 +569,19 @@ int main(int argc, char **argv)
     app.add_option("--url", url, "the service, tcp://HOST:PORT (default $HSPACE_URL, else tcp://127.0.0.1:7521)")
         ->option_text("URL")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    app.add_option("--timeout", timeout,
+    app.add_option("--timeout", timeout_text,
                    "seconds allowed for connecting and for each answer of the service; 0: no limit (default 5)")
         ->option_text("SECONDS")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-        ->check(CLI::Range(0.0, 1e7));
+        ->check([](const std::string &text) {
+            size_t digits = text.find_first_not_of("0123456789"), point = text.find('.');
+            bool decimal = digits != 0 && (digits == std::string::npos ||
+                                           (digits == point && point + 1 < text.size() &&
+                                            text.find_first_not_of("0123456789", point + 1) == std::string::npos));
+            if (!decimal) return "'" + text + "' is not a number of seconds (like 5 or 0.5)";
+            size_t whole = digits == std::string::npos ? text.size() : digits;
+            return whole > 7 ? text + " is out of range; at most 9999999 seconds" : std::string();
+        });
 
     CLI::App *put = app.add_subcommand("put", "store a value under KEY: VALUE, the contents of FILE, or standard "
                                               "input (no VALUE, or '-')");
@@ -617,6 +625,7 @@ int main(int argc, char **argv)
         return out_write(text) && out_flush() ? kDone : output_failed();
     }
     cmd.name = app.get_subcommands().front()->get_name();
+    const double timeout = std::stod(timeout_text);
 
     // Everything is checked before anything is sent.
     std::string wrong = check_url(url);

@@ -13,6 +13,7 @@
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <string>
@@ -62,6 +63,17 @@ std::string check_listen_host(const std::string &host)
     return std::string();
 }
 
+// Checks a decimal number from min to max: digits only (no sign, no
+// base prefix, no exponent). Empty text when it is one, else why not.
+std::string check_number(const std::string &text, unsigned long long min, unsigned long long max)
+{
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+        return "'" + text + "' is not a decimal number";
+    if (text.size() > 19 || std::stoull(text) < min || std::stoull(text) > max)
+        return text + " is out of range; from " + std::to_string(min) + " to " + std::to_string(max);
+    return std::string();
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -70,7 +82,7 @@ int main(int argc, char **argv)
     options.port = hspace::service::kDefaultPort;
     options.log = true;
     bool quiet = false;
-    unsigned long long max_queue = options.max_queue;
+    std::string port = std::to_string(options.port), max_queue = std::to_string(options.max_queue);
 
     CLI::App app(kDescription, "hspaced");
     app.footer(kFooter);
@@ -78,9 +90,9 @@ int main(int argc, char **argv)
     app.add_option("--listen", options.host, "address to listen on: an IPv4 address or a host name (default 127.0.0.1)")
         ->option_text("HOST")
         ->check([](const std::string &host) { return check_listen_host(host); });
-    app.add_option("--port", options.port, "port to listen on, 0 picks a free one (default 7521)")
+    app.add_option("--port", port, "port to listen on, 0 picks a free one (default 7521)")
         ->option_text("N")
-        ->check(CLI::Range(0, 65535));
+        ->check([](const std::string &text) { return check_number(text, 0, 65535); });
     app.add_option("--name", options.name, "service name sent to clients in the handshake (default hspaced)")
         ->option_text("NAME")
         ->check([](const std::string &name) {
@@ -90,7 +102,7 @@ int main(int argc, char **argv)
     app.add_option("--max-queue", max_queue,
                    "bytes that may wait to be sent to one client; also bounds the values accepted (default 67108864)")
         ->option_text("BYTES")
-        ->check(CLI::Range(1024ull, ~0ull >> 1));
+        ->check([](const std::string &text) { return check_number(text, 1024, SIZE_MAX >> 1); });
     app.add_flag("--quiet", quiet, "no connection log on standard error");
     try {
         app.parse(argc, argv);
@@ -104,7 +116,8 @@ int main(int argc, char **argv)
         fprintf(stderr, "hspaced: %s\nRun 'hspaced --help' for the options.\n", e.what());
         return 2;
     }
-    options.max_queue = static_cast<size_t>(max_queue);
+    options.port = static_cast<uint16_t>(std::stoul(port));
+    options.max_queue = static_cast<size_t>(std::stoull(max_queue));
     options.log = !quiet;
 
     // A host name is resolved here, to IPv4 only, so that the URL printed

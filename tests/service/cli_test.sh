@@ -4,7 +4,8 @@
 # its bash completion script; the manual pages in MANDIR (when built).
 #
 # Output of the long-running processes is read through fifos with bounded
-# reads (read -t); every command runs under timeout. Nothing sleeps.
+# reads (read -t); every command runs under timeout (hspace's own --timeout
+# is off where a loaded machine could exceed it). Nothing sleeps.
 set -u -f
 HSPACED=$1
 HSPACE=$2
@@ -30,11 +31,11 @@ expect_err() {
 hs() {
     local want=$1
     shift
-    expect_exit "$want" "$HSPACE" --url "$url" "$@"
+    expect_exit "$want" "$HSPACE" --timeout 0 --url "$url" "$@"
 }
 # snapshot FILE: every object of the service, escaped, into FILE.
 snapshot() {
-    timeout -k 5 "$WATCHDOG" "$HSPACE" --url "$url" get '*' >"$1" 2>/dev/null </dev/null
+    timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 --url "$url" get '*' >"$1" 2>/dev/null </dev/null
 }
 
 start_hspaced "$HSPACED"
@@ -54,8 +55,8 @@ hs 1 get greeting
 # HSPACE_URL stands for --url. Every printed value is escaped, a single
 # key's as a pattern's; only --raw is not.
 printf 'line one\nline two\001\000end' >"$tmp/value"
-HSPACE_URL=$url timeout -k 5 "$WATCHDOG" "$HSPACE" put f/stdin <"$tmp/value" || fail "put from stdin"
-HSPACE_URL=$url timeout -k 5 "$WATCHDOG" "$HSPACE" put f/dash - <"$tmp/value" || fail "put from stdin (-)"
+HSPACE_URL=$url timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 put f/stdin <"$tmp/value" || fail "put from stdin"
+HSPACE_URL=$url timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 put f/dash - <"$tmp/value" || fail "put from stdin (-)"
 hs 0 put f/file -f "$tmp/value"
 for k in f/stdin f/dash f/file; do
     hs 0 get --raw "$k"
@@ -112,6 +113,10 @@ done <<'EOF'
 2|put f/a x y
 2|--timeout -1 get f/a
 2|--timeout soon get f/a
+2|--timeout 0x10 get f/a
+2|--timeout 1e3 get f/a
+2|--timeout .5 get f/a
+2|--timeout 5. get f/a
 2|help nosuch
 EOF
 grep -qi "exit status" <(timeout 5 "$HSPACE" --help) || fail "--help does not document the exit status"
@@ -163,9 +168,11 @@ done <<'EOF'
 --listen ::1|IPv6
 --listen '[::1]'|IPv6
 --listen ''|host is empty
---port 65536|not in range
---port x|not in range
---max-queue 10|not in range
+--port 65536|out of range
+--port x|not a decimal number
+--port 010x|not a decimal number
+--port 0x10|not a decimal number
+--max-queue 10|out of range
 EOF
 expect_exit 3 "$HSPACE" --url tcp://127.0.0.1:1 get k
 expect_err "cannot connect to tcp://127.0.0.1:1: connection refused"
@@ -174,7 +181,7 @@ expect_err "cannot connect to tcp://127.0.0.1:1: connection refused"
 head -c 5000 /dev/zero | tr '\0' v >"$tmp/big"
 hs 0 put big -f "$tmp/big"
 for args in "get big" "get --raw big" "get f/a" "get --raw f/a" "get *" "--help" "put --help"; do
-    timeout -k 5 "$WATCHDOG" "$HSPACE" --url "$url" $args >/dev/full 2>"$tmp/err"
+    timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 --url "$url" $args >/dev/full 2>"$tmp/err"
     rc=$?
     [ "$rc" -eq 3 ] || fail "$args > /dev/full exited $rc"
     expect_err "cannot write standard output"
@@ -183,7 +190,7 @@ done
 # watch: the image, then changes made by other processes, until SIGINT.
 mkfifo "$tmp/watch1" "$tmp/watch2" "$tmp/watch3" "$tmp/listener"
 hs 0 put w/1 first
-"$HSPACE" --url "$url" watch 'w/*' >"$tmp/watch1" &
+"$HSPACE" --timeout 0 --url "$url" watch 'w/*' >"$tmp/watch1" &
 w1=$!
 pids+=("$w1")
 exec {w1_fd}<"$tmp/watch1"
@@ -223,7 +230,7 @@ wait_exit "$w3_fd" "$w3" 0
 start_hspaced "$HSPACED" --max-queue 4096
 small_log=$tmp/hspaced.$nservices.log
 hs 0 put b/0 -f /dev/null
-"$HSPACE" --url "$url" watch 'b/*' >"$tmp/watch2" 2>"$tmp/watch2.err" &
+"$HSPACE" --timeout 0 --url "$url" watch 'b/*' >"$tmp/watch2" 2>"$tmp/watch2.err" &
 w2=$!
 pids+=("$w2")
 exec {w2_fd}<"$tmp/watch2"
