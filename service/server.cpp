@@ -154,7 +154,7 @@ public:
     // Queues an encoded answer to this connection's own request. Answers
     // never close the connection: while more than max_queue bytes are
     // unsent, no further request of this connection is handled (see
-    // on_read), so they are bounded by max_queue plus one answer.
+    // consume), so they are bounded by max_queue plus one answer.
     void send(std::string bytes) { queue(make_bytes(std::move(bytes)), false); }
 
     // Queues a notification. Closes the connection, abortively, when its
