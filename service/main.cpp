@@ -4,55 +4,74 @@
  * Listens until SIGINT or SIGTERM, then closes every connection and exits
  * 0. Prints "hspaced listening on tcp://HOST:PORT" on stdout once it
  * listens (so a script can learn the port chosen for --port 0) and one
- * line per connection event on stderr.
+ * line per connection event on stderr. Exit status: 0 stopped by a signal,
+ * 1 cannot listen, 2 usage error.
+ *
+ * Options are parsed with CLI11; --help and --version print on stdout and
+ * exit 0 (help2man builds the manual page from them).
  */
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <string>
 
+#include <CLI/CLI.hpp>
 #include <asio.hpp>
 
 #include "server.h"
 
+#ifndef HSPACE_VERSION
+#define HSPACE_VERSION "unknown"
+#endif
+
 namespace {
 
-const char kUsage[] =
-    "usage: hspaced [--listen HOST] [--port N] [--name NAME] [--max-queue BYTES] [--quiet]\n"
-    "\n"
-    "The reference hspace service: an in-memory keyed object store for development,\n"
-    "tests and demos. Not a production store: nothing is persisted.\n"
-    "\n"
-    "  --listen HOST      address to listen on (default 127.0.0.1)\n"
-    "  --port N           port to listen on (default 7521; 0 picks a free port)\n"
-    "  --name NAME        service name sent to clients (default hspaced)\n"
-    "  --max-queue BYTES  unsent bytes a client may have queued before it is\n"
-    "                     disconnected (default 67108864)\n"
-    "  --quiet            no connection log on stderr\n"
-    "  --help             this text\n"
-    "\n"
-    "Prints \"hspaced listening on tcp://HOST:PORT\" on stdout when ready;\n"
-    "stops cleanly on SIGINT or SIGTERM.\n";
+const char kDescription[] =
+    "hspaced - the reference hspace service: an in-memory keyed object store for development, tests and "
+    "demos. Not a production store: nothing is persisted, there is no authentication.";
 
-// Parses an unsigned decimal number no larger than max; false otherwise.
-bool parse_number(const char *text, unsigned long long max, unsigned long long *out)
+const char kFooter[] =
+    "Limits:\n"
+    "  Keys are at most 65535 bytes (the wire's limit). A put whose value could never be\n"
+    "  sent back under --max-queue is refused with status 12 and logged: the value plus\n"
+    "  the key plus 86 bytes of packet headers must fit in --max-queue\n"
+    "  (default 67108864 bytes, so values up to about 64 MiB).\n"
+    "  A client whose unsent notifications exceed --max-queue (a subscriber that stops\n"
+    "  reading) is disconnected; answers to a client's own requests never disconnect it:\n"
+    "  while more than --max-queue bytes wait to be sent to it, its further requests\n"
+    "  wait.\n"
+    "\n"
+    "Output:\n"
+    "  Prints \"hspaced listening on tcp://HOST:PORT\" on standard output when ready, one\n"
+    "  line per connection event on standard error (unless --quiet), and stops cleanly\n"
+    "  on SIGINT or SIGTERM.\n"
+    "\n"
+    "Exit status:\n"
+    "  0 stopped by SIGINT or SIGTERM, 1 cannot listen, 2 usage error.";
+
+// Checks the --listen value: a host name or an IPv4 address, which a service
+// URL (tcp://HOST:PORT) can carry. Empty text when it is usable, else why not.
+std::string check_listen_host(const std::string &host)
 {
-    char *end = nullptr;
-    if (text == nullptr || *text < '0' || *text > '9') return false;
-    errno = 0;
-    unsigned long long v = strtoull(text, &end, 10);
-    if (errno != 0 || *end != '\0' || v > max) return false;
-    *out = v;
-    return true;
+    if (host.empty()) return "the host is empty";
+    if (host.find_first_of(":[]") != std::string::npos)
+        return "'" + host + "' is an IPv6 address; a service URL (tcp://HOST:PORT) cannot carry one, so clients "
+                            "could not reach it: give an IPv4 address or a host name";
+    return std::string();
 }
 
-int usage_error(const char *what, const char *arg)
+// Checks a decimal number from min to max: digits only (no sign, no
+// base prefix, no exponent). Empty text when it is one, else why not.
+std::string check_number(const std::string &text, unsigned long long min, unsigned long long max)
 {
-    fprintf(stderr, "hspaced: %s%s%s\n%s", what, arg != nullptr ? ": " : "", arg != nullptr ? arg : "", kUsage);
-    return 2;
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+        return "'" + text + "' is not a decimal number";
+    if (text.size() > 19 || std::stoull(text) < min || std::stoull(text) > max)
+        return text + " is out of range; from " + std::to_string(min) + " to " + std::to_string(max);
+    return std::string();
 }
 
 } // namespace
@@ -62,35 +81,59 @@ int main(int argc, char **argv)
     hspace::service::Options options;
     options.port = hspace::service::kDefaultPort;
     options.log = true;
-    for (int i = 1; i < argc; i++) {
-        const char *a = argv[i];
-        const char *v = i + 1 < argc ? argv[i + 1] : nullptr;
-        unsigned long long n = 0;
-        if (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0) {
-            fputs(kUsage, stdout);
-            return 0;
-        } else if (strcmp(a, "--quiet") == 0) {
-            options.log = false;
-        } else if (strcmp(a, "--listen") == 0) {
-            if (v == nullptr) return usage_error("missing value of", a);
-            options.host = v;
-            i++;
-        } else if (strcmp(a, "--name") == 0) {
-            if (v == nullptr) return usage_error("missing value of", a);
-            if (strlen(v) > 0xFFFF) return usage_error("name too long", nullptr);
-            options.name = v;
-            i++;
-        } else if (strcmp(a, "--port") == 0) {
-            if (!parse_number(v, 65535, &n)) return usage_error("bad port", v);
-            options.port = static_cast<uint16_t>(n);
-            i++;
-        } else if (strcmp(a, "--max-queue") == 0) {
-            if (!parse_number(v, ~0ull, &n) || n == 0) return usage_error("bad byte count", v);
-            options.max_queue = static_cast<size_t>(n);
-            i++;
-        } else {
-            return usage_error("unknown argument", a);
+    bool quiet = false;
+    std::string port = std::to_string(options.port), max_queue = std::to_string(options.max_queue);
+
+    CLI::App app(kDescription, "hspaced");
+    app.footer(kFooter);
+    app.set_version_flag("--version", "hspaced " HSPACE_VERSION, "print the version and exit");
+    app.add_option("--listen", options.host, "address to listen on: an IPv4 address or a host name (default 127.0.0.1)")
+        ->option_text("HOST")
+        ->check([](const std::string &host) { return check_listen_host(host); });
+    app.add_option("--port", port, "port to listen on, 0 picks a free one (default 7521)")
+        ->option_text("N")
+        ->check([](const std::string &text) { return check_number(text, 0, 65535); });
+    app.add_option("--name", options.name, "service name sent to clients in the handshake (default hspaced)")
+        ->option_text("NAME")
+        ->check([](const std::string &name) {
+            return name.size() > 0xFFFF ? "the name is " + std::to_string(name.size()) + " bytes; at most 65535"
+                                        : std::string();
+        });
+    app.add_option("--max-queue", max_queue,
+                   "bytes that may wait to be sent to one client; also bounds the values accepted (default 67108864)")
+        ->option_text("BYTES")
+        ->check([](const std::string &text) { return check_number(text, 1024, SIZE_MAX >> 1); });
+    app.add_flag("--quiet", quiet, "no connection log on standard error");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp &) {
+        fputs(app.help().c_str(), stdout);
+        return 0;
+    } catch (const CLI::CallForVersion &) {
+        printf("%s\n", app.version().c_str());
+        return 0;
+    } catch (const CLI::ParseError &e) {
+        fprintf(stderr, "hspaced: %s\nRun 'hspaced --help' for the options.\n", e.what());
+        return 2;
+    }
+    options.port = static_cast<uint16_t>(std::stoul(port));
+    options.max_queue = static_cast<size_t>(std::stoull(max_queue));
+    options.log = !quiet;
+
+    // A host name is resolved here, to IPv4 only, so that the URL printed
+    // below is one a client can use.
+    asio::error_code ec;
+    asio::ip::make_address_v4(options.host, ec);
+    if (ec) {
+        asio::io_context resolve_io;
+        asio::ip::tcp::resolver resolver(resolve_io);
+        auto results = resolver.resolve(asio::ip::tcp::v4(), options.host, "", ec);
+        if (ec || results.empty()) {
+            fprintf(stderr, "hspaced: cannot resolve %s to an IPv4 address%s%s\n", options.host.c_str(),
+                    ec ? ": " : "", ec ? ec.message().c_str() : "");
+            return 1;
         }
+        options.host = results.begin()->endpoint().address().to_string();
     }
 
     // The signal set is in place before any thread exists, so SIGINT and
@@ -98,8 +141,8 @@ int main(int argc, char **argv)
     asio::io_context signals_io;
     asio::signal_set signals(signals_io, SIGINT, SIGTERM);
     int caught = 0;
-    signals.async_wait([&caught](const asio::error_code &ec, int signo) {
-        if (!ec) caught = signo;
+    signals.async_wait([&caught](const asio::error_code &error, int signo) {
+        if (!error) caught = signo;
     });
     signal(SIGPIPE, SIG_IGN);
 
@@ -109,8 +152,10 @@ int main(int argc, char **argv)
         fprintf(stderr, "hspaced: %s\n", error.c_str());
         return 1;
     }
-    printf("hspaced listening on %s\n", server.url().c_str());
-    fflush(stdout);
+    if (printf("hspaced listening on %s\n", server.url().c_str()) < 0 || fflush(stdout) != 0) {
+        fprintf(stderr, "hspaced: cannot write standard output: %s\n", strerror(errno));
+        return 1;
+    }
 
     signals_io.run();
     if (options.log) fprintf(stderr, "hspaced: %s, stopping\n", caught == SIGINT ? "SIGINT" : "SIGTERM");

@@ -14,6 +14,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 
+#include <algorithm>
 #include <deque>
 #include <map>
 #include <optional>
@@ -32,6 +33,7 @@ namespace {
 
 // Statuses the service answers with (the client library's codes).
 constexpr uint32_t kStatusNoMatch = 2;         // nothing stored under the key, no such subscription
+constexpr uint32_t kStatusTooLarge = 12;       // a put's value could never be sent back under max_queue
 constexpr uint32_t kStatusNotSupported = 14;   // unknown opcode
 constexpr uint32_t kStatusExists = 20;         // the connection already subscribes to the key
 
@@ -121,6 +123,7 @@ private:
     void shutdown();
     void answer_get(Connection &c, uint32_t corrid, uint8_t opcode, const std::string &key, bool key_only);
     void notify(const std::string &key, uint8_t trigger, const std::string *value);
+    static size_t largest_packet(const std::string &key, size_t value_size);
 
     asio::io_context io_;                      // runs every handler, on thread_
     asio::ip::tcp::acceptor acceptor_{io_};    // the listener
@@ -148,21 +151,16 @@ public:
     // Starts reading.
     void start() { read(); }
 
-    // Queues an encoded packet. Closes the connection, abortively, when
-    // its unsent bytes would exceed the engine's max_queue.
-    void send(Bytes bytes)
-    {
-        if (closed_) return;
-        queued_ += bytes->size();
-        out_.push_back(std::move(bytes));
-        if (queued_ > engine_.options_.max_queue) {
-            engine_.stats_.dropped_slow++;
-            close("outbound queue over " + std::to_string(engine_.options_.max_queue) + " bytes", true);
-            return;
-        }
-        if (in_flight_ == 0) write();
-    }
-    void send(std::string bytes) { send(make_bytes(std::move(bytes))); }
+    // Queues an encoded answer to this connection's own request. Answers
+    // never close the connection: while more than max_queue bytes are
+    // unsent, no further request of this connection is handled (see
+    // consume), so they are bounded by max_queue plus one answer.
+    void send(std::string bytes) { queue(make_bytes(std::move(bytes)), false); }
+
+    // Queues a notification. Closes the connection, abortively, when its
+    // unsent notification bytes would exceed the engine's max_queue: a
+    // subscriber that does not read cannot grow the service's memory.
+    void notify(Bytes bytes) { queue(std::move(bytes), true); }
 
     // Closes the socket (once) and leaves the engine's table. abortive
     // resets the connection instead of letting the kernel drain it.
@@ -180,8 +178,25 @@ public:
     std::vector<Subscription> subs;            // this connection's subscriptions, in post order
 
 private:
+    void queue(Bytes bytes, bool notification)
+    {
+        if (closed_) return;
+        queued_ += bytes->size();
+        if (notification) notified_ += bytes->size();
+        out_.push_back(Outbound{std::move(bytes), notification});
+        if (notified_ > engine_.options_.max_queue) {
+            engine_.stats_.dropped_slow++;
+            close("outbound queue over " + std::to_string(engine_.options_.max_queue) + " bytes", true);
+            return;
+        }
+        if (in_flight_ == 0) write();
+    }
+
+    bool backlogged() const { return queued_ > engine_.options_.max_queue; }
+
     void read()
     {
+        reading_ = true;
         size_t have = in_.size();
         in_.resize(have + kReadChunk);
         auto self = shared_from_this();
@@ -191,14 +206,23 @@ private:
 
     void on_read(const asio::error_code &ec, size_t have, size_t n)
     {
+        reading_ = false;
         if (closed_) return;
         in_.resize(have + n);
         if (ec) {
             close(ec == asio::error::eof ? std::string("peer closed") : ec.message());
             return;
         }
+        consume();
+    }
+
+    // Handles the complete packets received, until the outbound queue is
+    // over max_queue (on_write calls again once it has drained), then reads
+    // on.
+    void consume()
+    {
         size_t off = 0;
-        while (!closed_) {
+        while (!closed_ && !backlogged()) {
             const uint8_t *data = reinterpret_cast<const uint8_t *>(in_.data()) + off;
             codec::FrameResult f = codec::frame(data, in_.size() - off);
             if (f.status == codec::FrameStatus::NeedMore) break;
@@ -213,7 +237,7 @@ private:
         }
         if (closed_) return;
         in_.erase(0, off);
-        read();
+        if (!backlogged()) read();
     }
 
     // Writes up to kMaxGather queued packets in one operation.
@@ -221,7 +245,7 @@ private:
     {
         std::vector<asio::const_buffer> buffers;
         for (size_t i = 0; i < out_.size() && i < kMaxGather; i++)
-            buffers.push_back(asio::buffer(*out_[i]));
+            buffers.push_back(asio::buffer(*out_[i].bytes));
         in_flight_ = buffers.size();
         auto self = shared_from_this();
         asio::async_write(socket_, buffers, [self](const asio::error_code &ec, size_t) { self->on_write(ec); });
@@ -235,19 +259,28 @@ private:
             return;
         }
         for (; in_flight_ > 0; in_flight_--) {
-            queued_ -= out_.front()->size();
+            queued_ -= out_.front().bytes->size();
+            if (out_.front().notification) notified_ -= out_.front().bytes->size();
             out_.pop_front();
         }
         if (!out_.empty()) write();
+        if (!reading_ && !backlogged()) consume();
     }
+
+    struct Outbound {
+        Bytes bytes;                           // an encoded packet
+        bool notification;                     // counted in notified_
+    };
 
     Engine &engine_;                           // the owner of the table this connection is in
     asio::ip::tcp::socket socket_;             // the client's socket
     const uint64_t id_;                        // number in logs and in the table
     std::string in_;                           // received bytes not yet framed (plus read space)
-    std::deque<Bytes> out_;                    // queued packets; the first in_flight_ are being written
+    std::deque<Outbound> out_;                 // queued packets; the first in_flight_ are being written
     size_t in_flight_ = 0;                     // packets of out_ handed to the current write
     size_t queued_ = 0;                        // bytes in out_
+    size_t notified_ = 0;                      // bytes of the notifications in out_
+    bool reading_ = false;                     // a read is outstanding
     bool closed_ = false;                      // close() ran
 };
 
@@ -380,6 +413,15 @@ void Engine::handle(Connection &c, const codec::Packet &p)
 
     switch (h.opcode) {
     case codec::kOpPut: {
+        size_t largest = largest_packet(h.key, p.body.size());
+        if (largest > options_.max_queue) {
+            log("conn %llu put refused: value of %zu bytes under key \"%s\" would make packets of %zu bytes, over "
+                "the %zu-byte queue bound",
+                static_cast<unsigned long long>(c.id()), p.body.size(), printable(h.key).c_str(), largest,
+                options_.max_queue);
+            if (answer) codec::encode_reply(out, *corrid, kStatusTooLarge);
+            break;
+        }
         std::string &value = store_[h.key];
         value = p.body;
         notify(h.key, kTriggerStored, &value);
@@ -427,6 +469,17 @@ void Engine::handle(Connection &c, const codec::Packet &p)
         break;
     }
     if (!out.empty()) c.send(std::move(out));
+}
+
+// The size of the largest packet that carries a value of value_size bytes
+// stored under key: an object answering a get or a post, or a notification.
+size_t Engine::largest_packet(const std::string &key, size_t value_size)
+{
+    static const std::string one(1, 'x');
+    std::string object, notification;
+    codec::encode_object(object, ~0u, codec::kOpPost, key, one, ~0u, ~0u, ~0);
+    codec::encode_notification(notification, key, kTriggerRemoved, one);
+    return std::max(object.size(), notification.size()) - 1 + value_size;
 }
 
 // Sends what is stored under key (or, for a pattern, under every key with
@@ -478,7 +531,7 @@ void Engine::notify(const std::string &key, uint8_t trigger, const std::string *
             codec::encode_notification(out, key, trigger, t.second ? *value : std::string());
             bytes = make_bytes(std::move(out));
         }
-        t.first->send(bytes);
+        t.first->notify(bytes);
     }
 }
 

@@ -34,7 +34,8 @@ struct Options {
     uint16_t port = 0;                         // port to listen on; 0 picks a free one
     std::string name = "hspaced";              // service name sent in the handshake reply
     uint16_t ltp = 1;                          // service_ltp sent in the handshake reply; nonzero
-    size_t max_queue = kDefaultMaxQueue;       // outbound bytes queued per connection before it is dropped
+    size_t max_queue = kDefaultMaxQueue;       // unsent bytes per connection: notifications over it drop the
+                                               // connection, answers over it hold its requests; bounds values too
     bool log = false;                          // one line per connection event on stderr
 };
 
@@ -43,7 +44,7 @@ struct Stats {
     std::atomic<uint64_t> accepted{0};         // connections accepted
     std::atomic<uint64_t> open{0};             // connections open now
     std::atomic<uint64_t> dropped_invalid{0};  // connections closed for an invalid packet or handshake
-    std::atomic<uint64_t> dropped_slow{0};     // connections closed for an outbound queue over max_queue
+    std::atomic<uint64_t> dropped_slow{0};     // connections closed for unsent notifications over max_queue
 };
 
 // The service's machinery, private to server.cpp.

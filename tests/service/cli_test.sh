@@ -1,95 +1,277 @@
 #!/bin/bash
-# cli_test.sh HSPACED HSPACE - the hspace command-line client end to end
-# against a real hspaced process on a free loopback port.
+# cli_test.sh HSPACED HSPACE COMPLETION MANDIR - the hspace command-line
+# client end to end against real hspaced processes on free loopback ports;
+# its bash completion script; the manual pages in MANDIR (when built).
 #
 # Output of the long-running processes is read through fifos with bounded
-# reads (read -t); a process that does not answer within WATCHDOG seconds
-# fails the test (lib.sh). Nothing sleeps.
-set -u
+# reads (read -t); every command runs under timeout (hspace's own --timeout
+# is off where a loaded machine could exceed it). Nothing sleeps.
+set -u -f
 HSPACED=$1
 HSPACE=$2
+COMPLETION=$3
+MANDIR=$4
 . "$(dirname "$0")/lib.sh"
 
 # expect_exit CODE COMMAND...: runs the command (bounded by the watchdog),
-# checks its exit status.
+# checks its exit status; its output is in $tmp/out and $tmp/err.
 expect_exit() {
     local want=$1
     shift
-    timeout -k 5 "$WATCHDOG" "$@" >"$tmp/out" 2>"$tmp/err"
+    timeout -k 5 "$WATCHDOG" "$@" >"$tmp/out" 2>"$tmp/err" </dev/null
     local got=$?
     [ "$got" -eq 124 ] && fail "$* did not end within ${WATCHDOG}s"
     [ "$got" -eq "$want" ] || fail "$* exited $got, expected $want; stderr: $(cat "$tmp/err")"
 }
+# expect_err TEXT: the last command's stderr contains TEXT.
+expect_err() {
+    grep -qF -- "$1" "$tmp/err" || fail "stderr lacks '$1': $(cat "$tmp/err")"
+}
+# hs CODE ARGS...: hspace against the service of $url.
+hs() {
+    local want=$1
+    shift
+    expect_exit "$want" "$HSPACE" --timeout 0 --url "$url" "$@"
+}
+# snapshot FILE: every object of the service, escaped, into FILE.
+snapshot() {
+    timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 --url "$url" get '*' >"$1" 2>/dev/null </dev/null
+}
 
-# The service, on a port of its choosing.
-mkfifo "$tmp/watch1" "$tmp/watch2"
 start_hspaced "$HSPACED"
 
 # put, get, rm with exit codes.
-expect_exit 0 "$HSPACE" --url "$url" put greeting "hello world"
-expect_exit 0 "$HSPACE" --url "$url" get greeting
+hs 0 put greeting "hello world"
+hs 0 get greeting
 [ "$(cat "$tmp/out")" = "hello world" ] || fail "get printed '$(cat "$tmp/out")'"
-expect_exit 1 "$HSPACE" --url "$url" get missing
+hs 1 get missing
 [ -s "$tmp/out" ] && fail "get of a missing key printed something"
-expect_exit 1 "$HSPACE" --url "$url" rm missing
-expect_exit 0 "$HSPACE" --url="$url" rm greeting
-expect_exit 1 "$HSPACE" --url "$url" get greeting
+expect_err "nothing stored under missing"
+hs 1 rm missing
+hs 0 rm greeting
+hs 1 get greeting
 
 # Values from standard input and from a file, read back byte for byte;
-# HSPACE_URL stands for --url.
+# HSPACE_URL stands for --url. Every printed value is escaped, a single
+# key's as a pattern's; only --raw is not.
 printf 'line one\nline two\001\000end' >"$tmp/value"
-HSPACE_URL=$url timeout -k 5 "$WATCHDOG" "$HSPACE" put f/stdin <"$tmp/value" || fail "put from stdin"
-HSPACE_URL=$url timeout -k 5 "$WATCHDOG" "$HSPACE" put f/dash - <"$tmp/value" || fail "put from stdin (-)"
-expect_exit 0 "$HSPACE" --url "$url" put f/file -f "$tmp/value"
+HSPACE_URL=$url timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 put f/stdin <"$tmp/value" || fail "put from stdin"
+HSPACE_URL=$url timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 put f/dash - <"$tmp/value" || fail "put from stdin (-)"
+hs 0 put f/file -f "$tmp/value"
 for k in f/stdin f/dash f/file; do
-    expect_exit 0 "$HSPACE" --url "$url" get --raw "$k"
+    hs 0 get --raw "$k"
     cmp -s "$tmp/out" "$tmp/value" || fail "get --raw $k differs from what was put"
+    hs 0 get "$k"
+    [ "$(cat "$tmp/out")" = 'line one\nline two\x01\x00end' ] || fail "get $k printed: $(cat "$tmp/out")"
 done
-
-# A pattern: one escaped KEY<TAB>VALUE line per key, in key order.
-expect_exit 0 "$HSPACE" --url "$url" put f/a "x y"
-expect_exit 0 "$HSPACE" --url "$url" get 'f/*'
+hs 0 put f/a "x y"
+hs 0 get 'f/*'
 printf 'f/a\tx y\nf/dash\tline one\\nline two\\x01\\x00end\nf/file\tline one\\nline two\\x01\\x00end\nf/stdin\tline one\\nline two\\x01\\x00end\n' >"$tmp/want"
 cmp -s "$tmp/out" "$tmp/want" || fail "pattern get printed: $(cat "$tmp/out")"
-expect_exit 1 "$HSPACE" --url "$url" get 'none/*'
+hs 1 get 'none/*'
+expect_err "no key starts with none/"
 
-# Usage errors, help, an unreachable service.
-expect_exit 2 "$HSPACE"
-expect_exit 2 "$HSPACE" --url "$url" frobnicate
-expect_exit 2 "$HSPACE" --url "$url" get
-expect_exit 2 "$HSPACE" --bogus get k
-expect_exit 0 "$HSPACE" --help
-for word in put get rm watch --url "exit status"; do
-    grep -qi -- "$word" "$tmp/out" || fail "--help does not mention $word"
-done
+# Help and version at every level print on stdout, exit 0 and change
+# nothing in the store; usage errors exit 2 and change nothing either.
+snapshot "$tmp/before"
+while IFS='|' read -r want args; do
+    eval "set -- $args"
+    hs "$want" "$@"
+    [ "$want" -eq 2 ] || [ -s "$tmp/out" ] || fail "'$args' printed nothing"
+    [ "$want" -ne 2 ] || [ ! -s "$tmp/out" ] || fail "'$args' wrote on stdout: $(cat "$tmp/out")"
+done <<'EOF'
+0|--help
+0|-h
+0|--version
+0|help
+0|help put
+0|put --help
+0|put f/a --help
+0|put f/a -h
+0|put --help f/a x
+0|put f/a x --help
+0|get --help
+0|get f/a --help
+0|get --raw --help
+0|rm --help
+0|rm f/a --help
+0|rm -h f/a
+0|watch --help
+0|watch 'f/*' --help
+0|--url tcp://127.0.0.1:1 get --help
+2|
+2|frobnicate
+2|get
+2|get a b
+2|rm
+2|rm a b
+2|watch
+2|--bogus get f/a
+2|get --bogus f/a
+2|put f/a -f
+2|put f/a x -f /dev/null
+2|put f/a x y
+2|--timeout -1 get f/a
+2|--timeout soon get f/a
+2|--timeout 0x10 get f/a
+2|--timeout 1e3 get f/a
+2|--timeout .5 get f/a
+2|--timeout 5. get f/a
+2|help nosuch
+EOF
+grep -qi "exit status" <(timeout 5 "$HSPACE" --help) || fail "--help does not document the exit status"
+grep -q "^Usage: hspace put" <(timeout 5 "$HSPACE" help put) || fail "help put is not put's help"
+snapshot "$tmp/after"
+cmp -s "$tmp/before" "$tmp/after" || fail "help or a usage error changed the store: $(diff "$tmp/before" "$tmp/after")"
+
+# -- ends the options: keys and values that look like options.
+hs 0 put -- -f -x
+hs 0 get -- -f
+[ "$(cat "$tmp/out")" = "-x" ] || fail "get -- -f printed '$(cat "$tmp/out")'"
+hs 1 rm -- --help
+hs 0 rm -- -f
+
+# Messages that name the limit or the cause.
+key70k=$(printf 'k%.0s' $(seq 70000))
+hs 2 get "$key70k"
+expect_err "key is 70000 bytes; at most 65535"
+hs 1 rm 'f/*'
+expect_err "never a pattern"
+
+# URLs are checked where they are typed, before anything is sent.
+while IFS='|' read -r u text; do
+    expect_exit 2 "$HSPACE" --url "$u" get k
+    expect_err "$text"
+done <<'EOF'
+tcp://127.0.0.1:99999|out of range
+tcp://127.0.0.1:0|out of range
+tcp://127.0.0.1:abc|not a number
+tcp://127.0.0.1:-1|not a number
+tcp://127.0.0.1:80/x|not a number
+tcp://127.0.0.1:|port is empty
+tcp://:0|host is empty
+tcp://:7521|host is empty
+tcp://127.0.0.1|no port
+tcp://[::1]:7521|IPv6
+tcp://::1:7521|IPv6
+http://127.0.0.1:1|only tcp
+127.0.0.1:1|no scheme
+|URL is empty
+EOF
+HSPACE_URL=tcp://127.0.0.1:99999 expect_exit 2 "$HSPACE" get k
+expect_err "HSPACE_URL: the port 99999 is out of range"
+while IFS='|' read -r args text; do
+    eval "set -- $args"
+    expect_exit 2 "$HSPACED" "$@"
+    expect_err "$text"
+done <<'EOF'
+--listen ::1|IPv6
+--listen '[::1]'|IPv6
+--listen ''|host is empty
+--port 65536|out of range
+--port x|not a decimal number
+--port 010x|not a decimal number
+--port 0x10|not a decimal number
+--max-queue 10|out of range
+EOF
 expect_exit 3 "$HSPACE" --url tcp://127.0.0.1:1 get k
-grep -q "connection refused" "$tmp/err" || fail "no error text for an unreachable service: $(cat "$tmp/err")"
-expect_exit 3 "$HSPACE" --url http://127.0.0.1:1 get k
+expect_err "cannot connect to tcp://127.0.0.1:1: connection refused"
+
+# Output errors: every write to stdout is checked.
+head -c 5000 /dev/zero | tr '\0' v >"$tmp/big"
+hs 0 put big -f "$tmp/big"
+for args in "get big" "get --raw big" "get f/a" "get --raw f/a" "get *" "--help" "put --help"; do
+    timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 --url "$url" $args >/dev/full 2>"$tmp/err"
+    rc=$?
+    [ "$rc" -eq 3 ] || fail "$args > /dev/full exited $rc"
+    expect_err "cannot write standard output"
+done
 
 # watch: the image, then changes made by other processes, until SIGINT.
-expect_exit 0 "$HSPACE" --url "$url" put w/1 first
-"$HSPACE" --url "$url" watch 'w/*' >"$tmp/watch1" &
+mkfifo "$tmp/watch1" "$tmp/watch2" "$tmp/watch3" "$tmp/listener"
+hs 0 put w/1 first
+"$HSPACE" --timeout 0 --url "$url" watch 'w/*' >"$tmp/watch1" &
 w1=$!
 pids+=("$w1")
 exec {w1_fd}<"$tmp/watch1"
 expect_line "$w1_fd" "image w/1 = first"
-expect_exit 0 "$HSPACE" --url "$url" put w/2 second
-expect_line "$w1_fd" "stored w/2 = second"
-expect_exit 0 "$HSPACE" --url "$url" rm w/1
+hs 0 put w/2 $'sec\nond'
+expect_line "$w1_fd" 'stored w/2 = sec\nond'
+hs 0 rm w/1
 expect_line "$w1_fd" "removed w/1"
 kill -INT "$w1"
 wait_exit "$w1_fd" "$w1" 0
 
-# A watch whose service goes away fails with 3; hspaced stops with 0 on
-# SIGTERM.
-"$HSPACE" --url "$url" watch nothing >"$tmp/watch2" 2>"$tmp/watch2.err" &
+# A service that accepts and never answers: get times out (3) with a
+# message; a watch still connecting ends with 0 on SIGTERM.
+perl -MIO::Socket::INET -e '$| = 1;
+    my $s = IO::Socket::INET->new(LocalAddr => "127.0.0.1", LocalPort => 0, Listen => 8) or die "listen: $!";
+    print $s->sockport, "\n";
+    my @held;
+    while (my $c = $s->accept) { push @held, $c; print "accepted\n"; }' >"$tmp/listener" &
+pids+=($!)
+exec {listener_fd}<"$tmp/listener"
+read_line "$listener_fd"
+silent=tcp://127.0.0.1:$line
+expect_exit 3 "$HSPACE" --url "$silent" --timeout 1 get k
+expect_err "timed out after 1 s connecting to $silent"
+expect_line "$listener_fd" accepted
+"$HSPACE" --url "$silent" --timeout 0 watch k >"$tmp/watch3" &
+w3=$!
+pids+=("$w3")
+exec {w3_fd}<"$tmp/watch3"
+expect_line "$listener_fd" accepted
+kill -TERM "$w3"
+wait_exit "$w3_fd" "$w3" 0
+
+# A value the service could never send back is refused, with a log line;
+# answers larger than the queue bound never drop their reader, nor anyone
+# else: a pattern get over the bound and a watcher both go on.
+start_hspaced "$HSPACED" --max-queue 4096
+small_log=$tmp/hspaced.$nservices.log
+hs 0 put b/0 -f /dev/null
+"$HSPACE" --timeout 0 --url "$url" watch 'b/*' >"$tmp/watch2" 2>"$tmp/watch2.err" &
 w2=$!
 pids+=("$w2")
 exec {w2_fd}<"$tmp/watch2"
-expect_line "$w2_fd" "image (none)"
+expect_line "$w2_fd" "image b/0 = "
+hs 3 put b/big -f "$tmp/big"
+expect_err "value is 5000 bytes; the service refused it"
+grep -q 'put refused: value of 5000 bytes under key "b/big"' "$small_log" || fail "no log line for the refusal"
+head -c 3000 "$tmp/big" >"$tmp/value3k"
+for i in 1 2 3; do
+    hs 0 put "b/$i" -f "$tmp/value3k"
+    read_line "$w2_fd"
+done
+hs 0 get 'b/*'
+[ "$(wc -l <"$tmp/out")" -eq 4 ] || fail "pattern get over the queue bound printed $(wc -l <"$tmp/out") lines"
+hs 0 put b/4 four
+expect_line "$w2_fd" "stored b/4 = four"
+
+# A watch whose service goes away fails with 3 and says why; hspaced
+# stops with 0 on SIGTERM.
 kill -TERM "$svc"
 wait_exit "$svc_fd" "$svc" 0
 wait_exit "$w2_fd" "$w2" 3
-grep -q "closed the connection" "$tmp/watch2.err" || fail "watch did not say why it ended: $(cat "$tmp/watch2.err")"
+grep -q "watch b/\*: the service closed the connection" "$tmp/watch2.err" || fail "watch did not say why it ended: $(cat "$tmp/watch2.err")"
+
+# The completion script completes commands and options.
+complete_line() {
+    timeout 10 bash -c 'source /usr/share/bash-completion/bash_completion 2>/dev/null; source "$1"; shift
+        COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); COMP_LINE="$*"; COMP_POINT=${#COMP_LINE}
+        _hspace; echo "${COMPREPLY[*]}"' _ "$COMPLETION" "$@"
+}
+[ "$(complete_line hspace g)" = get ] || fail "completion of 'hspace g': $(complete_line hspace g)"
+[ "$(complete_line hspace get --r)" = --raw ] || fail "completion of 'hspace get --r'"
+[ "$(complete_line hspace --ti)" = --timeout ] || fail "completion of 'hspace --ti'"
+timeout 10 bash -c 'source "$1" && complete -p hspace' _ "$COMPLETION" >/dev/null || fail "completion does not load"
+
+# The manual pages render.
+if [ -d "$MANDIR" ]; then
+    for page in hspace.1 hspaced.8; do
+        LC_ALL=C MANPAGER=cat MANWIDTH=80 timeout 20 man -l "$MANDIR/$page" >"$tmp/man" 2>&1 || fail "man -l $page failed"
+        grep -q -- "--timeout\|--max-queue" "$tmp/man" || fail "$page lacks the options: $(head -20 "$tmp/man")"
+    done
+fi
 
 echo "cli_test: all passed"

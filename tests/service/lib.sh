@@ -37,14 +37,19 @@ wait_exit() {
     [ "$got" -eq "$3" ] || fail "process $2 exited $got, expected $3"
 }
 
-# start_hspaced HSPACED: runs the service on a port of its choosing; sets
-# $svc (pid), $svc_fd (its output) and $url.
+# start_hspaced HSPACED [ARGS...]: runs the service on a port of its
+# choosing (quiet unless ARGS say otherwise; its stderr goes to
+# $tmp/hspaced.N.log); sets $svc (pid), $svc_fd (its output) and $url.
+nservices=0
 start_hspaced() {
-    mkfifo "$tmp/service"
-    "$1" --port 0 --quiet >"$tmp/service" &
+    local bin=$1
+    shift
+    nservices=$((nservices + 1))
+    mkfifo "$tmp/service.$nservices"
+    "$bin" --port 0 "${@---quiet}" >"$tmp/service.$nservices" 2>"$tmp/hspaced.$nservices.log" &
     svc=$!
     pids+=("$svc")
-    exec {svc_fd}<"$tmp/service"
+    exec {svc_fd}<"$tmp/service.$nservices"
     read_line "$svc_fd"
     case $line in
     "hspaced listening on tcp://127.0.0.1:"*) url=${line#hspaced listening on } ;;

@@ -583,6 +583,42 @@ TEST_F(ServiceTest, SlowSubscriberIsDisconnectedOthersGoOn)
     EXPECT_EQ(server_->stats().open.load(), 2u);
 }
 
+TEST_F(ServiceTest, ValuesAreBoundedAndAnswersOverTheBoundArePaced)
+{
+    Options options;
+    options.max_queue = 4096;
+    start_server(options);
+    Client writer(url_, "writer");
+
+    // A value is accepted when its largest packet fits: value + key + 86.
+    EXPECT_EQ(writer.put("q/x", std::string(4096 - 86 - 3, 'v')), 0u);
+    EXPECT_EQ(writer.put("q/y", std::string(4096 - 86 - 3 + 1, 'v')), KRO_ERR_INVALID_ARG);
+    KeyValues got;
+    ASSERT_EQ(writer.get("q/*", &got), 0u);
+    EXPECT_EQ(got.size(), 1u) << "a refused put stored something";
+
+    // 200 pattern gets, each answered with 9 KiB, sent at once by a client
+    // with a small receive buffer: it is served at its pace, never dropped.
+    for (int i = 1; i <= 3; i++) ASSERT_EQ(writer.put("p/" + std::to_string(i), std::string(3000, static_cast<char>('a' + i))), 0u);
+    RawClient raw(server_->port(), 4096);
+    raw.handshake();
+    std::string out;
+    for (uint32_t corrid = 1; corrid <= 200; corrid++) add_request(out, codec::kOpGet, "p/*", corrid);
+    raw.send(out);
+    for (uint32_t corrid = 1; corrid <= 200; corrid++) {
+        for (uint32_t num = 1; num <= 3; num++) {
+            codec::Packet p;
+            ASSERT_TRUE(raw.next(&p)) << "answer " << corrid << " object " << num;
+            ASSERT_TRUE(p.rr && p.hspace);
+            EXPECT_EQ(p.rr->corrid, corrid);
+            EXPECT_EQ(p.hspace->key, "p/" + std::to_string(num));
+            EXPECT_EQ(p.body, std::string(3000, static_cast<char>('a' + num)));
+        }
+    }
+    EXPECT_EQ(server_->stats().dropped_slow.load(), 0u);
+    EXPECT_EQ(writer.get("p/1", &got), 0u);
+}
+
 TEST_F(ServiceTest, StopEndsEveryConnection)
 {
     Client c(url_);

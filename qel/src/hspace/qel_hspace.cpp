@@ -58,7 +58,7 @@ extern "C" KRO_API t_kro_error qel_hspace_error_get_text(t_kro_error error, cons
     if (text == NULL) return KRO_ERR_INVALID_ARG;
     switch (error) {
     case 0: *text = "success"; break;
-    case KRO_ERR_NO_MATCH: *text = "no object is stored under the key"; break;
+    case KRO_ERR_NO_MATCH: *text = "no match: nothing stored under the key, or no subscription of it"; break;
     case KRO_ERR_NOT_INITIALIZED: *text = "the library is not initialized"; break;
     case KRO_ERR_VERSION: *text = "unsupported library version"; break;
     case KRO_ERR_INVALID_ARG: *text = "invalid argument"; break;
