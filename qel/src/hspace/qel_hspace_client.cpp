@@ -619,7 +619,7 @@ void Client::Impl::cancel(const std::shared_ptr<Subscription::State_> &s)
     subs.erase(std::remove(subs.begin(), subs.end(), s), subs.end());
     images.erase(s->image_id);
     cv.wait(lock, [&] { return delivering != s.get() || delivering_thread == std::this_thread::get_id(); });
-    if (link == nullptr || link->gen != s->link_gen || state.load() != State::connected) return;
+    if (link == nullptr || link->gen != s->link_gen) return; // not posted on the link calls use
     if (t_in_callback == this) { // the reader thread cannot wait for the answer
         Task t{Task::Cancel};
         t.key = s->key;
