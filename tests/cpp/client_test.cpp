@@ -345,6 +345,7 @@ TEST_F(CppTest, RaiiInEveryState)
         gone = true;
     }
     orphan.reset();
+    gone = false;
     EXPECT_EQ(1u, seen.count("state:3"));
     start(0);
     {   // reconnecting, with a backoff the destruction cuts short
@@ -360,20 +361,40 @@ TEST_F(CppTest, RaiiInEveryState)
         c.get("x", ec);
         EXPECT_EQ(Errc::not_connected, ec);
     }
-    {   // closed from another thread while a callback runs
+    {   // destroyed from another thread while a callback runs: the
+        // destruction waits for it, and nothing runs afterwards
         start(0);
         auto c = std::make_unique<qh::Client>(client());
         qh::Client writer = client();
-        Seen entered;
-        std::atomic<bool> closed{false};
+        std::mutex m;
+        std::condition_variable cv;
+        bool entered = false, go = false, finished = false;
         qh::Subscription s = c->subscribe("m", nullptr, [&](qh::Change &&) {
-            entered.add("in");
-            EXPECT_FALSE(closed.load());
+            std::unique_lock<std::mutex> lock(m);
+            after += gone;
+            entered = true;
+            cv.notify_all();
+            cv.wait_for(lock, kBound, [&] { return go; });
+            finished = true;
         });
         writer.put("m", "1");
-        EXPECT_TRUE(entered.wait_for("in"));
-        c.reset(); // joins the reader: a running callback ends first
-        closed = true;
+        {
+            std::unique_lock<std::mutex> lock(m);
+            ASSERT_TRUE(cv.wait_for(lock, kBound, [&] { return entered; }));
+        }
+        std::thread destroyer([&] {
+            c.reset();
+            std::lock_guard<std::mutex> lock(m);
+            EXPECT_TRUE(finished);
+            gone = true;
+        });
+        {
+            std::lock_guard<std::mutex> lock(m);
+            go = true;
+            cv.notify_all();
+        }
+        destroyer.join();
+        writer.put("m", "2");
         s.reset();
     }
     EXPECT_EQ(0, after.load());
