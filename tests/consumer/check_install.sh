@@ -3,14 +3,15 @@
 # installed copy is usable by an application outside the tree:
 #   - headers, libraries, SONAME, pkg-config file and CMake package in place;
 #   - the shared library exports exactly the functions the installed headers
-#     declare KRO_API, nothing more and nothing less;
-#   - app/consumer.c builds through pkg-config and through find_package
-#     (shared and static) and runs.
+#     declare KRO_API, nothing more and nothing less, plus the C++ API of
+#     namespace qel::hspace and nothing else of C++;
+#   - app/consumer.c and app/consumer.cpp build through pkg-config and
+#     through find_package (shared and static) and run.
 #
-#   check_install.sh BINARY_DIR APP_DIR CMAKE GENERATOR C_COMPILER
+#   check_install.sh BINARY_DIR APP_DIR CMAKE GENERATOR C_COMPILER CXX_COMPILER
 set -euo pipefail
 
-bin=$1 app=$2 cmake=$3 generator=$4 cc=$5
+bin=$1 app=$2 cmake=$3 generator=$4 cc=$5 cxx=$6
 tmp=$(mktemp -d "${TMPDIR:-/tmp}/qel_install.XXXXXX")
 trap 'rm -rf "$tmp"' EXIT
 prefix=$tmp/prefix
@@ -41,7 +42,7 @@ echo "includedir $incdir"
 
 step "installed files"
 headers=$(cd "$incdir" && ls | tr '\n' ' ')
-[ "$headers" = "kro.h kro_buf.h kro_llist.h qel_hspace.h " ] || fail "installed headers are: $headers"
+[ "$headers" = "kro.h kro_buf.h kro_llist.h qel_hspace.h qel_hspace.hpp " ] || fail "installed headers are: $headers"
 for f in libqel_hspace.so libqel_hspace.so.1 libqel_hspace.a; do
     [ -e "$libdir/$f" ] || fail "missing $libdir/$f"
 done
@@ -51,7 +52,13 @@ find "$prefix" -name qel_hspaceConfig.cmake | grep -q . || fail "no qel_hspaceCo
 find "$prefix" -name qel_hspaceConfigVersion.cmake | grep -q . || fail "no qel_hspaceConfigVersion.cmake"
 
 step "exported symbols of libqel_hspace.so"
-exported=$(nm -D --defined-only "$libdir/libqel_hspace.so" | awk '{print $NF}' | sort -u)
+all=$(nm -D --defined-only "$libdir/libqel_hspace.so" | awk '{print $NF}' | sort -u)
+exported=$(echo "$all" | grep -v '^_Z' || true)
+cxx_syms=$(echo "$all" | grep '^_Z' || true)
+others=$(echo "$cxx_syms" | grep -v '^_ZN\(K\)\?3qel6hspace' || true)
+echo "$(echo "$cxx_syms" | grep -c . || true) C++ symbols of qel::hspace"
+[ -n "$cxx_syms" ] || fail "the C++ API is not exported"
+[ -z "$others" ] || fail "C++ symbols outside qel::hspace exported: $(echo $others)"
 declared=$(cat "$incdir"/*.h | grep -o '^KRO_API[^(]*(' | sed 's/($//; s/.*[ *]//' | sort -u)
 extra=$(comm -23 <(echo "$exported") <(echo "$declared"))
 missing=$(comm -13 <(echo "$exported") <(echo "$declared"))
@@ -65,8 +72,13 @@ quiet "$cc" -std=c99 -Wall -Wextra -Werror -pedantic -o "$tmp/consumer_pc" "$app
     $(pkg-config --cflags --libs qel_hspace)
 LD_LIBRARY_PATH=$libdir "$tmp/consumer_pc" || fail "consumer built through pkg-config"
 
+# shellcheck disable=SC2046
+quiet "$cxx" -std=c++17 -Wall -Wextra -Werror -o "$tmp/consumer_cpp_pc" "$app/consumer.cpp" \
+    $(pkg-config --cflags --libs qel_hspace)
+LD_LIBRARY_PATH=$libdir "$tmp/consumer_cpp_pc" || fail "C++ consumer built through pkg-config"
+
 step "consumer through find_package"
-quiet "$cmake" -S "$app" -B "$tmp/app" -G "$generator" -DCMAKE_C_COMPILER="$cc" \
+quiet "$cmake" -S "$app" -B "$tmp/app" -G "$generator" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" \
     -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
 found=$(sed -n 's/^qel_hspace_DIR:PATH=//p' "$tmp/app/CMakeCache.txt")
 case $found in
@@ -76,6 +88,8 @@ esac
 quiet "$cmake" --build "$tmp/app"
 LD_LIBRARY_PATH=$libdir "$tmp/app/consumer" || fail "consumer built through find_package (shared)"
 "$tmp/app/consumer_static" || fail "consumer built through find_package (static)"
+LD_LIBRARY_PATH=$libdir "$tmp/app/consumer_cpp" || fail "C++ consumer built through find_package (shared)"
+"$tmp/app/consumer_cpp_static" || fail "C++ consumer built through find_package (static)"
 if readelf -d "$tmp/app/consumer_static" | grep -q 'libqel_hspace'; then
     fail "consumer_static depends on the shared library"
 fi
