@@ -926,6 +926,16 @@ static void qel_hspace_request_abandon(t_qel_hspace_request request)
  * are raised without it. Reader thread only.
  * ====================================================================== */
 
+/* Releases the mutex, then wakes the synchronous waiters if a record of
+ * theirs completed meanwhile. Mutex held on entry. */
+static void qel_hspace_unlock_and_wake(t_qel_hspace hspace) KRO_RELEASE(hspace->mutex)
+{
+    bool wake = hspace->wake_waiters != 0;
+    hspace->wake_waiters = 0;
+    qel_hspace_unlock(hspace);
+    if (wake) kro_cond_notifyall(hspace->cond);
+}
+
 /* Raises a get-reply or post-image event about request. False when the
  * record's caller gave it up meanwhile: it is then freed here and the
  * caller of this function must not touch it again. */
@@ -949,7 +959,8 @@ static bool qel_hspace_dispatch_reply_image_event(t_qel_hspace hspace, t_qel_hsp
         data.object = NULL;
     }
     request->in_event = 1;
-    qel_hspace_unlock(hspace);
+    /* Callers completed before this event are not kept waiting on it. */
+    qel_hspace_unlock_and_wake(hspace);
     hspace->event_handler(hspace, event, &data);
     qel_hspace_lock(hspace);
     request->in_event = 0;
@@ -976,24 +987,14 @@ static void qel_hspace_dispatch_notification_event(t_qel_hspace hspace, t_kro_by
  * with a reply-image event.
  * ====================================================================== */
 
-static void qel_hspace_complete_sync_request(t_qel_hspace_request request, t_kro_error error, t_kro_bool notify,
-                                             t_kro_bool remove)
+static void qel_hspace_complete_sync_request(t_qel_hspace hspace, t_qel_hspace_request request, t_kro_error error,
+                                             t_kro_bool notify, t_kro_bool remove) KRO_REQUIRES(hspace->mutex)
 {
     KRO_CHECK(request->sync_ctx != NULL);
     request->sync_ctx->complete = 1;
     request->sync_ctx->error = error;
     if (remove && request->head != NULL) qel_hspace_request_unlink(request);
-    if (notify) request->hspace->wake_waiters = 1;
-}
-
-/* Releases the mutex, then wakes the synchronous waiters if a record of
- * theirs completed meanwhile. Mutex held on entry. */
-static void qel_hspace_unlock_and_wake(t_qel_hspace hspace)
-{
-    bool wake = hspace->wake_waiters != 0;
-    hspace->wake_waiters = 0;
-    qel_hspace_unlock(hspace);
-    if (wake) kro_cond_notifyall(hspace->cond);
+    if (notify) hspace->wake_waiters = 1;
 }
 
 static void qel_hspace_complete_async_request_with_error(t_qel_hspace hspace, t_qel_hspace_request request,
@@ -1040,7 +1041,7 @@ static void qel_hspace_complete_request(t_qel_hspace hspace, t_qel_hspace_reques
             }
         }
         keep = request->opcode == HSPACE_OPCODE_POST && status == 0 && !request->cancelled;
-        qel_hspace_complete_sync_request(request, status, 1, keep ? 0 : 1);
+        qel_hspace_complete_sync_request(hspace, request, status, 1, keep ? 0 : 1);
         return;
     }
     /* Asynchronous get or subscription. A success reply, or any reply to a
@@ -1146,7 +1147,7 @@ static void qel_hspace_process_object(t_qel_hspace hspace, t_qel_hspace_packet p
         /* Synchronous get: the caller's list, in arrival order. */
         qel_hspace_object_create_from_packet(packet, &object);
         kro_llist_append(request->sync_ctx->replies, object);
-        if (num == count) qel_hspace_complete_sync_request(request, error, 1, 1);
+        if (num == count) qel_hspace_complete_sync_request(hspace, request, error, 1, 1);
     } else if (request != NULL && request->opcode == HSPACE_OPCODE_GET) {
         qel_hspace_object_create_from_packet(packet, &object);
         if (qel_hspace_dispatch_reply_image_event(hspace, request, 0, count, num, object) && num == count)
