@@ -593,7 +593,7 @@ TEST_F(ServiceTest, ValuesAreBoundedAndAnswersOverTheBoundArePaced)
     // A value is accepted when its largest packet fits: value + key + 86.
     EXPECT_EQ(writer.put("q/x", std::string(4096 - 86 - 3, 'v')), 0u);
     EXPECT_EQ(writer.put("q/y", std::string(4096 - 86 - 3 + 1, 'v')), KRO_ERR_INVALID_ARG);
-    KeyValues got;
+    Pairs got;
     ASSERT_EQ(writer.get("q/*", &got), 0u);
     EXPECT_EQ(got.size(), 1u) << "a refused put stored something";
 
