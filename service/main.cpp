@@ -21,16 +21,21 @@
 namespace {
 
 const char kUsage[] =
-    "usage: hspaced [--listen HOST] [--port N] [--name NAME] [--max-queue BYTES] [--quiet]\n"
+    "usage: hspaced [--listen HOST] [--port N] [--name NAME] [--max-queue BYTES]\n"
+    "               [--store memory|etcd://HOST:PORT[,HOST:PORT...]] [--store-prefix P] [--quiet]\n"
     "\n"
-    "The reference hspace service: an in-memory keyed object store for development,\n"
-    "tests and demos. Not a production store: nothing is persisted.\n"
+    "The reference hspace service: a keyed object store for development, tests and\n"
+    "demos, in its own memory (nothing persisted) or in an etcd cluster.\n"
     "\n"
     "  --listen HOST      address to listen on (default 127.0.0.1)\n"
     "  --port N           port to listen on (default 7521; 0 picks a free port)\n"
     "  --name NAME        service name sent to clients (default hspaced)\n"
     "  --max-queue BYTES  unsent bytes a client may have queued before it is\n"
     "                     disconnected (default 67108864)\n"
+    "  --store STORE      where the objects live: memory (default) or\n"
+    "                     etcd://HOST:PORT[,HOST:PORT...], every member of an\n"
+    "                     etcd cluster, tried in turn\n"
+    "  --store-prefix P   etcd: the prefix of every key stored (default hspace/)\n"
     "  --quiet            no connection log on stderr\n"
     "  --help             this text\n"
     "\n"
@@ -79,6 +84,14 @@ int main(int argc, char **argv)
             if (v == nullptr) return usage_error("missing value of", a);
             if (strlen(v) > 0xFFFF) return usage_error("name too long", nullptr);
             options.name = v;
+            i++;
+        } else if (strcmp(a, "--store") == 0) {
+            if (v == nullptr) return usage_error("missing value of", a);
+            options.store = v;
+            i++;
+        } else if (strcmp(a, "--store-prefix") == 0) {
+            if (v == nullptr) return usage_error("missing value of", a);
+            options.store_prefix = v;
             i++;
         } else if (strcmp(a, "--port") == 0) {
             if (!parse_number(v, 65535, &n)) return usage_error("bad port", v);

@@ -3,7 +3,11 @@
  * started in-process on 127.0.0.1 and an ephemeral port: every operation
  * and semantic, patterns, subscriptions across handles, and clients that
  * misbehave on raw sockets (garbage, no handshake, a subscriber that never
- * reads) while the others go on.
+ * reads) while the others go on. Every case runs once per store: memory,
+ * and etcd (one member started by the test, each case under its own key
+ * prefix). Then what only the etcd store does: data that outlives a
+ * service, instances that share it, a member's failover, etcd stopped and
+ * back.
  *
  * Every wait is bounded by kWatchdog and fails the test when it runs out.
  */
@@ -30,9 +34,11 @@
 
 #include <gtest/gtest.h>
 
+#include "etcd_cluster.h"
 #include "hspace_codec.h"
 #include "qel_hspace.h"
 #include "server.h"
+#include "store/store.h"
 
 namespace {
 
@@ -361,11 +367,40 @@ private:
     std::string in_;                           // received, not yet returned
 };
 
-class ServiceTest : public ::testing::Test {
+// The etcd member shared by the cases of the store-parameterised suite,
+// started by the first case that needs it, stopped at the end.
+EtcdCluster *shared_etcd = nullptr;
+int prefixes = 0;                              // key prefixes handed out
+
+class SharedEtcd : public ::testing::Environment {
+public:
+    void TearDown() override
+    {
+        delete shared_etcd;
+        shared_etcd = nullptr;
+    }
+};
+const auto *const shared_etcd_environment = ::testing::AddGlobalTestEnvironment(new SharedEtcd);
+
+std::vector<std::string> stores()
+{
+    std::vector<std::string> all{"memory"};
+    if (QEL_TEST_ETCD) all.push_back("etcd");
+    return all;
+}
+
+class ServiceTest : public ::testing::TestWithParam<std::string> {
 protected:
     void SetUp() override
     {
         ASSERT_EQ(qel_hspace_initialize(QEL_HSPACE_VERSION, 1), 0u);
+        if (GetParam() == "etcd") {
+            ASSERT_TRUE(EtcdCluster::installed()) << "etcd-server and etcd-client are needed";
+            if (shared_etcd == nullptr) {
+                shared_etcd = new EtcdCluster(1);
+                ASSERT_TRUE(shared_etcd->start(kWatchdog)) << "etcd did not start";
+            }
+        }
         start_server(Options());
     }
     void TearDown() override
@@ -373,9 +408,15 @@ protected:
         server_.reset();
         qel_hspace_finalize();
     }
+    // Starts the service on the store under test; the etcd store gets a
+    // key prefix of its own for each case.
     void start_server(Options options)
     {
         server_.reset();
+        if (GetParam() == "etcd") {
+            options.store = shared_etcd->store_url();
+            options.store_prefix = "case" + std::to_string(++prefixes) + "/";
+        }
         server_.reset(new Server(options));
         std::string error;
         ASSERT_TRUE(server_->start(&error)) << error;
@@ -397,7 +438,7 @@ protected:
     int fences_ = 0;
 };
 
-TEST_F(ServiceTest, PutGetRemoveEverySemantic)
+TEST_P(ServiceTest, PutGetRemoveEverySemantic)
 {
     Client c(url_);
     KeyValues got;
@@ -442,7 +483,7 @@ TEST_F(ServiceTest, PutGetRemoveEverySemantic)
     EXPECT_EQ(c.put("after", std::string("ok")), 0u);
 }
 
-TEST_F(ServiceTest, PatternAndAsynchronousGets)
+TEST_P(ServiceTest, PatternAndAsynchronousGets)
 {
     Client c(url_);
     for (const char *k : {"p/c", "p/a", "q/x", "p/b", "p", "pz"}) EXPECT_EQ(c.put(k, std::string("v-") + k), 0u);
@@ -490,7 +531,7 @@ TEST_F(ServiceTest, PatternAndAsynchronousGets)
     EXPECT_FALSE(ev[3].has_object);
 }
 
-TEST_F(ServiceTest, SubscriptionImageNotificationsAndCancel)
+TEST_P(ServiceTest, SubscriptionImageNotificationsAndCancel)
 {
     Client c(url_);
     EXPECT_EQ(c.put("a/1", std::string("one")), 0u);
@@ -551,7 +592,7 @@ TEST_F(ServiceTest, SubscriptionImageNotificationsAndCancel)
     EXPECT_TRUE(fence(c, c).size() == 1u); // still only the empty image
 }
 
-TEST_F(ServiceTest, TriggerMaskAndKeyOnlySubscriptions)
+TEST_P(ServiceTest, TriggerMaskAndKeyOnlySubscriptions)
 {
     Client writer(url_), sub(url_);
     EXPECT_EQ(sub.post("fence"), 0u);
@@ -576,7 +617,7 @@ TEST_F(ServiceTest, TriggerMaskAndKeyOnlySubscriptions)
     EXPECT_EQ(ev[4].value, std::nullopt); // key only
 }
 
-TEST_F(ServiceTest, NotificationsReachAnotherHandleInOrder)
+TEST_P(ServiceTest, NotificationsReachAnotherHandleInOrder)
 {
     Client writer(url_, "writer"), sub(url_, "subscriber");
     EXPECT_EQ(sub.post("seq/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
@@ -598,7 +639,7 @@ TEST_F(ServiceTest, NotificationsReachAnotherHandleInOrder)
     }
 }
 
-TEST_F(ServiceTest, OneHandleSharedByThreads)
+TEST_P(ServiceTest, OneHandleSharedByThreads)
 {
     Client c(url_);
     constexpr int kThreads = 4, kOps = 100;
@@ -622,7 +663,7 @@ TEST_F(ServiceTest, OneHandleSharedByThreads)
     EXPECT_EQ(got.size(), static_cast<size_t>(kThreads * 10));
 }
 
-TEST_F(ServiceTest, HandshakeAndUnknownRequestsOnTheWire)
+TEST_P(ServiceTest, HandshakeAndUnknownRequestsOnTheWire)
 {
     // The handshake reply: version 1, a nonzero ltp, the service's name.
     {
@@ -663,7 +704,7 @@ TEST_F(ServiceTest, HandshakeAndUnknownRequestsOnTheWire)
     EXPECT_EQ(server_->stats().dropped_invalid.load(), 2u);
 }
 
-TEST_F(ServiceTest, GarbageFromOneClientHarmsNoOther)
+TEST_P(ServiceTest, GarbageFromOneClientHarmsNoOther)
 {
     Client good(url_), writer(url_);
     EXPECT_EQ(good.post("fence"), 0u);
@@ -713,7 +754,7 @@ TEST_F(ServiceTest, GarbageFromOneClientHarmsNoOther)
     EXPECT_EQ(ev[0].object_key, "g/1");
 }
 
-TEST_F(ServiceTest, SlowSubscriberIsDisconnectedOthersGoOn)
+TEST_P(ServiceTest, SlowSubscriberIsDisconnectedOthersGoOn)
 {
     Options options;
     options.max_queue = 1 << 20;
@@ -755,7 +796,7 @@ TEST_F(ServiceTest, SlowSubscriberIsDisconnectedOthersGoOn)
     EXPECT_EQ(server_->stats().open.load(), 2u);
 }
 
-TEST_F(ServiceTest, StopEndsEveryConnection)
+TEST_P(ServiceTest, StopEndsEveryConnection)
 {
     Client c(url_);
     EXPECT_EQ(c.post("k"), 0u);
@@ -771,6 +812,9 @@ TEST_F(ServiceTest, StopEndsEveryConnection)
     EXPECT_EQ(state, HSPACE_STATE_FAILED);
     EXPECT_EQ(server_->stats().open.load(), 0u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Stores, ServiceTest, ::testing::ValuesIn(stores()),
+                         [](const ::testing::TestParamInfo<std::string> &info) { return info.param; });
 
 TEST(ServerLifecycle, RefusesABusyPortAndASecondStart)
 {
