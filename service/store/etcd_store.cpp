@@ -28,6 +28,7 @@
 #include <stdio.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <optional>
@@ -55,6 +56,8 @@ using Work = asio::executor_work_guard<asio::io_context::executor_type>;
 
 constexpr uint32_t kStatusRefused = 12;        // etcd refused the request as such
 constexpr std::chrono::milliseconds kFeedRetry{100}; // pause between two attempts to reopen the Watch
+constexpr std::chrono::milliseconds kCallRetry{50};  // pause between two attempts of a call
+constexpr std::chrono::milliseconds kAttempt{1000};  // bound of one attempt: about etcd's election timeout
 
 // The first key after every key with the prefix ("\0" for all keys).
 std::string range_end(const std::string &prefix)
@@ -124,16 +127,18 @@ std::string grpc_target(const std::string &url, std::string *error)
 
 class EtcdStore;
 
-// One unary call: its context, request, response and the guard that keeps
-// the I/O context running until its result is handled. Shared by the gRPC
-// callback and the posted handler.
+// One unary call: its request, the response and context of its current
+// attempt, and the guard that keeps the I/O context running until its
+// result is handled. Shared by the gRPC callback and the posted handler.
 template <class Request, class Response>
 struct Call {
-    explicit Call(asio::io_context &io) : work(io.get_executor()) {}
-    grpc::ClientContext ctx;
+    Call(asio::io_context &io, Clock::time_point deadline) : work(io.get_executor()), timer(io), deadline(deadline) {}
+    std::unique_ptr<grpc::ClientContext> ctx;
     Request req;
     Response resp;
     Work work;
+    asio::steady_timer timer;                  // pause before the next attempt
+    const Clock::time_point deadline;          // of the whole call
 };
 
 // The Watch stream of the feed. Deletes itself, on the I/O thread, after
@@ -186,35 +191,29 @@ public:
 
     void put(std::string_view key, std::string_view value, Done done) override
     {
-        auto call = start_call<pb::PutRequest, pb::PutResponse>();
+        auto call = new_call<pb::PutRequest, pb::PutResponse>();
         call->req.set_key(prefix_ + std::string(key));
         call->req.set_value(value.data(), value.size());
-        kv_->async()->Put(&call->ctx, &call->req, &call->resp, [this, call, done](grpc::Status s) mutable {
-            asio::post(io_, [this, call = std::move(call), done = std::move(done), s]() mutable {
-                end_call(call.get());
-                if (!s.ok()) return failed("put", s, [&] { done(status_of(s)); });
-                after_delivery(call->resp.header().revision(), [done = std::move(done)] { done(0); });
-            });
+        attempt(call, [this](auto *ctx, auto *req, auto *resp, auto cb) { kv_->async()->Put(ctx, req, resp, std::move(cb)); }, [this, call, done](const grpc::Status &s) {
+            if (!s.ok()) return failed("put", s, [&] { done(status_of(s)); });
+            after_delivery(call->resp.header().revision(), [done] { done(0); });
         });
     }
 
     void remove(std::string_view key, Done done) override
     {
-        auto call = start_call<pb::DeleteRangeRequest, pb::DeleteRangeResponse>();
+        auto call = new_call<pb::DeleteRangeRequest, pb::DeleteRangeResponse>();
         call->req.set_key(prefix_ + std::string(key));
-        kv_->async()->DeleteRange(&call->ctx, &call->req, &call->resp, [this, call, done](grpc::Status s) mutable {
-            asio::post(io_, [this, call = std::move(call), done = std::move(done), s]() mutable {
-                end_call(call.get());
-                if (!s.ok()) return failed("remove", s, [&] { done(status_of(s)); });
-                if (call->resp.deleted() == 0) return done(kStatusNoMatch);
-                after_delivery(call->resp.header().revision(), [done = std::move(done)] { done(0); });
-            });
+        attempt(call, [this](auto *ctx, auto *req, auto *resp, auto cb) { kv_->async()->DeleteRange(ctx, req, resp, std::move(cb)); }, [this, call, done](const grpc::Status &s) {
+            if (!s.ok()) return failed("remove", s, [&] { done(status_of(s)); });
+            if (call->resp.deleted() == 0) return done(kStatusNoMatch);
+            after_delivery(call->resp.header().revision(), [done] { done(0); });
         });
     }
 
     void read(std::string_view key, bool key_only, Read done) override
     {
-        auto call = start_call<pb::RangeRequest, pb::RangeResponse>();
+        auto call = new_call<pb::RangeRequest, pb::RangeResponse>();
         if (is_pattern(key)) {
             std::string prefix = prefix_ + std::string(key.substr(0, key.size() - 1));
             call->req.set_range_end(range_end(prefix));
@@ -223,19 +222,16 @@ public:
             call->req.set_key(prefix_ + std::string(key));
         }
         call->req.set_keys_only(key_only);
-        kv_->async()->Range(&call->ctx, &call->req, &call->resp, [this, call, done](grpc::Status s) mutable {
-            asio::post(io_, [this, call = std::move(call), done = std::move(done), s]() mutable {
-                end_call(call.get());
-                if (!s.ok()) return failed("get", s, [&] { done(status_of(s), 0, {}); });
-                std::vector<ObjectView> objects;
-                objects.reserve(call->resp.kvs_size());
-                for (const pb::KeyValue &kv : call->resp.kvs()) {
-                    std::string_view k(kv.key());
-                    if (k.compare(0, prefix_.size(), prefix_) != 0) continue;
-                    objects.push_back(ObjectView{k.substr(prefix_.size()), kv.value()});
-                }
-                done(0, call->resp.header().revision(), objects);
-            });
+        attempt(call, [this](auto *ctx, auto *req, auto *resp, auto cb) { kv_->async()->Range(ctx, req, resp, std::move(cb)); }, [this, call, done](const grpc::Status &s) {
+            if (!s.ok()) return failed("get", s, [&] { done(status_of(s), 0, {}); });
+            std::vector<ObjectView> objects;
+            objects.reserve(call->resp.kvs_size());
+            for (const pb::KeyValue &kv : call->resp.kvs()) {
+                std::string_view k(kv.key());
+                if (k.compare(0, prefix_.size(), prefix_) != 0) continue;
+                objects.push_back(ObjectView{k.substr(prefix_.size()), kv.value()});
+            }
+            done(0, call->resp.header().revision(), objects);
         });
     }
 
@@ -289,19 +285,46 @@ private:
     };
 
     template <class Request, class Response>
-    std::shared_ptr<Call<Request, Response>> start_call()
+    std::shared_ptr<Call<Request, Response>> new_call()
     {
-        auto call = std::make_shared<Call<Request, Response>>(io_);
-        call->ctx.set_deadline(std::chrono::system_clock::now() + timeout_);
-        call->ctx.set_wait_for_ready(true);
-        calls_.insert(&call->ctx);
-        return call;
+        return std::make_shared<Call<Request, Response>>(io_, Clock::now() + timeout_);
     }
-    template <class C>
-    void end_call(C *call)
+
+    // One attempt of call through method; done runs on the I/O thread with
+    // the final status. An attempt that fails for want of a member with a
+    // leader (UNAVAILABLE: its member is gone or has no leader; or no answer
+    // within kAttempt: its member's leader is gone and not yet replaced) is
+    // made again after a pause, until the call's deadline. A request under
+    // way when its member died may have been applied, and is made again
+    // all the same.
+    template <class Request, class Response, class Method>
+    void attempt(const std::shared_ptr<Call<Request, Response>> &call, Method method,
+                 std::function<void(const grpc::Status &)> done)
     {
-        calls_.erase(&call->ctx);
-        call->work.reset();
+        call->ctx.reset(new grpc::ClientContext);
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(call->deadline - Clock::now());
+        call->ctx->set_deadline(std::chrono::system_clock::now() + std::min(left, kAttempt));
+        call->ctx->set_wait_for_ready(true);
+        call->ctx->AddMetadata("hasleader", "true");
+        calls_.insert(call->ctx.get());
+        method(call->ctx.get(), &call->req, &call->resp,
+                                std::function<void(grpc::Status)>([this, call, method, done](grpc::Status s) {
+                                    asio::post(io_, [this, call, method, done, s] {
+                                        calls_.erase(call->ctx.get());
+                                        bool again = s.error_code() == grpc::StatusCode::UNAVAILABLE ||
+                                                     s.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED;
+                                        if (again && !closed_ &&
+                                            Clock::now() + kCallRetry < call->deadline) {
+                                            call->timer.expires_after(kCallRetry);
+                                            call->timer.async_wait([this, call, method, done](const asio::error_code &) {
+                                                attempt(call, method, done);
+                                            });
+                                            return;
+                                        }
+                                        call->work.reset();
+                                        done(s);
+                                    });
+                                }));
     }
 
     template <class F>

@@ -832,3 +832,140 @@ TEST(ServerLifecycle, RefusesABusyPortAndASecondStart)
 }
 
 } // namespace
+
+namespace {
+
+// What only the etcd store does. Each case starts its services on a
+// cluster of its own or under a key prefix of its own.
+class EtcdTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!QEL_TEST_ETCD) GTEST_SKIP() << "the etcd store is not tested in this build";
+        ASSERT_TRUE(EtcdCluster::installed()) << "etcd-server and etcd-client are needed";
+        ASSERT_EQ(qel_hspace_initialize(QEL_HSPACE_VERSION, 1), 0u);
+    }
+    void TearDown() override { qel_hspace_finalize(); }
+
+    static std::unique_ptr<Server> start(const std::string &store, const std::string &prefix, unsigned timeout_ms)
+    {
+        Options options;
+        options.store = store;
+        options.store_prefix = prefix;
+        options.store_timeout_ms = timeout_ms;
+        std::unique_ptr<Server> server(new Server(options));
+        std::string error;
+        EXPECT_TRUE(server->start(&error)) << error;
+        return server;
+    }
+};
+
+TEST_F(EtcdTest, DataOutlivesTheServiceAndInstancesShareItWithoutGapOrDuplicate)
+{
+    EtcdCluster etcd(1);
+    ASSERT_TRUE(etcd.start(kWatchdog));
+
+    // Written through one service, read back through its successor.
+    {
+        auto first = start(etcd.store_url(), "share/", 3000);
+        Client c(first->url());
+        EXPECT_EQ(c.put("kept", std::string("across restarts")), 0u);
+    }
+    auto a = start(etcd.store_url(), "share/", 3000), b = start(etcd.store_url(), "share/", 3000);
+    Client reader(a->url());
+    KeyValues got;
+    ASSERT_EQ(reader.get("kept", &got), 0u);
+    EXPECT_EQ(got, (KeyValues{{"kept", std::string("across restarts")}}));
+
+    // A writer on B runs while a subscriber on A posts: every write is in
+    // the image or in the notifications, exactly once, in the writer's
+    // order, including those between the image's read and the watch.
+    constexpr int kWrites = 200, kBeforePost = 40;
+    std::mutex m;
+    std::condition_variable cv;
+    int written = 0;
+    std::thread writer([&] {
+        Client w(b->url());
+        for (int i = 0; i < kWrites; i++) {
+            char key[16];
+            snprintf(key, sizeof key, "s/%03d", i);
+            EXPECT_EQ(w.put(key, std::to_string(i), i % 2 ? HSPACE_PUT_NOREPLY : HSPACE_PUT_SYNC), 0u);
+            std::lock_guard<std::mutex> lock(m);
+            written = i + 1;
+            cv.notify_all();
+        }
+    });
+    {
+        std::unique_lock<std::mutex> lock(m);
+        EXPECT_TRUE(cv.wait_for(lock, kWatchdog, [&] { return written >= kBeforePost; }));
+    }
+    Client sub(a->url());
+    EXPECT_EQ(sub.post("s/*"), 0u);
+    writer.join();
+    std::vector<Event> ev = sub.wait_notification("s/199", "199");
+    std::vector<std::string> seen;
+    size_t image = 0;
+    for (const Event &e : ev) {
+        if (e.type == HSPACE_EVENT_POST_IMAGE && e.has_object) image++;
+        if (e.has_object) seen.push_back(e.object_key + "=" + e.value.value_or("-"));
+    }
+    seen.push_back("s/199=199");
+    ASSERT_EQ(seen.size(), static_cast<size_t>(kWrites));
+    for (int i = 0; i < kWrites; i++) {
+        char want[32];
+        snprintf(want, sizeof want, "s/%03d=%d", i, i);
+        ASSERT_EQ(seen[i], want) << "at " << i << ", image of " << image;
+    }
+    EXPECT_GE(image, static_cast<size_t>(kBeforePost));
+}
+
+TEST_F(EtcdTest, FailoverOfAMemberThenAnOutageAndRecovery)
+{
+    EtcdCluster etcd(3);
+    ASSERT_TRUE(etcd.start(kWatchdog));
+    auto service = start(etcd.store_url(), "f/", 5000);
+    Client writer(service->url()), sub(service->url());
+    EXPECT_EQ(sub.post("f/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+    EXPECT_EQ(writer.put("f/1", std::string("one")), 0u);
+    EXPECT_TRUE(sub.wait_notification("f/1", "one").empty());
+
+    // The first member, the one the service talks to, dies: writes and the
+    // subscription go on through the others, with no gap.
+    etcd.kill(0);
+    for (const char *v : {"two", "three"}) EXPECT_EQ(writer.put(std::string("f/") + v, std::string(v)), 0u);
+    EXPECT_TRUE(sub.wait_notification("f/two", "two").empty());
+    EXPECT_TRUE(sub.wait_notification("f/three", "three").empty());
+
+    // Every member stopped: a service with a short bound answers each
+    // request with the store's failure status, and ends its subscription
+    // with a notification of trigger 4 under the subscribed key.
+    auto outage = start(etcd.store_url(), "f/", 500);
+    Client c(outage->url());
+    EXPECT_EQ(c.post("f/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+    etcd.kill(1);
+    etcd.kill(2);
+    KeyValues got;
+    EXPECT_EQ(c.put("f/lost", std::string("x")), hspace::service::kStatusStoreUnavailable);
+    EXPECT_EQ(c.get("f/1", &got), hspace::service::kStatusStoreUnavailable);
+    EXPECT_EQ(c.remove("f/1"), hspace::service::kStatusStoreUnavailable);
+    std::vector<Event> ev = c.wait_events(1);
+    ASSERT_EQ(ev.size(), 1u);
+    EXPECT_EQ(ev[0].type, HSPACE_EVENT_POST_NOTIFICATION);
+    EXPECT_EQ(ev[0].trigger, hspace::service::kTriggerEnded);
+    EXPECT_EQ(ev[0].object_key, "f/*");
+    c.clear_events();
+    EXPECT_EQ(c.post("g"), hspace::service::kStatusStoreUnavailable);
+    // The ended subscription is still the client's until it cancels it.
+    EXPECT_EQ(c.cancel("f/*"), KRO_ERR_NO_MATCH);
+
+    // etcd back: the same service serves again, with everything written.
+    ASSERT_TRUE(etcd.start(kWatchdog));
+    EXPECT_EQ(c.put("f/4", std::string("four")), 0u);
+    ASSERT_EQ(c.get("f/*", &got, HSPACE_GET_FLAG_KEY_ONLY), 0u);
+    EXPECT_EQ(got, (KeyValues{{"f/1", std::nullopt}, {"f/4", std::nullopt}, {"f/three", std::nullopt}, {"f/two", std::nullopt}}));
+    EXPECT_EQ(c.post("f/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+    EXPECT_EQ(writer.put("f/5", std::string("five")), 0u);
+    EXPECT_TRUE(c.wait_notification("f/5", "five").empty());
+}
+
+} // namespace
