@@ -431,10 +431,12 @@ void Feed::start(pb::Watch::Stub &stub, const std::string &key, const std::strin
 void Feed::OnReadDone(bool ok)
 {
     if (!ok) return; // OnDone follows
+    // Posted before the next read starts: the next response's handler,
+    // posted from whichever gRPC thread completes that read, comes after.
     auto r = std::make_shared<pb::WatchResponse>(std::move(resp_));
     resp_.Clear();
-    StartRead(&resp_);
     asio::post(io_, [this, r] { store_.on_watch_response(id, *r); });
+    StartRead(&resp_);
 }
 
 void Feed::OnDone(const grpc::Status &status)
