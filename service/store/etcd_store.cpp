@@ -317,7 +317,9 @@ private:
                                             Clock::now() + kCallRetry < call->deadline) {
                                             call->timer.expires_after(kCallRetry);
                                             call->timer.async_wait([this, call, method, done](const asio::error_code &) {
-                                                attempt(call, method, done);
+                                                if (!closed_) return attempt(call, method, done);
+                                                call->work.reset();
+                                                done(grpc::Status(grpc::StatusCode::CANCELLED, "store closed"));
                                             });
                                             return;
                                         }
