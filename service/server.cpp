@@ -85,6 +85,7 @@ struct Subscription {
     uint8_t triggers;                          // mask of trigger bits; 0 selects all
     bool key_only;                             // notifications without values
     bool starting;                             // its post waits for the store's begin()
+    int64_t after = 0;                         // selects only changes after this revision (its image's)
 };
 
 // A change held for a connection while one of its posts is starting.
@@ -556,7 +557,7 @@ void Engine::finish_post(Connection &c, uint32_t status, int64_t revision, const
             // A send may close the connection (and clear its subscriptions):
             // what is needed afterwards is taken first.
             sub->starting = false;
-            const Subscription *added = sub;
+            sub->after = revision;
             std::vector<Held> held(std::move(c.held));
             c.held.clear();
             if (c.op.corrid) {
@@ -569,7 +570,7 @@ void Engine::finish_post(Connection &c, uint32_t status, int64_t revision, const
                 bool match = false, want_value = false;
                 for (const Subscription &s : c.subs) {
                     if (!selects(s.key, e.key) || (s.triggers != 0 && (s.triggers & e.trigger) == 0)) continue;
-                    if (&s == added && e.revision <= revision) continue;
+                    if (e.revision <= s.after) continue;
                     match = true;
                     want_value = want_value || !s.key_only;
                 }
@@ -633,6 +634,8 @@ void Engine::on_change(std::string_view key, uint8_t trigger, const std::string_
         bool match = false, want_value = false;
         for (const Subscription &s : c.subs) {
             if (!selects(s.key, key) || (s.triggers != 0 && (s.triggers & trigger) == 0)) continue;
+            // The store's feed may deliver changes the image already held.
+            if (revision <= s.after) continue;
             match = true;
             want_value = want_value || !s.key_only;
         }
