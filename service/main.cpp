@@ -5,7 +5,7 @@
  * 0. Prints "hspaced listening on tcp://HOST:PORT" on stdout once it
  * listens (so a script can learn the port chosen for --port 0) and one
  * line per connection event on stderr. Exit status: 0 stopped by a signal,
- * 1 cannot listen, 2 usage error.
+ * 1 cannot listen or use the store, 2 usage error.
  *
  * Options are parsed with CLI11; --help and --version print on stdout and
  * exit 0 (help2man builds the manual page from them).
@@ -30,8 +30,8 @@
 namespace {
 
 const char kDescription[] =
-    "hspaced - the reference hspace service: an in-memory keyed object store for development, tests and "
-    "demos. Not a production store: nothing is persisted, there is no authentication.";
+    "hspaced - the reference hspace service: a keyed object store for development, tests and demos, in its "
+    "own memory (nothing persisted) or in an etcd cluster. There is no authentication.";
 
 const char kFooter[] =
     "Limits:\n"
@@ -43,6 +43,8 @@ const char kFooter[] =
     "  reading) is disconnected; answers to a client's own requests never disconnect it:\n"
     "  while more than --max-queue bytes wait to be sent to it, its further requests\n"
     "  wait.\n"
+    "  With --store etcd://, etcd's own limit on a request (--max-request-bytes,\n"
+    "  1.5 MiB by default) also bounds values: a put over it is answered with 12.\n"
     "\n"
     "Output:\n"
     "  Prints \"hspaced listening on tcp://HOST:PORT\" on standard output when ready, one\n"
@@ -50,7 +52,7 @@ const char kFooter[] =
     "  on SIGINT or SIGTERM.\n"
     "\n"
     "Exit status:\n"
-    "  0 stopped by SIGINT or SIGTERM, 1 cannot listen, 2 usage error.";
+    "  0 stopped by SIGINT or SIGTERM, 1 cannot listen or use the store, 2 usage error.";
 
 // Checks the --listen value: a host name or an IPv4 address, which a service
 // URL (tcp://HOST:PORT) can carry. Empty text when it is usable, else why not.
@@ -60,6 +62,31 @@ std::string check_listen_host(const std::string &host)
     if (host.find_first_of(":[]") != std::string::npos)
         return "'" + host + "' is an IPv6 address; a service URL (tcp://HOST:PORT) cannot carry one, so clients "
                             "could not reach it: give an IPv4 address or a host name";
+    return std::string();
+}
+
+// Checks the --store value: memory, or etcd:// and a comma-separated list of
+// HOST:PORT with a port from 1 to 65535. Empty text when it is one, else why
+// not.
+std::string check_store(const std::string &store)
+{
+    static const char kEtcd[] = "etcd://";
+    if (store == "memory") return std::string();
+    if (store.compare(0, sizeof kEtcd - 1, kEtcd) != 0)
+        return "'" + store + "' is not a store: memory or etcd://HOST:PORT[,HOST:PORT...]";
+    std::string list = store.substr(sizeof kEtcd - 1);
+    size_t at = 0;
+    do {
+        size_t comma = list.find(',', at);
+        std::string member = list.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
+        size_t colon = member.rfind(':');
+        std::string port = colon == std::string::npos ? std::string() : member.substr(colon + 1);
+        if (colon == 0 || colon == std::string::npos || port.empty() || port.size() > 5 ||
+            port.find_first_not_of("0123456789") != std::string::npos || std::stoul(port) < 1 ||
+            std::stoul(port) > 65535)
+            return "'" + member + "' in '" + store + "' is not HOST:PORT (a port from 1 to 65535)";
+        at = comma == std::string::npos ? std::string::npos : comma + 1;
+    } while (at != std::string::npos);
     return std::string();
 }
 
@@ -103,6 +130,13 @@ int main(int argc, char **argv)
                    "bytes that may wait to be sent to one client; also bounds the values accepted (default 67108864)")
         ->option_text("BYTES")
         ->check([](const std::string &text) { return check_number(text, 1024, SIZE_MAX >> 1); });
+    app.add_option("--store", options.store,
+                   "where the objects live: memory (default) or etcd://HOST:PORT[,HOST:PORT...], every member of "
+                   "an etcd cluster, tried in turn")
+        ->option_text("STORE")
+        ->check([](const std::string &store) { return check_store(store); });
+    app.add_option("--store-prefix", options.store_prefix, "etcd: the prefix of every key stored (default hspace/)")
+        ->option_text("P");
     app.add_flag("--quiet", quiet, "no connection log on standard error");
     try {
         app.parse(argc, argv);

@@ -1,11 +1,18 @@
 /*
  * server.cpp - the reference hspace service: the listener, the connections
- * and the in-memory store, all run by one Asio I/O thread.
+ * and the protocol, run by one Asio I/O thread over a Store (store/).
  *
  * Threads: the Engine's I/O thread runs every handler below and alone
  * touches the store, the connection table and each connection's buffers; no
  * locks. The owning thread only starts and stops the engine; Stats are
  * atomics readable anywhere.
+ *
+ * A connection has at most one store call outstanding: while it runs the
+ * connection reads no further request, so requests are served in the order
+ * they were sent, whichever store completes them and however late.
+ * Neither does it while more than max_queue bytes wait to be sent to it:
+ * its own answers pace it and never disconnect it; only unsent
+ * notifications over max_queue do.
  *
  * Bytes on the wire are framed, decoded and encoded by the hspace codec.
  */
@@ -25,38 +32,29 @@
 #include <asio.hpp>
 
 #include "hspace_codec.h"
+#include "store/store.h"
 
 namespace hspace {
 namespace service {
 
 namespace {
 
-// Statuses the service answers with (the client library's codes).
-constexpr uint32_t kStatusNoMatch = 2;         // nothing stored under the key, no such subscription
+// Statuses the service answers with besides the store's (the client
+// library's codes).
 constexpr uint32_t kStatusTooLarge = 12;       // a put's value could never be sent back under max_queue
 constexpr uint32_t kStatusNotSupported = 14;   // unknown opcode
 constexpr uint32_t kStatusExists = 20;         // the connection already subscribes to the key
-
-// Trigger values of notifications; a post's mask selects them by these bits.
-constexpr uint8_t kTriggerStored = 1;          // a put stored the key
-constexpr uint8_t kTriggerRemoved = 2;         // a remove deleted the key
 
 constexpr size_t kReadChunk = 64 * 1024;       // bytes asked of each read
 constexpr size_t kMaxGather = 64;              // queued packets handed to one write
 
 using Bytes = std::shared_ptr<const std::string>; // an encoded packet, shared between subscribers
 
-// A key ending in '*' is a prefix pattern.
-bool is_pattern(const std::string &key)
-{
-    return !key.empty() && key.back() == '*';
-}
-
 // True when key is selected by the key or prefix pattern subscribed.
-bool selects(const std::string &subscribed, const std::string &key)
+bool selects(const std::string &subscribed, std::string_view key)
 {
     if (!is_pattern(subscribed)) return subscribed == key;
-    return key.compare(0, subscribed.size() - 1, subscribed, 0, subscribed.size() - 1) == 0;
+    return key.compare(0, subscribed.size() - 1, std::string_view(subscribed).substr(0, subscribed.size() - 1)) == 0;
 }
 
 // Key equality without regard to ASCII letter case, as the client compares.
@@ -91,6 +89,24 @@ struct Subscription {
     std::string key;                           // key or prefix pattern as posted
     uint8_t triggers;                          // mask of trigger bits; 0 selects all
     bool key_only;                             // notifications without values
+    bool starting;                             // its post waits for the store's begin()
+    int64_t after = 0;                         // selects only changes after this revision (its image's)
+};
+
+// A change held for a connection while one of its posts is starting.
+struct Held {
+    std::string key;
+    uint8_t trigger;
+    std::optional<std::string> value;          // none for a removal
+    int64_t revision;
+};
+
+// The request whose store call a connection waits for.
+struct Op {
+    std::optional<uint32_t> corrid;            // answer to this correlation id; none: no answer
+    uint8_t opcode = 0;
+    bool key_only = false;
+    bool image = false;                        // post: send the image
 };
 
 class Connection;
@@ -99,7 +115,7 @@ class Connection;
 
 // The listener, the connections and the store. Everything but start(),
 // stop() and the stats runs on the I/O thread.
-class Engine {
+class Engine final : public Listener {
 public:
     explicit Engine(Options options) : options_(std::move(options)) {}
 
@@ -112,6 +128,15 @@ public:
     void handle(Connection &c, const codec::Packet &p);
     // I/O thread: one line on stderr when logging is on.
     void log(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+    // I/O thread: the store call of c's op completed.
+    void finish(Connection &c, uint32_t status);
+    void finish_read(Connection &c, uint32_t status, const std::vector<ObjectView> &objects);
+    void finish_post(Connection &c, uint32_t status, int64_t revision, const std::vector<ObjectView> &objects);
+    // I/O thread: c drops n subscriptions (it cancelled or closed).
+    void dropped_subscriptions(size_t n);
+
+    void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision) override;
+    void on_feed_ended(const std::string &why) override;
 
     const Options options_;                    // as given; read-only
     Stats stats_;                              // counters, any thread
@@ -121,8 +146,9 @@ public:
 private:
     void accept();
     void shutdown();
-    void answer_get(Connection &c, uint32_t corrid, uint8_t opcode, const std::string &key, bool key_only);
-    void notify(const std::string &key, uint8_t trigger, const std::string *value);
+    void send_objects(Connection &c, uint32_t corrid, uint8_t opcode, bool key_only,
+                      const std::vector<ObjectView> &objects);
+    void refollow();
     static size_t largest_packet(const std::string &key, size_t value_size);
 
     asio::io_context io_;                      // runs every handler, on thread_
@@ -131,7 +157,11 @@ private:
     bool started_ = false;                     // owning thread: start() succeeded once
     uint64_t next_id_ = 1;                     // I/O thread: id of the next connection
     std::map<uint64_t, std::shared_ptr<Connection>> conns_; // I/O thread: open connections by id
-    std::map<std::string, std::string> store_; // I/O thread: the objects, in key order
+    size_t subscriptions_ = 0;                 // I/O thread: subscriptions of all connections
+    bool following_ = false;                   // I/O thread: the store's feed is asked for
+    // Declared after io_: destroyed first, while the context its calls
+    // complete through still exists.
+    std::unique_ptr<Store> store_;             // the objects; created by start()
 };
 
 namespace {
@@ -154,7 +184,7 @@ public:
     // Queues an encoded answer to this connection's own request. Answers
     // never close the connection: while more than max_queue bytes are
     // unsent, no further request of this connection is handled (see
-    // consume), so they are bounded by max_queue plus one answer.
+    // pump), so they are bounded by max_queue plus one answer.
     void send(std::string bytes) { queue(make_bytes(std::move(bytes)), false); }
 
     // Queues a notification. Closes the connection, abortively, when its
@@ -171,11 +201,39 @@ public:
         asio::error_code ignored;
         if (abortive) socket_.set_option(asio::socket_base::linger(true, 0), ignored);
         socket_.close(ignored);
+        size_t n = subs.size();
+        subs.clear();
+        held.clear();
         engine_.forget(id_, why);
+        engine_.dropped_subscriptions(n);
+    }
+
+    // Marks a store call outstanding: no request is read until resume().
+    // The connection keeps itself alive until then.
+    void suspend()
+    {
+        busy_ = true;
+        hold_ = shared_from_this();
+    }
+    // The outstanding store call completed: serves the requests received
+    // meanwhile and reads on.
+    void resume()
+    {
+        busy_ = false;
+        std::shared_ptr<Connection> self = std::move(hold_);
+        pump();
+    }
+    Engine &engine() { return engine_; }
+    // The connection's subscription that is starting, if any.
+    Subscription *starting()
+    {
+        return !subs.empty() && subs.back().starting ? &subs.back() : nullptr;
     }
 
     bool handshaken = false;                   // the handshake was answered
     std::vector<Subscription> subs;            // this connection's subscriptions, in post order
+    Op op;                                     // the request of the outstanding store call
+    std::vector<Held> held;                    // changes held while a post is starting
 
 private:
     void queue(Bytes bytes, bool notification)
@@ -213,16 +271,20 @@ private:
             close(ec == asio::error::eof ? std::string("peer closed") : ec.message());
             return;
         }
-        consume();
+        pump();
     }
 
-    // Handles the complete packets received, until the outbound queue is
-    // over max_queue (on_write calls again once it has drained), then reads
-    // on.
-    void consume()
+    // Serves the complete requests in in_ until one waits for the store or
+    // the outbound queue is over max_queue, then reads more if neither holds.
+    // Whatever stops it calls again: resume() when the store call completes,
+    // on_write once the queue is back under max_queue. Not reentrant: a store
+    // call completed inside handle() lets the loop below go on.
+    void pump()
     {
+        if (pumping_ || closed_) return;
+        pumping_ = true;
         size_t off = 0;
-        while (!closed_ && !backlogged()) {
+        while (!closed_ && !busy_ && !backlogged()) {
             const uint8_t *data = reinterpret_cast<const uint8_t *>(in_.data()) + off;
             codec::FrameResult f = codec::frame(data, in_.size() - off);
             if (f.status == codec::FrameStatus::NeedMore) break;
@@ -235,9 +297,10 @@ private:
             off += f.wirelen;
             engine_.handle(*this, p);
         }
+        pumping_ = false;
         if (closed_) return;
         in_.erase(0, off);
-        if (!backlogged()) read();
+        if (!busy_ && !reading_ && !backlogged()) read();
     }
 
     // Writes up to kMaxGather queued packets in one operation.
@@ -264,7 +327,8 @@ private:
             out_.pop_front();
         }
         if (!out_.empty()) write();
-        if (!reading_ && !backlogged()) consume();
+        // pump() stopped at the bound with no read outstanding: go on.
+        if (!reading_ && !busy_ && !backlogged()) pump();
     }
 
     struct Outbound {
@@ -282,6 +346,9 @@ private:
     size_t notified_ = 0;                      // bytes of the notifications in out_
     bool reading_ = false;                     // a read is outstanding
     bool closed_ = false;                      // close() ran
+    bool busy_ = false;                        // a store call for op is outstanding
+    bool pumping_ = false;                     // pump() is on the stack
+    std::shared_ptr<Connection> hold_;         // this connection, while busy_
 };
 
 } // namespace
@@ -304,6 +371,9 @@ bool Engine::start(std::string *error)
         return false;
     };
     if (started_) return fail("already started");
+    std::string why;
+    store_ = make_store(options_, io_, *this, &why);
+    if (!store_) return fail(why);
     asio::error_code ec;
     asio::ip::address address = asio::ip::make_address(options_.host, ec);
     if (ec) {
@@ -346,6 +416,7 @@ void Engine::shutdown()
     std::vector<std::shared_ptr<Connection>> all;
     for (auto &entry : conns_) all.push_back(entry.second);
     for (auto &c : all) c->close("service stopping");
+    store_->close();
 }
 
 void Engine::accept()
@@ -408,7 +479,11 @@ void Engine::handle(Connection &c, const codec::Packet &p)
     }
     const codec::HspaceSubheader &h = *p.hspace;
     const bool answer = corrid && h.semantic != codec::kSemNoReply;
-    const bool key_only = (h.flags & codec::kFlagKeyOnly) != 0;
+    c.op = Op{};
+    if (answer) c.op.corrid = corrid;
+    c.op.opcode = h.opcode;
+    c.op.key_only = (h.flags & codec::kFlagKeyOnly) != 0;
+    Connection *cp = &c;
     std::string out;
 
     switch (h.opcode) {
@@ -422,14 +497,20 @@ void Engine::handle(Connection &c, const codec::Packet &p)
             if (answer) codec::encode_reply(out, *corrid, kStatusTooLarge);
             break;
         }
-        std::string &value = store_[h.key];
-        value = p.body;
-        notify(h.key, kTriggerStored, &value);
-        if (answer) codec::encode_reply(out, *corrid, 0);
+        c.suspend();
+        store_->put(h.key, p.body, [cp](uint32_t status) { cp->engine().finish(*cp, status); });
         break;
     }
+    case codec::kOpRemove:
+        c.suspend();
+        store_->remove(h.key, [cp](uint32_t status) { cp->engine().finish(*cp, status); });
+        break;
     case codec::kOpGet:
-        if (answer) answer_get(c, *corrid, codec::kOpGet, h.key, key_only);
+        if (!answer) break;
+        c.suspend();
+        store_->read(h.key, c.op.key_only, [cp](uint32_t status, int64_t, const std::vector<ObjectView> &objects) {
+            cp->engine().finish_read(*cp, status, objects);
+        });
         break;
     case codec::kOpPost: {
         bool exists = false;
@@ -438,12 +519,15 @@ void Engine::handle(Connection &c, const codec::Packet &p)
             if (answer) codec::encode_reply(out, *corrid, kStatusExists);
             break;
         }
-        c.subs.push_back(Subscription{h.key, h.triggers, key_only});
-        if (!answer) break;
-        codec::encode_reply(out, *corrid, 0);
-        c.send(std::move(out));
-        out.clear();
-        if ((h.flags & codec::kFlagNoImage) == 0) answer_get(c, *corrid, codec::kOpPost, h.key, key_only);
+        c.op.image = answer && (h.flags & codec::kFlagNoImage) == 0;
+        c.subs.push_back(Subscription{h.key, h.triggers, c.op.key_only, true});
+        subscriptions_++;
+        refollow();
+        c.suspend();
+        store_->begin(h.key, c.op.key_only, c.op.image,
+                      [cp](uint32_t status, int64_t revision, const std::vector<ObjectView> &objects) {
+                          cp->engine().finish_post(*cp, status, revision, objects);
+                      });
         break;
     }
     case codec::kOpCancel: {
@@ -451,17 +535,12 @@ void Engine::handle(Connection &c, const codec::Packet &p)
         for (auto it = c.subs.begin(); it != c.subs.end(); ++it) {
             if (same_key_nocase(it->key, h.key)) {
                 c.subs.erase(it);
+                dropped_subscriptions(1);
                 status = 0;
                 break;
             }
         }
         if (answer) codec::encode_reply(out, *corrid, status);
-        break;
-    }
-    case codec::kOpRemove: {
-        bool removed = store_.erase(h.key) != 0;
-        if (removed) notify(h.key, kTriggerRemoved, nullptr);
-        if (answer) codec::encode_reply(out, *corrid, removed ? 0 : kStatusNoMatch);
         break;
     }
     default:
@@ -482,28 +561,108 @@ size_t Engine::largest_packet(const std::string &key, size_t value_size)
     return std::max(object.size(), notification.size()) - 1 + value_size;
 }
 
-// Sends what is stored under key (or, for a pattern, under every key with
-// its prefix, in key order) as objects numbered 1..n of n addressed to
-// corrid, in one packet batch; status 2 when there is nothing.
-void Engine::answer_get(Connection &c, uint32_t corrid, uint8_t opcode, const std::string &key, bool key_only)
+// Answers a put or a remove with the store's status.
+void Engine::finish(Connection &c, uint32_t status)
 {
-    std::vector<const std::pair<const std::string, std::string> *> found;
-    if (is_pattern(key)) {
-        std::string prefix = key.substr(0, key.size() - 1);
-        for (auto it = store_.lower_bound(prefix); it != store_.end(); ++it) {
-            if (it->first.compare(0, prefix.size(), prefix) != 0) break;
-            found.push_back(&*it);
-        }
-    } else {
-        auto it = store_.find(key);
-        if (it != store_.end()) found.push_back(&*it);
+    if (!c.closed() && c.op.corrid) {
+        std::string out;
+        codec::encode_reply(out, *c.op.corrid, status);
+        c.send(std::move(out));
     }
+    c.resume();
+}
+
+void Engine::finish_read(Connection &c, uint32_t status, const std::vector<ObjectView> &objects)
+{
+    if (!c.closed()) {
+        if (status != 0) {
+            std::string out;
+            codec::encode_reply(out, *c.op.corrid, status);
+            c.send(std::move(out));
+        } else {
+            send_objects(c, *c.op.corrid, codec::kOpGet, c.op.key_only, objects);
+        }
+    }
+    c.resume();
+}
+
+// The post's subscription has begun at revision (or failed): answers it,
+// sends its image, then the changes held meanwhile that the connection's
+// subscriptions select, the new one only for changes after revision.
+void Engine::finish_post(Connection &c, uint32_t status, int64_t revision, const std::vector<ObjectView> &objects)
+{
+    Subscription *sub = c.closed() ? nullptr : c.starting();
+    if (sub != nullptr) {
+        std::string out;
+        if (status != 0) {
+            c.subs.pop_back();
+            c.held.clear();
+            dropped_subscriptions(1);
+            if (c.op.corrid) {
+                codec::encode_reply(out, *c.op.corrid, status);
+                c.send(std::move(out));
+            }
+        } else {
+            // A notification may close the connection (and clear its subscriptions):
+            // what is needed afterwards is taken first.
+            sub->starting = false;
+            sub->after = revision;
+            std::vector<Held> held(std::move(c.held));
+            c.held.clear();
+            if (c.op.corrid) {
+                codec::encode_reply(out, *c.op.corrid, 0);
+                c.send(std::move(out));
+            }
+            if (c.op.image && !c.closed()) send_objects(c, *c.op.corrid, codec::kOpPost, c.op.key_only, objects);
+            for (const Held &e : held) {
+                if (c.closed()) break;
+                bool match = false, want_value = false;
+                for (const Subscription &s : c.subs) {
+                    if (!selects(s.key, e.key) || (s.triggers != 0 && (s.triggers & e.trigger) == 0)) continue;
+                    if (e.revision <= s.after) continue;
+                    match = true;
+                    want_value = want_value || !s.key_only;
+                }
+                if (!match) continue;
+                out.clear();
+                codec::encode_notification(out, e.key, e.trigger, want_value && e.value ? *e.value : std::string());
+                c.notify(make_bytes(std::move(out)));
+            }
+        }
+    }
+    c.resume();
+}
+
+void Engine::dropped_subscriptions(size_t n)
+{
+    subscriptions_ -= n;
+    refollow();
+}
+
+// Asks the store for its change feed exactly while some connection
+// subscribes.
+void Engine::refollow()
+{
+    bool want = subscriptions_ > 0;
+    if (want == following_ || !store_) return;
+    following_ = want;
+    store_->follow(want);
+}
+
+// Sends objects as answers numbered 1..n of n addressed to corrid, in one
+// packet batch; status 2 when there is none.
+void Engine::send_objects(Connection &c, uint32_t corrid, uint8_t opcode, bool key_only,
+                          const std::vector<ObjectView> &objects)
+{
     std::string out;
-    if (found.empty()) codec::encode_reply(out, corrid, kStatusNoMatch);
-    uint32_t n = static_cast<uint32_t>(found.size());
+    if (objects.empty()) codec::encode_reply(out, corrid, kStatusNoMatch);
+    uint32_t n = static_cast<uint32_t>(objects.size());
+    static const std::string none;
+    std::string key, value;
     for (uint32_t i = 0; i < n; i++) {
-        static const std::string none;
-        codec::encode_object(out, corrid, opcode, found[i]->first, key_only ? none : found[i]->second, n, i + 1);
+        key.assign(objects[i].key.data(), objects[i].key.size());
+        if (!key_only) value.assign(objects[i].value.data(), objects[i].value.size());
+        codec::encode_object(out, corrid, opcode, key, key_only ? none : value, n, i + 1);
     }
     c.send(std::move(out));
 }
@@ -511,28 +670,69 @@ void Engine::answer_get(Connection &c, uint32_t corrid, uint8_t opcode, const st
 // Sends a notification of the change of key to every connection with a
 // subscription that selects the key and the trigger; the value (none for a
 // removal) goes to those whose selecting subscriptions are not all key-only.
-void Engine::notify(const std::string &key, uint8_t trigger, const std::string *value)
+// A connection with a post starting holds the change until the post has
+// begun.
+void Engine::on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision)
 {
     Bytes with_value, without_value;
+    // A notification may close its connection, which leaves conns_: the targets
+    // are taken first.
     std::vector<std::pair<std::shared_ptr<Connection>, bool>> targets; // connection, send the value
     for (auto &entry : conns_) {
+        Connection &c = *entry.second;
         bool match = false, want_value = false;
-        for (const Subscription &s : entry.second->subs) {
+        for (const Subscription &s : c.subs) {
             if (!selects(s.key, key) || (s.triggers != 0 && (s.triggers & trigger) == 0)) continue;
+            // The store's feed may deliver changes the image already held.
+            if (revision <= s.after) continue;
             match = true;
             want_value = want_value || !s.key_only;
         }
-        if (match) targets.emplace_back(entry.second, want_value && value != nullptr);
+        if (!match) continue;
+        if (c.starting() != nullptr) {
+            std::optional<std::string> v;
+            if (value != nullptr) v.emplace(*value);
+            c.held.push_back(Held{std::string(key), trigger, std::move(v), revision});
+            continue;
+        }
+        targets.emplace_back(entry.second, want_value && value != nullptr);
     }
     for (auto &t : targets) {
         Bytes &bytes = t.second ? with_value : without_value;
         if (!bytes) {
             std::string out;
-            codec::encode_notification(out, key, trigger, t.second ? *value : std::string());
+            codec::encode_notification(out, std::string(key), trigger, t.second ? std::string(*value) : std::string());
             bytes = make_bytes(std::move(out));
         }
         t.first->notify(bytes);
     }
+}
+
+// Ends every subscription that has begun with a notification of trigger
+// kTriggerEnded under its own key; starting posts are answered by their
+// begin().
+void Engine::on_feed_ended(const std::string &why)
+{
+    log("store feed ended: %s; ending every subscription", why.c_str());
+    following_ = false;
+    size_t ended = 0;
+    std::vector<std::pair<std::shared_ptr<Connection>, std::string>> targets; // as in on_change
+    for (auto &entry : conns_) {
+        Connection &c = *entry.second;
+        std::string out;
+        for (auto it = c.subs.begin(); it != c.subs.end();) {
+            if (it->starting) {
+                ++it;
+                continue;
+            }
+            codec::encode_notification(out, it->key, kTriggerEnded, std::string());
+            it = c.subs.erase(it);
+            ended++;
+        }
+        if (!out.empty()) targets.emplace_back(entry.second, std::move(out));
+    }
+    dropped_subscriptions(ended);
+    for (auto &t : targets) t.first->notify(make_bytes(std::move(t.second)));
 }
 
 Server::Server(Options options) : engine_(new Engine(std::move(options))) {}

@@ -1,7 +1,7 @@
 /*
- * server.h - the reference hspace service as a library: an in-memory keyed
- * object store that speaks the hspace wire protocol to any number of
- * clients over TCP.
+ * server.h - the reference hspace service as a library: a keyed object
+ * store that speaks the hspace wire protocol to any number of clients over
+ * TCP, keeping its objects in memory or in an etcd cluster (Options::store).
  *
  *   hspace::service::Server server;            // 127.0.0.1, ephemeral port
  *   if (!server.start(&error)) ...;
@@ -10,8 +10,8 @@
  *
  * One I/O thread, owned by the server, runs every connection and owns the
  * store; nothing of it is shared with the caller except the counters of
- * stats(). The service is for development, tests and demos: it keeps
- * everything in memory and persists nothing.
+ * stats(). With the memory store nothing is persisted; with the etcd store
+ * the service is stateless and any number of instances share the data.
  */
 #ifndef HSPACE_SERVICE_SERVER_H
 #define HSPACE_SERVICE_SERVER_H
@@ -37,6 +37,12 @@ struct Options {
     size_t max_queue = kDefaultMaxQueue;       // unsent bytes per connection: notifications over it drop the
                                                // connection, answers over it hold its requests; bounds values too
     bool log = false;                          // one line per connection event on stderr
+    // Where the objects live: "memory" (embedded, the default) or
+    // "etcd://HOST:PORT[,HOST:PORT...]" (every member of an etcd cluster,
+    // tried in turn).
+    std::string store = "memory";
+    std::string store_prefix = "hspace/";      // etcd: every object's key is stored under this prefix
+    unsigned store_timeout_ms = 3000;          // etcd: bound of each call, and of the feed's reconnection
 };
 
 // Counters of the service's life, readable from any thread while it runs.

@@ -3,9 +3,14 @@
  * started in-process on 127.0.0.1 and an ephemeral port: every operation
  * and semantic, patterns, subscriptions across handles, and clients that
  * misbehave on raw sockets (garbage, no handshake, a subscriber that never
- * reads) while the others go on.
+ * reads) while the others go on. Every case runs once per store: memory,
+ * and etcd (one member started by the test, each case under its own key
+ * prefix). Then what only the etcd store does: data that outlives a
+ * service, instances that share it, a member's failover, etcd stopped and
+ * back.
  *
- * Every wait is bounded by kBound and fails the test when it runs out.
+ * Every wait is bounded by kBound (etcd's start by kTestBound) and fails
+ * the test when it runs out.
  */
 #include <errno.h>
 #include <netinet/in.h>
@@ -23,7 +28,9 @@
 #include <vector>
 
 #include "client_harness.h"
+#include "etcd_cluster.h"
 #include "server.h"
+#include "store/store.h"
 
 namespace {
 
@@ -189,11 +196,41 @@ private:
     std::string in_; // received, not yet returned
 };
 
-class ServiceTest : public ::testing::Test {
+// The etcd member shared by the cases of the store-parameterised suite,
+// started by the first case that needs it, stopped at the end. Main thread
+// only.
+EtcdCluster *shared_etcd = nullptr;
+int prefixes = 0;                              // key prefixes handed out
+
+class SharedEtcd : public ::testing::Environment {
+public:
+    void TearDown() override
+    {
+        delete shared_etcd;
+        shared_etcd = nullptr;
+    }
+};
+const auto *const shared_etcd_environment = ::testing::AddGlobalTestEnvironment(new SharedEtcd);
+
+std::vector<std::string> stores()
+{
+    std::vector<std::string> all{"memory"};
+    if (QEL_TEST_ETCD) all.push_back("etcd");
+    return all;
+}
+
+class ServiceTest : public ::testing::TestWithParam<std::string> {
 protected:
     void SetUp() override
     {
         InitLibrary();
+        if (GetParam() == "etcd") {
+            ASSERT_TRUE(EtcdCluster::installed()) << "etcd-server and etcd-client are needed";
+            if (shared_etcd == nullptr) {
+                shared_etcd = new EtcdCluster(1);
+                ASSERT_TRUE(shared_etcd->start(kTestBound)) << "etcd did not start";
+            }
+        }
         start_server(Options());
     }
     void TearDown() override
@@ -201,9 +238,15 @@ protected:
         server_.reset();
         qel_hspace_finalize();
     }
+    // Starts the service on the store under test; the etcd store gets a
+    // key prefix of its own for each case.
     void start_server(Options options)
     {
         server_.reset();
+        if (GetParam() == "etcd") {
+            options.store = shared_etcd->store_url();
+            options.store_prefix = "case" + std::to_string(++prefixes) + "/";
+        }
         server_.reset(new Server(options));
         std::string error;
         ASSERT_TRUE(server_->start(&error)) << error;
@@ -225,7 +268,7 @@ protected:
     int fences_ = 0;
 };
 
-TEST_F(ServiceTest, PutGetRemoveEverySemantic)
+TEST_P(ServiceTest, PutGetRemoveEverySemantic)
 {
     Client c(url_);
     Pairs got;
@@ -270,7 +313,7 @@ TEST_F(ServiceTest, PutGetRemoveEverySemantic)
     EXPECT_EQ(c.put("after", std::string("ok")), 0u);
 }
 
-TEST_F(ServiceTest, PatternAndAsynchronousGets)
+TEST_P(ServiceTest, PatternAndAsynchronousGets)
 {
     Client c(url_);
     for (const char *k : {"p/c", "p/a", "q/x", "p/b", "p", "pz"}) EXPECT_EQ(c.put(k, std::string("v-") + k), 0u);
@@ -318,7 +361,7 @@ TEST_F(ServiceTest, PatternAndAsynchronousGets)
     EXPECT_FALSE(ev[3].has_object);
 }
 
-TEST_F(ServiceTest, SubscriptionImageNotificationsAndCancel)
+TEST_P(ServiceTest, SubscriptionImageNotificationsAndCancel)
 {
     Client c(url_);
     EXPECT_EQ(c.put("a/1", std::string("one")), 0u);
@@ -379,7 +422,7 @@ TEST_F(ServiceTest, SubscriptionImageNotificationsAndCancel)
     EXPECT_TRUE(fence(c, c).size() == 1u); // still only the empty image
 }
 
-TEST_F(ServiceTest, TriggerMaskAndKeyOnlySubscriptions)
+TEST_P(ServiceTest, TriggerMaskAndKeyOnlySubscriptions)
 {
     Client writer(url_), sub(url_);
     EXPECT_EQ(sub.post("fence"), 0u);
@@ -404,7 +447,7 @@ TEST_F(ServiceTest, TriggerMaskAndKeyOnlySubscriptions)
     EXPECT_EQ(ev[4].object_value, ""); // key only
 }
 
-TEST_F(ServiceTest, NotificationsReachAnotherHandleInOrder)
+TEST_P(ServiceTest, NotificationsReachAnotherHandleInOrder)
 {
     Client writer(url_, "writer"), sub(url_, "subscriber");
     EXPECT_EQ(sub.post("seq/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
@@ -426,7 +469,7 @@ TEST_F(ServiceTest, NotificationsReachAnotherHandleInOrder)
     }
 }
 
-TEST_F(ServiceTest, OneHandleSharedByThreads)
+TEST_P(ServiceTest, OneHandleSharedByThreads)
 {
     Client c(url_);
     constexpr int kThreads = 4, kOps = 100;
@@ -450,7 +493,7 @@ TEST_F(ServiceTest, OneHandleSharedByThreads)
     EXPECT_EQ(got.size(), static_cast<size_t>(kThreads * 10));
 }
 
-TEST_F(ServiceTest, HandshakeAndUnknownRequestsOnTheWire)
+TEST_P(ServiceTest, HandshakeAndUnknownRequestsOnTheWire)
 {
     // The handshake reply: version 1, a nonzero ltp, the service's name.
     {
@@ -491,7 +534,7 @@ TEST_F(ServiceTest, HandshakeAndUnknownRequestsOnTheWire)
     EXPECT_EQ(server_->stats().dropped_invalid.load(), 2u);
 }
 
-TEST_F(ServiceTest, GarbageFromOneClientHarmsNoOther)
+TEST_P(ServiceTest, GarbageFromOneClientHarmsNoOther)
 {
     Client good(url_), writer(url_);
     EXPECT_EQ(good.post("fence"), 0u);
@@ -541,7 +584,7 @@ TEST_F(ServiceTest, GarbageFromOneClientHarmsNoOther)
     EXPECT_EQ(ev[0].object_key, "g/1");
 }
 
-TEST_F(ServiceTest, SlowSubscriberIsDisconnectedOthersGoOn)
+TEST_P(ServiceTest, SlowSubscriberIsDisconnectedOthersGoOn)
 {
     Options options;
     options.max_queue = 1 << 20;
@@ -583,7 +626,7 @@ TEST_F(ServiceTest, SlowSubscriberIsDisconnectedOthersGoOn)
     EXPECT_EQ(server_->stats().open.load(), 2u);
 }
 
-TEST_F(ServiceTest, ValuesAreBoundedAndAnswersOverTheBoundArePaced)
+TEST_P(ServiceTest, ValuesAreBoundedAndAnswersOverTheBoundArePaced)
 {
     Options options;
     options.max_queue = 4096;
@@ -619,7 +662,7 @@ TEST_F(ServiceTest, ValuesAreBoundedAndAnswersOverTheBoundArePaced)
     EXPECT_EQ(writer.get("p/1", &got), 0u);
 }
 
-TEST_F(ServiceTest, StopEndsEveryConnection)
+TEST_P(ServiceTest, StopEndsEveryConnection)
 {
     Client c(url_);
     EXPECT_EQ(c.post("k"), 0u);
@@ -636,6 +679,9 @@ TEST_F(ServiceTest, StopEndsEveryConnection)
     EXPECT_EQ(server_->stats().open.load(), 0u);
 }
 
+INSTANTIATE_TEST_SUITE_P(Stores, ServiceTest, ::testing::ValuesIn(stores()),
+                         [](const ::testing::TestParamInfo<std::string> &info) { return info.param; });
+
 TEST(ServerLifecycle, RefusesABusyPortAndASecondStart)
 {
     Server first;
@@ -649,6 +695,143 @@ TEST(ServerLifecycle, RefusesABusyPortAndASecondStart)
     EXPECT_FALSE(first.start(&error)); // only once
     first.stop();
     first.stop();
+}
+
+} // namespace
+
+namespace {
+
+// What only the etcd store does. Each case starts its services on a
+// cluster of its own or under a key prefix of its own.
+class EtcdTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!QEL_TEST_ETCD) GTEST_SKIP() << "the etcd store is not tested in this build";
+        ASSERT_TRUE(EtcdCluster::installed()) << "etcd-server and etcd-client are needed";
+        InitLibrary();
+    }
+    void TearDown() override { qel_hspace_finalize(); }
+
+    static std::unique_ptr<Server> start(const std::string &store, const std::string &prefix, unsigned timeout_ms)
+    {
+        Options options;
+        options.store = store;
+        options.store_prefix = prefix;
+        options.store_timeout_ms = timeout_ms;
+        std::unique_ptr<Server> server(new Server(options));
+        std::string error;
+        EXPECT_TRUE(server->start(&error)) << error;
+        return server;
+    }
+};
+
+TEST_F(EtcdTest, DataOutlivesTheServiceAndInstancesShareItWithoutGapOrDuplicate)
+{
+    EtcdCluster etcd(1);
+    ASSERT_TRUE(etcd.start(kTestBound));
+
+    // Written through one service, read back through its successor.
+    {
+        auto first = start(etcd.store_url(), "share/", 3000);
+        Client c(first->url());
+        EXPECT_EQ(c.put("kept", std::string("across restarts")), 0u);
+    }
+    auto a = start(etcd.store_url(), "share/", 3000), b = start(etcd.store_url(), "share/", 3000);
+    Client reader(a->url());
+    Pairs got;
+    ASSERT_EQ(reader.get("kept", &got), 0u);
+    EXPECT_EQ(got, (Pairs{{"kept", "across restarts"}}));
+
+    // A writer on B runs while a subscriber on A posts: every write is in
+    // the image or in the notifications, exactly once, in the writer's
+    // order, including those between the image's read and the watch.
+    constexpr int kWrites = 200, kBeforePost = 40;
+    std::mutex m;
+    std::condition_variable cv;
+    int written = 0;
+    std::thread writer([&] {
+        Client w(b->url());
+        for (int i = 0; i < kWrites; i++) {
+            char key[16];
+            snprintf(key, sizeof key, "s/%03d", i);
+            EXPECT_EQ(w.put(key, std::to_string(i), i % 2 ? HSPACE_PUT_NOREPLY : HSPACE_PUT_SYNC), 0u);
+            std::lock_guard<std::mutex> lock(m);
+            written = i + 1;
+            cv.notify_all();
+        }
+    });
+    {
+        std::unique_lock<std::mutex> lock(m);
+        EXPECT_TRUE(cv.wait_for(lock, kBound, [&] { return written >= kBeforePost; }));
+    }
+    Client sub(a->url());
+    EXPECT_EQ(sub.post("s/*"), 0u);
+    writer.join();
+    std::vector<Event> ev = sub.wait_notification("s/199", "199");
+    std::vector<std::string> seen;
+    size_t image = 0;
+    for (const Event &e : ev) {
+        if (e.type == HSPACE_EVENT_POST_IMAGE && e.has_object) image++;
+        if (e.has_object) seen.push_back(e.object_key + "=" + e.object_value);
+    }
+    seen.push_back("s/199=199");
+    ASSERT_EQ(seen.size(), static_cast<size_t>(kWrites));
+    for (int i = 0; i < kWrites; i++) {
+        char want[32];
+        snprintf(want, sizeof want, "s/%03d=%d", i, i);
+        ASSERT_EQ(seen[i], want) << "at " << i << ", image of " << image;
+    }
+    EXPECT_GE(image, static_cast<size_t>(kBeforePost));
+}
+
+TEST_F(EtcdTest, FailoverOfAMemberThenAnOutageAndRecovery)
+{
+    EtcdCluster etcd(3);
+    ASSERT_TRUE(etcd.start(kTestBound));
+    auto service = start(etcd.store_url(), "f/", 5000);
+    Client writer(service->url()), sub(service->url());
+    EXPECT_EQ(sub.post("f/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+    EXPECT_EQ(writer.put("f/1", std::string("one")), 0u);
+    EXPECT_TRUE(sub.wait_notification("f/1", "one").empty());
+
+    // The first member, the one the service talks to, dies: writes and the
+    // subscription go on through the others, with no gap.
+    etcd.kill(0);
+    for (const char *v : {"two", "three"}) EXPECT_EQ(writer.put(std::string("f/") + v, std::string(v)), 0u);
+    EXPECT_TRUE(sub.wait_notification("f/two", "two").empty());
+    EXPECT_TRUE(sub.wait_notification("f/three", "three").empty());
+
+    // Every member stopped: a service with a short bound answers each
+    // request with the store's failure status, and ends its subscription
+    // with a notification of trigger 4 under the subscribed key.
+    auto outage = start(etcd.store_url(), "f/", 500);
+    Client c(outage->url());
+    EXPECT_EQ(c.post("f/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+    etcd.kill(1);
+    etcd.kill(2);
+    Pairs got;
+    EXPECT_EQ(c.put("f/lost", std::string("x")), hspace::service::kStatusStoreUnavailable);
+    EXPECT_EQ(c.get("f/1", &got), hspace::service::kStatusStoreUnavailable);
+    EXPECT_EQ(c.remove("f/1"), hspace::service::kStatusStoreUnavailable);
+    std::vector<Event> ev = c.wait_events(1);
+    ASSERT_EQ(ev.size(), 1u);
+    EXPECT_EQ(ev[0].type, HSPACE_EVENT_POST_NOTIFICATION);
+    EXPECT_EQ(ev[0].trigger, hspace::service::kTriggerEnded);
+    EXPECT_EQ(ev[0].object_key, "f/*");
+    c.events.reset();
+    EXPECT_EQ(c.post("g"), hspace::service::kStatusStoreUnavailable);
+    // The ended subscription is still the client's until it cancels it.
+    EXPECT_EQ(c.cancel("f/*"), KRO_ERR_NO_MATCH);
+
+    // etcd back: the same service serves again, with everything written.
+    ASSERT_TRUE(etcd.start(kTestBound));
+    EXPECT_EQ(c.put("f/4", std::string("four")), 0u);
+    ASSERT_EQ(c.get("f/*", &got, HSPACE_GET_FLAG_KEY_ONLY), 0u);
+    EXPECT_EQ(got, (Pairs{{"f/1", ""}, {"f/4", ""}, {"f/three", ""}, {"f/two", ""}}));
+    EXPECT_EQ(c.post("f/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
+    EXPECT_EQ(writer.put("f/5", std::string("five")), 0u);
+    EXPECT_TRUE(c.wait_notification("f/5", "five").empty());
 }
 
 } // namespace

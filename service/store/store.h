@@ -1,0 +1,117 @@
+/*
+ * store.h - where hspaced keeps its objects: one small interface, with the
+ * embedded in-memory store (memory_store.cpp) and the etcd store
+ * (etcd_store.cpp) behind it. The protocol code talks only to Store.
+ *
+ * Threads: every call is made on the service's I/O thread, and every
+ * completion and every call of the Listener runs on that thread too, either
+ * inside the call (the memory store) or later through the I/O context (the
+ * etcd store). Views handed to a completion or to the Listener are valid
+ * only during that call.
+ *
+ * Revisions: each change has a revision, increasing in the order the store
+ * applies changes. The Listener sees the changes in that order, each once.
+ */
+#ifndef HSPACE_SERVICE_STORE_H
+#define HSPACE_SERVICE_STORE_H
+
+#include <stdint.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace asio {
+class io_context;
+}
+
+namespace hspace {
+namespace service {
+
+struct Options;
+
+// Statuses a store completes with (the client library's codes).
+constexpr uint32_t kStatusNoMatch = 2;           // nothing stored under the key
+constexpr uint32_t kStatusStoreUnavailable = 1007; // the store cannot be reached or failed; retry later
+
+// Trigger values of changes; a post's mask selects them by these bits.
+constexpr uint8_t kTriggerStored = 1;            // a put stored the key
+constexpr uint8_t kTriggerRemoved = 2;           // a remove deleted the key
+constexpr uint8_t kTriggerEnded = 4;             // the service ended the subscription (never masked)
+
+struct ObjectView {
+    std::string_view key;
+    std::string_view value;                      // empty when key-only
+};
+
+// Receives the change feed while it is followed. I/O thread.
+class Listener {
+public:
+    virtual ~Listener() = default;
+    // One change: value is null for a removal.
+    virtual void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision) = 0;
+    // The feed stopped for good (the store was unreachable for longer than
+    // its retry allows, or its history was compacted past the feed): no
+    // change after the last one delivered will be seen until follow(true)
+    // starts it again.
+    virtual void on_feed_ended(const std::string &why) = 0;
+};
+
+class Store {
+public:
+    using Done = std::function<void(uint32_t status)>;
+    // status, the revision the objects were read at, the objects in key order.
+    using Read = std::function<void(uint32_t status, int64_t revision, const std::vector<ObjectView> &objects)>;
+
+    virtual ~Store() = default;
+
+    // Stores or replaces the value under key. When the feed is followed,
+    // done runs after the Listener has seen the change.
+    virtual void put(std::string_view key, std::string_view value, Done done) = 0;
+    // Deletes key; kStatusNoMatch when nothing was stored. When the feed is
+    // followed, done runs after the Listener has seen the change.
+    virtual void remove(std::string_view key, Done done) = 0;
+    // The object under key, or under every key with the prefix of a
+    // pattern (a key ending in '*'), in key order; values left empty when
+    // key_only. kStatusNoMatch is never returned: an empty list is.
+    virtual void read(std::string_view key, bool key_only, Read done) = 0;
+    // Starts or stops the change feed. Changes before follow(true) are
+    // not delivered.
+    virtual void follow(bool on) = 0;
+    // For a subscription's start: waits until the feed runs, then reads
+    // like read() (no objects when with_objects is false) at a revision R
+    // such that every change after R reaches the Listener and none up to R
+    // still will. Requires follow(true).
+    virtual void begin(std::string_view key, bool key_only, bool with_objects, Read done) = 0;
+    // Ends every outstanding call (their completions run with
+    // kStatusStoreUnavailable or not at all) and the feed; the I/O thread's
+    // run() then returns once nothing else is pending. I/O thread.
+    virtual void close() = 0;
+    // "memory" or "etcd", for logs.
+    virtual const char *kind() const = 0;
+};
+
+// The store named by options.store: "memory" (also an empty name) or
+// "etcd://HOST:PORT[,HOST:PORT...]". Null, with the reason in *error, for
+// any other name or an etcd address that does not resolve. Owning thread,
+// before the I/O thread runs.
+std::unique_ptr<Store> make_store(const Options &options, asio::io_context &io, Listener &listener, std::string *error);
+
+std::unique_ptr<Store> make_memory_store(Listener &listener);
+// Defined by etcd_store.cpp, or by etcd_store_absent.cpp in a build without
+// gRPC (which refuses with a reason).
+std::unique_ptr<Store> make_etcd_store(const Options &options, asio::io_context &io, Listener &listener,
+                                       std::string *error);
+
+// A key ending in '*' is a prefix pattern.
+inline bool is_pattern(std::string_view key)
+{
+    return !key.empty() && key.back() == '*';
+}
+
+} // namespace service
+} // namespace hspace
+
+#endif /* HSPACE_SERVICE_STORE_H */
