@@ -129,7 +129,8 @@ void qel_fuzz_inbound_run(const uint8_t *data, size_t size)
     kro_llist_create(&objects);
     qel_hspace_lock(h);
     owned[0] = qel_hspace_request_create(h, HSPACE_OPCODE_GET, "k1", NULL, NULL, 1, 0, objects);
-    qel_hspace_request_create(h, HSPACE_OPCODE_GET, "k2", (t_kro_ptr)h, NULL, 1, 1, NULL);
+    /* Its caller came back from the write: the library frees it. */
+    qel_hspace_request_create(h, HSPACE_OPCODE_GET, "k2", (t_kro_ptr)h, NULL, 1, 1, NULL)->caller_waiting = 0;
     post = qel_hspace_request_create(h, HSPACE_OPCODE_POST, "k3", (t_kro_ptr)h, NULL, 1, 0, NULL);
     if (selector & QEL_FUZZ_SEL_POST_WAITING) {
         owned[1] = post; /* its caller still waits: the library never frees it */

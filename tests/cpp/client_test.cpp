@@ -461,8 +461,7 @@ TEST(CppDeadline, GetTimesOutAndTheLateAnswerIsDropped)
     EXPECT_TRUE(svc.join());
 }
 
-// Needs the bound of qel_hspace_open_timed: enable once it is honoured.
-TEST(CppDeadline, DISABLED_OpenGivesUpOnASilentService)
+TEST(CppDeadline, OpenGivesUpOnASilentService)
 {
     Watchdog watchdog;
     FakeService svc;

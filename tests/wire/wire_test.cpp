@@ -444,7 +444,9 @@ protected:
         kro_llist_create(&hs_.h.reqtable);
         ASSERT_EQ(0u, kro_mutex_create(KRO_MT_FAST, &hs_.h.mutex));
         ASSERT_EQ(0u, kro_cond_create(&hs_.h.cond));
+        qel_hspace_lock(&hs_.h);
         get_ = qel_hspace_request_create(&hs_.h, HSPACE_OPCODE_GET, "k", NULL, NULL, 1, 0, list_);
+        qel_hspace_unlock(&hs_.h);
     }
     void TearDown() override
     {

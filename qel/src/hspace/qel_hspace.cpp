@@ -1081,28 +1081,24 @@ static void qel_hspace_complete_all_requests(t_qel_hspace hspace, t_kro_error st
  * survives.
  * ====================================================================== */
 
-/* Builds a library-owned object from a packet with an hspace subheader, in
- * two allocations: the record with its key behind it, and the value's
- * buffer record with its bytes behind it (ptr into the same block, so
- * wrapped: releasing the record frees both). */
-static void qel_hspace_object_create_from_packet(t_qel_hspace_packet packet, t_qel_hspace_object *object)
+/* A library-made object in two allocations: the record with the
+ * NUL-terminated copy of key_len key bytes behind it, and, unless data_len
+ * is 0, the value's buffer record with its bytes behind it (ptr into the
+ * same block, so wrapped: releasing the record frees both). */
+t_qel_hspace_object qel_hspace_object_make(const char *key, t_kro_uint4 key_len, const void *data,
+                                           t_kro_uint4 data_len)
 {
-    t_kro_ptr hs = packet->subheaders[HSPACE_BODY_HSPACE];
     t_qel_hspace_object o;
-    t_kro_uint4 data_len;
-    char *key;
-    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_object_struct) + qel_hspace_pkt_get_key_len_from_hspace_subheader(hs) + 1,
-                     object, 0);
-    o = *object;
+    char *copy;
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_object_struct) + key_len + 1, &o, 0);
     kro_llist_node_init(o);
     o->user_created = 0;
-    key = (char *)(o + 1);
-    qel_hspace_pkt_copy_key_from_hspace_subheader(hs, key);
-    o->key = key;
-    data_len = qel_hspace_pkt_get_body_len_from_body(packet->body) - HSPACE_PKT_PREAMBLE_LEN;
-    if (data_len == 0) {
-        o->data.buf = NULL;
-    } else {
+    copy = (char *)(o + 1);
+    memcpy(copy, key, key_len);
+    copy[key_len] = '\0';
+    o->key = copy;
+    o->data.buf = NULL;
+    if (data_len != 0) {
         t_kro_buf buf;
         KRO_ALLOC_RECORD(sizeof(struct kro_buf) + data_len, &o->data.buf, 0);
         buf = o->data.buf;
@@ -1112,8 +1108,19 @@ static void qel_hspace_object_create_from_packet(t_qel_hspace_packet packet, t_q
         buf->pos = 0;
         buf->lim = data_len;
         buf->ptr = buf + 1;
-        memcpy(buf->ptr, (const t_kro_byte *)packet->body + HSPACE_PKT_PREAMBLE_LEN, data_len);
+        memcpy(buf->ptr, data, data_len);
     }
+    return o;
+}
+
+/* Builds a library-owned object from a packet with an hspace subheader. */
+static void qel_hspace_object_create_from_packet(t_qel_hspace_packet packet, t_qel_hspace_object *object)
+{
+    t_kro_ptr hs = packet->subheaders[HSPACE_BODY_HSPACE];
+    *object = qel_hspace_object_make((const char *)hs + HSPACE_PKT_HSPACE_FIXED_LEN,
+                                     qel_hspace_pkt_get_key_len_from_hspace_subheader(hs),
+                                     (const t_kro_byte *)packet->body + HSPACE_PKT_PREAMBLE_LEN,
+                                     qel_hspace_pkt_get_body_len_from_body(packet->body) - HSPACE_PKT_PREAMBLE_LEN);
 }
 
 static void qel_hspace_process_reply(t_qel_hspace hspace, t_qel_hspace_packet packet)

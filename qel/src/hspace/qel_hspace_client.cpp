@@ -107,19 +107,10 @@ private:
 // subscriptions gets one object per subscription).
 t_qel_hspace_object clone_object(t_qel_hspace_object source)
 {
-    t_qel_hspace_object o = nullptr;
-    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_object_struct), &o, 0);
-    kro_llist_node_init(o);
-    o->user_created = 0;
-    o->key = nullptr;
-    kro_str_assign(&o->key, source->key);
-    o->data.buf = nullptr;
-    if (t_kro_buf from = source->data.buf) {
-        t_kro_uint4 n = from->lim - from->pos;
-        kro_buf_create(&o->data.buf, n, 0);
-        memcpy(o->data.buf->ptr, static_cast<const char *>(from->ptr) + from->pos, n);
-    }
-    return o;
+    t_kro_buf from = source->data.buf;
+    return qel_hspace_object_make(source->key, static_cast<t_kro_uint4>(strlen(source->key)),
+                                  from ? static_cast<const char *>(from->ptr) + from->pos : nullptr,
+                                  from ? from->lim - from->pos : 0);
 }
 
 // A failure of the link or a close, as opposed to a status the service sent.

@@ -164,6 +164,12 @@ struct qel_hspace_struct {
     std::atomic<t_qel_hspace_state> state; /* written under mutex (or before the reader starts), read anywhere */
 };
 
+/* A library-made object (user_created 0) holding copies of key_len bytes
+ * of key and data_len bytes of data; freed with qel_hspace_object_destroy.
+ * Internal to the library (the C++ API copies objects with it). */
+t_qel_hspace_object qel_hspace_object_make(const char *key, t_kro_uint4 key_len, const void *data,
+                                           t_kro_uint4 data_len);
+
 /* Opens the handle like qel_hspace_open, giving up on connecting and the
  * handshake together after timeout_ms milliseconds (0: no bound) with
  * KRO_ERR_TIMEOUT, the handle left in HSPACE_STATE_INIT. qel_hspace_open
