@@ -26,6 +26,7 @@
 #include <map>
 #include <optional>
 #include <thread>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -68,6 +69,16 @@ bool same_key_nocase(const std::string &a, const std::string &b)
         if (x != y) return false;
     }
     return true;
+}
+
+// The key with ASCII letters lowered: equal for keys same_key_nocase calls
+// equal.
+std::string fold_key(const std::string &key)
+{
+    std::string folded(key);
+    for (char &ch : folded)
+        if (ch >= 'A' && ch <= 'Z') ch = static_cast<char>(ch + 32);
+    return folded;
 }
 
 // s with every byte outside printable ASCII replaced by '?', so that a log
@@ -203,6 +214,7 @@ public:
         socket_.close(ignored);
         size_t n = subs.size();
         subs.clear();
+        folded.clear();
         held.clear();
         engine_.forget(id_, why);
         engine_.dropped_subscriptions(n);
@@ -232,6 +244,7 @@ public:
 
     bool handshaken = false;                   // the handshake was answered
     std::vector<Subscription> subs;            // this connection's subscriptions, in post order
+    std::unordered_set<std::string> folded;    // fold_key of every key in subs: a post's duplicate test
     Op op;                                     // the request of the outstanding store call
     std::vector<Held> held;                    // changes held while a post is starting
 
@@ -513,14 +526,13 @@ void Engine::handle(Connection &c, const codec::Packet &p)
         });
         break;
     case codec::kOpPost: {
-        bool exists = false;
-        for (const Subscription &s : c.subs) exists = exists || same_key_nocase(s.key, h.key);
-        if (exists) {
+        if (c.folded.count(fold_key(h.key)) != 0) {
             if (answer) codec::encode_reply(out, *corrid, kStatusExists);
             break;
         }
         c.op.image = answer && (h.flags & codec::kFlagNoImage) == 0;
         c.subs.push_back(Subscription{h.key, h.triggers, c.op.key_only, true});
+        c.folded.insert(fold_key(h.key));
         subscriptions_++;
         refollow();
         c.suspend();
@@ -534,6 +546,7 @@ void Engine::handle(Connection &c, const codec::Packet &p)
         uint32_t status = kStatusNoMatch;
         for (auto it = c.subs.begin(); it != c.subs.end(); ++it) {
             if (same_key_nocase(it->key, h.key)) {
+                c.folded.erase(fold_key(it->key));
                 c.subs.erase(it);
                 dropped_subscriptions(1);
                 status = 0;
@@ -595,6 +608,7 @@ void Engine::finish_post(Connection &c, uint32_t status, int64_t revision, const
     if (sub != nullptr) {
         std::string out;
         if (status != 0) {
+            c.folded.erase(fold_key(c.subs.back().key));
             c.subs.pop_back();
             c.held.clear();
             dropped_subscriptions(1);
@@ -726,6 +740,7 @@ void Engine::on_feed_ended(const std::string &why)
                 continue;
             }
             codec::encode_notification(out, it->key, kTriggerEnded, std::string());
+            c.folded.erase(fold_key(it->key));
             it = c.subs.erase(it);
             ended++;
         }
