@@ -39,6 +39,7 @@
 #include <vector>
 
 #include <asio.hpp>
+#include <grpc/grpc.h>
 #include <grpcpp/grpcpp.h>
 
 #include "etcd.grpc.pb.h"
@@ -307,26 +308,31 @@ private:
         call->ctx->set_wait_for_ready(true);
         call->ctx->AddMetadata("hasleader", "true");
         calls_.insert(call->ctx.get());
-        method(call->ctx.get(), &call->req, &call->resp,
-                                std::function<void(grpc::Status)>([this, call, method, done](grpc::Status s) {
-                                    asio::post(io_, [this, call, method, done, s] {
-                                        calls_.erase(call->ctx.get());
-                                        bool again = s.error_code() == grpc::StatusCode::UNAVAILABLE ||
-                                                     s.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED;
-                                        if (again && !closed_ &&
-                                            Clock::now() + kCallRetry < call->deadline) {
-                                            call->timer.expires_after(kCallRetry);
-                                            call->timer.async_wait([this, call, method, done](const asio::error_code &) {
-                                                if (!closed_) return attempt(call, method, done);
-                                                call->work.reset();
-                                                done(grpc::Status(grpc::StatusCode::CANCELLED, "store closed"));
-                                            });
-                                            return;
-                                        }
-                                        call->work.reset();
-                                        done(s);
-                                    });
-                                }));
+        // gRPC destroys this callback on its own thread after running it, so
+        // it hands the call and the completion (which may own the call too)
+        // over to the I/O thread: the call's timer and context must die on
+        // the thread that owns the I/O context, and never after it.
+        auto *ctx = call->ctx.get();
+        auto *req = &call->req;
+        auto *resp = &call->resp;
+        method(ctx, req, resp, std::function<void(grpc::Status)>([this, call, method, done](grpc::Status s) mutable {
+                   asio::post(io_, [this, call = std::move(call), method, done = std::move(done), s] {
+                       calls_.erase(call->ctx.get());
+                       bool again = s.error_code() == grpc::StatusCode::UNAVAILABLE ||
+                                    s.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED;
+                       if (again && !closed_ && Clock::now() + kCallRetry < call->deadline) {
+                           call->timer.expires_after(kCallRetry);
+                           call->timer.async_wait([this, call, method, done](const asio::error_code &) {
+                               if (!closed_) return attempt(call, method, done);
+                               call->work.reset();
+                               done(grpc::Status(grpc::StatusCode::CANCELLED, "store closed"));
+                           });
+                           return;
+                       }
+                       call->work.reset();
+                       done(s);
+                   });
+               }));
     }
 
     template <class F>
@@ -510,6 +516,12 @@ std::unique_ptr<Store> make_etcd_store(const Options &options, asio::io_context 
 {
     std::string target = grpc_target(options.store, error);
     if (target.empty()) return nullptr;
+    // gRPC tears its library down when its last channel goes, while its
+    // threads may still be returning from our callbacks; a process that
+    // starts a service again (the tests do) would then race that teardown.
+    // One reference held for the life of the process keeps it initialised.
+    static const bool grpc_kept = (grpc_init(), true);
+    (void)grpc_kept;
     return std::unique_ptr<Store>(new EtcdStore(options, io, listener, target));
 }
 
