@@ -103,6 +103,30 @@ public:
     Recorder events;          // its events
 };
 
+// An event in one line, so that a sequence of them compares in one check:
+// "get 7 p/* 0 1/3 p/a=v", "image 42 a/* 0 0/0", "note 1 a/3=three" (a
+// removal: "note 2 a/1").
+std::string show(const Event &e)
+{
+    std::string s;
+    if (e.type == HSPACE_EVENT_POST_NOTIFICATION) {
+        s = "note " + std::to_string(e.trigger);
+    } else {
+        s = (e.type == HSPACE_EVENT_GET_REPLY ? "get " : "image ") + std::to_string(reinterpret_cast<uintptr_t>(e.urid)) +
+            " " + e.key + " " + std::to_string(e.status) + " " + std::to_string(e.index) + "/" +
+            std::to_string(e.cardinality);
+    }
+    if (e.has_object) s += " " + e.object_key + (e.object_value.empty() ? "" : "=" + e.object_value);
+    return s;
+}
+using Lines = std::vector<std::string>;
+Lines show(const std::vector<Event> &events)
+{
+    Lines out;
+    for (const Event &e : events) out.push_back(show(e));
+    return out;
+}
+
 // Appends one request packet to out, byte for byte as a client sends it.
 void add_request(std::string &out, uint8_t opcode, const std::string &key, std::optional<uint32_t> corrid,
                  uint8_t semantic = codec::kSemSync, int32_t flags = 0, const std::string &data = "")
@@ -341,24 +365,8 @@ TEST_P(ServiceTest, PatternAndAsynchronousGets)
               0u);
     EXPECT_EQ(qel_hspace_get(c.h, "none", reinterpret_cast<t_kro_ptr>(uintptr_t(8)), HSPACE_GET_ASYNC, 0, 0, nullptr),
               0u);
-    std::vector<Event> ev = c.wait_events(4);
-    ASSERT_EQ(ev.size(), 4u);
-    const char *keys[] = {"p/a", "p/b", "p/c"};
-    for (uint32_t i = 0; i < 3; i++) {
-        EXPECT_EQ(ev[i].type, HSPACE_EVENT_GET_REPLY);
-        EXPECT_EQ(ev[i].urid, (t_kro_ptr)7);
-        EXPECT_EQ(ev[i].key, "p/*");
-        EXPECT_EQ(ev[i].status, 0u);
-        EXPECT_EQ(ev[i].cardinality, 3u);
-        EXPECT_EQ(ev[i].index, i + 1);
-        EXPECT_EQ(ev[i].object_key, keys[i]);
-        EXPECT_EQ(ev[i].object_value, std::string("v-") + keys[i]);
-    }
-    EXPECT_EQ(ev[3].type, HSPACE_EVENT_GET_REPLY);
-    EXPECT_EQ(ev[3].urid, (t_kro_ptr)8);
-    EXPECT_EQ(ev[3].status, 0u);
-    EXPECT_EQ(ev[3].cardinality, 0u);
-    EXPECT_FALSE(ev[3].has_object);
+    EXPECT_EQ(show(c.wait_events(4)), (Lines{"get 7 p/* 0 1/3 p/a=v-p/a", "get 7 p/* 0 2/3 p/b=v-p/b",
+                                            "get 7 p/* 0 3/3 p/c=v-p/c", "get 8 none 0 0/0"}));
 }
 
 TEST_P(ServiceTest, SubscriptionImageNotificationsAndCancel)
@@ -372,17 +380,7 @@ TEST_P(ServiceTest, SubscriptionImageNotificationsAndCancel)
 
     // The image: the stored objects addressed to the post, 1..n of n.
     EXPECT_EQ(c.post("a/*", 0, 0, 42), 0u);
-    std::vector<Event> ev = c.wait_events(2);
-    ASSERT_EQ(ev.size(), 2u);
-    for (uint32_t i = 0; i < 2; i++) {
-        EXPECT_EQ(ev[i].type, HSPACE_EVENT_POST_IMAGE);
-        EXPECT_EQ(ev[i].urid, (t_kro_ptr)42);
-        EXPECT_EQ(ev[i].key, "a/*");
-        EXPECT_EQ(ev[i].cardinality, 2u);
-        EXPECT_EQ(ev[i].index, i + 1);
-    }
-    EXPECT_EQ(ev[0].object_key, "a/1");
-    EXPECT_EQ(ev[1].object_value, std::string("two"));
+    EXPECT_EQ(show(c.wait_events(2)), (Lines{"image 42 a/* 0 1/2 a/1=one", "image 42 a/* 0 2/2 a/2=two"}));
     c.events.reset();
 
     // The same key in another letter case is a duplicate on this connection.
@@ -393,15 +391,7 @@ TEST_P(ServiceTest, SubscriptionImageNotificationsAndCancel)
     EXPECT_EQ(c.put("a/3", std::string("three")), 0u);
     EXPECT_EQ(c.remove("a/1"), 0u);
     EXPECT_EQ(c.put("b/1", std::string("other")), 0u);
-    ev = fence(c, c);
-    ASSERT_EQ(ev.size(), 2u);
-    EXPECT_EQ(ev[0].type, HSPACE_EVENT_POST_NOTIFICATION);
-    EXPECT_EQ(ev[0].trigger, 1);
-    EXPECT_EQ(ev[0].object_key, "a/3");
-    EXPECT_EQ(ev[0].object_value, std::string("three"));
-    EXPECT_EQ(ev[1].trigger, 2);
-    EXPECT_EQ(ev[1].object_key, "a/1");
-    EXPECT_EQ(ev[1].object_value, "");
+    EXPECT_EQ(show(fence(c, c)), (Lines{"note 1 a/3=three", "note 2 a/1"}));
 
     // Cancel in another letter case ends it: no more notifications; a
     // second cancel finds nothing; a new post of the key is accepted.
@@ -413,13 +403,7 @@ TEST_P(ServiceTest, SubscriptionImageNotificationsAndCancel)
     // No image with flag 2; an empty image otherwise.
     EXPECT_EQ(c.post("a/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
     EXPECT_EQ(c.post("none"), 0u);
-    ev = c.wait_events(1);
-    ASSERT_EQ(ev.size(), 1u);
-    EXPECT_EQ(ev[0].type, HSPACE_EVENT_POST_IMAGE);
-    EXPECT_EQ(ev[0].key, "none");
-    EXPECT_EQ(ev[0].status, 0u);
-    EXPECT_FALSE(ev[0].has_object);
-    EXPECT_TRUE(fence(c, c).size() == 1u); // still only the empty image
+    EXPECT_EQ(show(fence(c, c)), (Lines{"image 0 none 0 0/0"})); // nothing else
 }
 
 TEST_P(ServiceTest, TriggerMaskAndKeyOnlySubscriptions)
@@ -437,14 +421,8 @@ TEST_P(ServiceTest, TriggerMaskAndKeyOnlySubscriptions)
         EXPECT_EQ(writer.put(k, std::string("v")), 0u);
         EXPECT_EQ(writer.remove(k), 0u);
     }
-    std::vector<Event> ev = fence(writer, sub);
-    std::vector<std::pair<std::string, int>> seen;
-    for (const Event &e : ev) seen.emplace_back(e.object_key, e.trigger);
-    EXPECT_EQ(seen, (std::vector<std::pair<std::string, int>>{
-                        {"stored", 1}, {"removed", 2}, {"all", 1}, {"all", 2}, {"keys", 1}, {"keys", 2}}));
-    ASSERT_EQ(ev.size(), 6u);
-    EXPECT_EQ(ev[2].object_value, std::string("v"));
-    EXPECT_EQ(ev[4].object_value, ""); // key only
+    EXPECT_EQ(show(fence(writer, sub)), (Lines{"note 1 stored=v", "note 2 removed", "note 1 all=v", "note 2 all",
+                                               "note 1 keys", "note 2 keys"}));
 }
 
 TEST_P(ServiceTest, NotificationsReachAnotherHandleInOrder)
@@ -458,15 +436,10 @@ TEST_P(ServiceTest, NotificationsReachAnotherHandleInOrder)
         t_qel_hspace_put_semantic sem = i % 3 == 0 ? HSPACE_PUT_SYNC : HSPACE_PUT_NOREPLY;
         EXPECT_EQ(writer.put(key, std::to_string(i), sem), 0u);
     }
-    std::vector<Event> ev = sub.wait_events(kPuts);
-    ASSERT_EQ(ev.size(), static_cast<size_t>(kPuts));
-    for (int i = 0; i < kPuts; i++) {
-        char key[32];
-        snprintf(key, sizeof key, "seq/%03d", i % 50);
-        ASSERT_EQ(ev[i].type, HSPACE_EVENT_POST_NOTIFICATION);
-        ASSERT_EQ(ev[i].object_key, key);
-        ASSERT_EQ(ev[i].object_value, std::to_string(i)) << "notification " << i;
-    }
+    Lines want;
+    for (int i = 0; i < kPuts; i++) want.push_back("note 1 seq/" + std::string(i % 50 < 10 ? "00" : "0") +
+                                                   std::to_string(i % 50) + "=" + std::to_string(i));
+    EXPECT_EQ(show(sub.wait_events(kPuts)), want);
 }
 
 TEST_P(ServiceTest, OneHandleSharedByThreads)
@@ -579,9 +552,7 @@ TEST_P(ServiceTest, GarbageFromOneClientHarmsNoOther)
     Pairs got;
     ASSERT_EQ(good.get("g/*", &got), 0u);
     EXPECT_EQ(got, (Pairs{{"g/1", std::string("still")}}));
-    std::vector<Event> ev = fence(writer, good);
-    ASSERT_EQ(ev.size(), 1u);
-    EXPECT_EQ(ev[0].object_key, "g/1");
+    EXPECT_EQ(show(fence(writer, good)), (Lines{"note 1 g/1=still"}));
 }
 
 TEST_P(ServiceTest, SlowSubscriberIsDisconnectedOthersGoOn)
@@ -814,11 +785,7 @@ TEST_F(EtcdTest, FailoverOfAMemberThenAnOutageAndRecovery)
     EXPECT_EQ(c.put("f/lost", std::string("x")), hspace::service::kStatusStoreUnavailable);
     EXPECT_EQ(c.get("f/1", &got), hspace::service::kStatusStoreUnavailable);
     EXPECT_EQ(c.remove("f/1"), hspace::service::kStatusStoreUnavailable);
-    std::vector<Event> ev = c.wait_events(1);
-    ASSERT_EQ(ev.size(), 1u);
-    EXPECT_EQ(ev[0].type, HSPACE_EVENT_POST_NOTIFICATION);
-    EXPECT_EQ(ev[0].trigger, hspace::service::kTriggerEnded);
-    EXPECT_EQ(ev[0].object_key, "f/*");
+    EXPECT_EQ(show(c.wait_events(1)), (Lines{"note 4 f/*"})); // trigger 4: ended
     c.events.reset();
     EXPECT_EQ(c.post("g"), hspace::service::kStatusStoreUnavailable);
     // The ended subscription is still the client's until it cancels it.
