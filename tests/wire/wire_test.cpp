@@ -1,13 +1,15 @@
 /*
  * wire_test.cpp - the wire protocol, white-box: the bytes every encoder
- * writes (compared with the service codec's encoding, plus three packets
- * byte for byte), the reply-info accessors, the handshake reply decoder,
- * the packet reader on a loopback connection to the fake service, and
- * inbound processing of subheaders too short to use.
+ * writes (against the service codec's encoding, whose worked examples
+ * tests/codec checks byte for byte), the reply-info accessors, the
+ * handshake reply decoder, the packet reader on a loopback connection to
+ * the fake service, the framing of subheaders by type, and inbound
+ * processing of subheaders too short to use.
  */
 #include "qel_hspace.cpp"
 
 #include <string>
+#include <tuple>
 #include <thread>
 #include <vector>
 
@@ -112,32 +114,6 @@ struct BareHandle {
     }
 };
 
-TEST(Encoders, ReferencePacketsByteForByte)
-{
-    InitLibrary();
-    BareHandle hs;
-    hs.h.service_ltp = 5;
-    t_kro_buf value = NULL;
-    kro_buf_create(&value, 3, 0);
-    memcpy(value->ptr, "abc", 3);
-    t_qel_hspace_object object = NULL;
-    ASSERT_EQ(0u, qel_hspace_object_create("k1", value, &object));
-    EXPECT_EQ(Hex("BA DC AD 01 00 00 00 46 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 FF 00 00 01 41"
-                  "01 00 01 41 00 00 00 26 00 01 FF FF 00 04 64 61 74 61 00 09 61 6E 6F 6E 79 6D 6F 75 73 00 07 64"
-                  "65 66 61 75 6C 74"),
-              Take(qel_hspace_pkt_serialize_handshake_request("data", "anonymous", "default")));
-    EXPECT_EQ(Hex("BA DC AD 01 00 00 00 58 00 00 00 00 00 00 00 00 00 00 00 05 00 00 00 00 00 00 00 FF 00 02 01 03"
-                  "01 00 00 04 00 00 00 18 01 02 01 00 00 00 00 00 00 00 00 00 00 02 6B 31 01 00 00 01 00 00 00 18"
-                  "00 00 00 00 00 00 00 07 80 00 00 00 00 00 00 00 01 00 01 03 00 00 00 08"),
-              Take(qel_hspace_pkt_serialize_get_request(&hs.h, "k1", HSPACE_GET_SYNC, 0, 0, 7)));
-    EXPECT_EQ(Hex("BA DC AD 01 00 00 00 43 00 00 00 00 00 00 00 00 00 00 00 05 00 00 00 00 00 00 00 FF 00 01 01 01"
-                  "01 00 00 04 00 00 00 18 01 01 04 00 00 00 00 00 00 00 00 00 00 02 6B 31 01 00 01 01 00 00 00 0B"
-                  "61 62 63"),
-              Take(qel_hspace_pkt_serialize_put_request(&hs.h, object, HSPACE_PUT_NOREPLY, 0, 0)));
-    EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
-    kro_buf_release(&value);
-}
-
 // Every encoder against the codec: semantic to wire (no reply means no rr
 // subheader), flag masks, triggers, timeout, value window, empty strings.
 TEST(Encoders, EveryRequestMatchesTheCodec)
@@ -155,28 +131,27 @@ TEST(Encoders, EveryRequestMatchesTheCodec)
     data->lim = 10;
     ASSERT_EQ(0u, qel_hspace_object_create("key", data, &window));
     ASSERT_EQ(0u, qel_hspace_object_create("key", NULL, &bare));
+    Bytes handshake, empty;
+    codec::encode_handshake_request(handshake, "data", "anonymous", "default");
+    codec::encode_handshake_request(empty, "", "", "");
     const struct {
         t_kro_buf packet;
         Bytes expected;
     } cases[] = {
+        {qel_hspace_pkt_serialize_handshake_request("data", "anonymous", "default"), handshake},
+        {qel_hspace_pkt_serialize_handshake_request("", "", ""), empty},
         {qel_hspace_pkt_serialize_put_request(h, window, HSPACE_PUT_NOREPLY, 7, 0),
          Request(9, codec::kOpPut, codec::kSemNoReply, "key", {}, 0, 0, 0, "3456789")},
         {qel_hspace_pkt_serialize_put_request(h, window, HSPACE_PUT_SYNC, all, 0x3FFFFFFF),
          Request(9, codec::kOpPut, codec::kSemSync, "key", 0x3FFFFFFF, 0, 0, 0, "3456789")},
         {qel_hspace_pkt_serialize_put_request(h, bare, HSPACE_PUT_NOREPLY, 0, 0),
          Request(9, codec::kOpPut, codec::kSemNoReply, "key", {})},
-        {qel_hspace_pkt_serialize_get_request(h, "abc", HSPACE_GET_ASYNC, -3, 7, 11),
+        {qel_hspace_pkt_serialize_get_request(h, "abc", HSPACE_GET_ASYNC, -3, all, 11),
          Request(9, codec::kOpGet, codec::kSemAsync, "abc", 11, 5, 0, -3)},
         {qel_hspace_pkt_serialize_get_request(h, "abc", HSPACE_GET_SYNC, 0, 2, 12),
          Request(9, codec::kOpGet, codec::kSemSync, "abc", 12)},
-        {qel_hspace_pkt_serialize_get_request(h, "abc", HSPACE_GET_SYNC, 0, all, 12),
-         Request(9, codec::kOpGet, codec::kSemSync, "abc", 12, 5)},
         {qel_hspace_pkt_serialize_post_request(h, "k", HSPACE_POST_SYNC, 0x5A, 1, 3),
          Request(9, codec::kOpPost, codec::kSemSync, "k", 3, 0, 0x5A)},
-        {qel_hspace_pkt_serialize_post_request(h, "k", HSPACE_POST_SYNC, 0x5A, 2, 3),
-         Request(9, codec::kOpPost, codec::kSemSync, "k", 3, 2, 0x5A)},
-        {qel_hspace_pkt_serialize_post_request(h, "k", HSPACE_POST_SYNC, 0x5A, 4, 3),
-         Request(9, codec::kOpPost, codec::kSemSync, "k", 3, 4, 0x5A)},
         {qel_hspace_pkt_serialize_post_request(h, "k", HSPACE_POST_SYNC, 0x5A, all, 3),
          Request(9, codec::kOpPost, codec::kSemSync, "k", 3, 6, 0x5A)},
         {qel_hspace_pkt_serialize_cancel_request(h, HSPACE_OPCODE_CANCEL, "kk", HSPACE_CANCEL_SYNC, 7, 4),
@@ -188,10 +163,7 @@ TEST(Encoders, EveryRequestMatchesTheCodec)
         {qel_hspace_pkt_serialize_remove_request(h, "", HSPACE_REMOVE_NOREPLY, 7, 0),
          Request(9, codec::kOpRemove, codec::kSemNoReply, "", {})},
     };
-    for (const auto &c : cases) EXPECT_EQ(c.expected, Take(c.packet)) << c.expected.size();
-    Bytes empty;
-    codec::encode_handshake_request(empty, "", "", "");
-    EXPECT_EQ(empty, Take(qel_hspace_pkt_serialize_handshake_request("", "", "")));
+    for (const auto &c : cases) EXPECT_EQ(c.expected, Take(c.packet)) << &c - cases;
     // The value window was read, not moved.
     EXPECT_EQ(3u, data->pos);
     EXPECT_EQ(10u, data->lim);
@@ -199,28 +171,20 @@ TEST(Encoders, EveryRequestMatchesTheCodec)
     EXPECT_EQ(0u, qel_hspace_object_destroy(&window));
     EXPECT_EQ(0u, qel_hspace_object_destroy(&bare));
     kro_buf_release(&data);
-    // An empty key reads back as an empty string.
-    Bytes hs0 = Hs(codec::kOpGet, "");
-    t_kro_str key = NULL;
-    qel_hspace_pkt_get_key_from_hspace_subheader(Ptr(hs0), &key);
-    EXPECT_STREQ("", key);
-    kro_mm_free(&key);
 }
 
 TEST(PacketLayout, ReplyInfoBitLayouts)
 {
+    using Info = std::tuple<t_kro_byte, t_kro_bool, uint32_t, uint32_t, uint32_t>; // reply, success, count, num, error
     const struct {
         uint32_t w1, w2;
-        t_kro_byte is_reply;
-        t_kro_bool success;
-        uint32_t count, num, error;
+        Info info;
     } cases[] = {
-        {0x04000001, 0x40000002, 1, 1, 10, 2, 0},
-        {0x00000000, 0x00000002, 1, 0, 0, 0, 2},
-        {0x00000000, 0xFFFFFFFF, 1, 0, 0, 0, 0xFFFFFFFF},
-        {0x07FFFFFF, 0xE0000000, 1, 1, 0x1FFFFFFF, 0, 0},
-        {0x7C000000, 0x1FFFFFFF, 1, 1, 0, 0x1FFFFFFF, 0}, // reserved bits 30..27 ignored
-        {0x80000000, 0x00000000, 0, 0, 0, 0, 0},          // what a request carries
+        {0x04000001, 0x40000002, Info{1, 1, 10, 2, 0}},
+        {0x00000000, 0xFFFFFFFF, Info{1, 0, 0, 0, 0xFFFFFFFF}},
+        {0x07FFFFFF, 0xE0000000, Info{1, 1, 0x1FFFFFFF, 0, 0}},
+        {0x7C000000, 0x1FFFFFFF, Info{1, 1, 0, 0x1FFFFFFF, 0}}, // reserved bits 30..27 ignored
+        {0x80000000, 0x00000000, Info{0, 0, 0, 0, 0}},          // what a request carries
     };
     for (const auto &c : cases) {
         Bytes rr;
@@ -229,12 +193,8 @@ TEST(PacketLayout, ReplyInfoBitLayouts)
         t_kro_bool success = 99;
         t_kro_error error = 99;
         qel_hspace_pkt_get_reply_info_from_rr_subheader(Ptr(rr), &corrid, &success, &count, &num, &error);
-        EXPECT_EQ(c.is_reply, qel_hspace_pkt_is_reply(Ptr(rr))) << c.w1;
         EXPECT_EQ(0xCAFEF00Du, corrid);
-        EXPECT_EQ(c.success, success) << c.w1;
-        EXPECT_EQ(c.count, count) << c.w1;
-        EXPECT_EQ(c.num, num) << c.w1;
-        EXPECT_EQ(c.error, error) << c.w1;
+        EXPECT_EQ(c.info, Info(qel_hspace_pkt_is_reply(Ptr(rr)), success, count, num, error)) << c.w1;
     }
 }
 
@@ -363,65 +323,50 @@ TEST_F(Reader, AssemblesSplitsAndGrowsOnlyAsBytesArrive)
     for (const ReaderCase &c : cases) Run(c);
 }
 
-// Each stream is refused from the bytes received (the peer has closed, so
-// reading on would give KRO_ERR_PEER_CLOSED instead), without growing the
-// buffer.
-TEST_F(Reader, RefusesInvalidStreamsFromTheBytesAlone)
+// The library's scanner and the codec's framer apply one set of rules:
+// each stream is refused as soon as its bytes prove it invalid.
+TEST(Scan, ScannerAndFramerAgreeOnEveryStream)
 {
-    const Bytes good = Object(1, "k", 4), body = Sec(codec::kTypeReply);
-    Bytes short_of_wirelen = good + Bytes(4, 0);
-    short_of_wirelen[7] = (char)(good.size() + 4);
+    const Bytes body = Sec(codec::kTypeReply);
     const struct {
         const char *name;
         Bytes bytes;
+        qel_hspace_pkt_scan want;
     } cases[] = {
-        {"bad magic", Header(40, 0, 0xBADCAE01) + body},
-        {"bad version", Header(40, 0, 0xBADCAD02) + body},
-        {"eight bytes of bad magic", Header(40, 0, 0x0BADCAD1).substr(0, 8)},
-        {"wirelen below the header", Header(31).substr(0, 8)},
-        {"wirelen above 1 GiB", Header(HSPACE_PKT_MAX_LEN + 1).substr(0, 8)},
-        {"wirelen 2^32-1", Header(0xFFFFFFFF) + body},
-        {"subheader length 7", Header(32 + 7 + 8, 1) + Sec(1, "", 7) + Bytes(1, 0) + body},
-        {"body length 7", Header(32 + 8) + Sec(260, "", 7) + Bytes(1, 0)},
-        {"body length 0", Header(32 + 8) + Sec(260, "", 0)},
+        {"bad magic", Header(40, 0, 0xBADCAE01) + body, QEL_HSPACE_PKT_INVALID},
+        {"bad version", Header(40, 0, 0xBADCAD02) + body, QEL_HSPACE_PKT_INVALID},
+        {"eight bytes of bad magic", Header(40, 0, 0x0BADCAD1).substr(0, 8), QEL_HSPACE_PKT_INVALID},
+        {"seven bytes of bad magic", Header(40, 0, 0x0BADCAD1).substr(0, 7), QEL_HSPACE_PKT_MORE},
+        {"wirelen below the header", Header(31).substr(0, 8), QEL_HSPACE_PKT_INVALID},
+        {"wirelen above 1 GiB", Header(HSPACE_PKT_MAX_LEN + 1).substr(0, 8), QEL_HSPACE_PKT_INVALID},
+        {"wirelen 1 GiB", Header(HSPACE_PKT_MAX_LEN) + Sec(1, "", HSPACE_PKT_MAX_LEN - 32), QEL_HSPACE_PKT_MORE},
+        {"wirelen 2^32-1", Header(0xFFFFFFFF) + body, QEL_HSPACE_PKT_INVALID},
+        {"subheader length 7", Header(32 + 7 + 8, 1) + Sec(1, "", 7) + Bytes(1, 0) + body, QEL_HSPACE_PKT_INVALID},
+        {"body length 7", Header(32 + 8) + Sec(260, "", 7) + Bytes(1, 0), QEL_HSPACE_PKT_INVALID},
+        {"body length 0", Header(32 + 8) + Sec(260, "", 0), QEL_HSPACE_PKT_INVALID},
         // The sections add up to wirelen only by overlapping.
-        {"subheader length 4 overlapping the body", Header(48, 1) + Hex("01 00 00 01 00 00 00 04 00 00 00 0C") + Bytes(4, 0)},
-        {"subheader past wirelen", Header(32 + 24 + 8, 1) + Sec(1, "", 40) + Bytes(16, 0)},
-        {"body past wirelen", Header(32 + 8) + Sec(257, "", 9)},
-        {"no room for the body", Header(32 + 24, 1) + Rr(1)},
-        {"sections short of wirelen", short_of_wirelen},
+        {"subheader length 4 overlapping the body", Header(48, 1) + Hex("01 00 00 01 00 00 00 04 00 00 00 0C") + Bytes(4, 0),
+         QEL_HSPACE_PKT_INVALID},
+        {"subheader past wirelen", Header(32 + 24 + 8, 1) + Sec(1, "", 40) + Bytes(16, 0), QEL_HSPACE_PKT_INVALID},
+        {"subheader inside wirelen", Header(100, 1) + Sec(1, "", 60), QEL_HSPACE_PKT_MORE},
+        {"body past wirelen", Header(32 + 8) + Sec(257, "", 9), QEL_HSPACE_PKT_INVALID},
+        {"no room for the body", Header(32 + 24, 1) + Rr(1), QEL_HSPACE_PKT_INVALID},
+        {"no body", Header(32), QEL_HSPACE_PKT_INVALID},
+        {"sections short of wirelen", Header(41) + body, QEL_HSPACE_PKT_INVALID},
+        {"header and an empty body, and more", Header(40) + body + "zz", QEL_HSPACE_PKT_WHOLE},
     };
-    for (const auto &c : cases) Run({c.name, {{'S', c.bytes}, {'C'}, {'E', "", KRO_ERR_INVALID_PACKET}}, 8192});
-}
-
-TEST_F(Reader, FilesSubheadersByTypeAndStepsOverOthers)
-{
-    const Bytes bare = Pkt("", 0, codec::kTypeReply);
-    const Bytes twice = Pkt(Rr(1) + Hs(codec::kOpGet, "k") + Rr(2), 3, codec::kTypeObject, "v");
-    const Bytes skipped = Pkt(Sec(5, "ignored") + Sec(300) + Sec(0, "z"), 3, codec::kTypeReply);
-    ASSERT_NO_FATAL_FAILURE(Connect());
-    peer_.send_raw(bare + twice + skipped);
-    const struct {
-        size_t len;
-        std::vector<int> slots; // offset of each slot's subheader from the header, -1 for none
-        size_t body;            // offset of the body
-    } cases[] = {{bare.size(), {-1, -1, -1, -1, -1}, 32},
-                 {twice.size(), {-1, 32 + 24 + 23, -1, -1, 32 + 24}, 32 + 24 + 23 + 24},
-                 {skipped.size(), {32 + 15 + 8, -1, -1, -1, -1}, 32 + 15 + 8 + 9}};
+    const codec::FrameStatus framer[] = {codec::FrameStatus::NeedMore, codec::FrameStatus::Complete,
+                                         codec::FrameStatus::Invalid};
     for (const auto &c : cases) {
-        t_qel_hspace_packet packet = NULL;
-        ASSERT_EQ(0u, Read(&packet));
-        t_kro_byte *header = (t_kro_byte *)packet->header;
-        EXPECT_EQ(c.len, qel_hspace_pkt_get_wirelen(header));
-        for (int i = 0; i < HSPACE_SUBHEADER_SLOTS; i++)
-            EXPECT_EQ(c.slots[i] < 0 ? nullptr : header + c.slots[i], packet->subheaders[i]) << i;
-        EXPECT_EQ(header + c.body, packet->body);
-        kro_mm_free(&packet);
+        EXPECT_EQ(c.want, qel_hspace_pkt_scan_bytes((const t_kro_byte *)c.bytes.data(), (t_kro_uint4)c.bytes.size()))
+            << c.name;
+        EXPECT_EQ(framer[c.want], codec::frame(c.bytes).status) << c.name;
     }
 }
 
-/* ---- inbound processing of subheaders too short to use: never filed,
- * so the packet is dropped without reading past its sections ---- */
+/* ---- framing and inbound processing: subheaders filed by type (a later
+ * one replaces an earlier one, other types are stepped over); one too short
+ * to use is not filed, so its packet is dropped without reading past it ---- */
 
 std::vector<t_qel_hspace_event> g_seen; // events seen by Collect, this thread only
 
@@ -457,17 +402,19 @@ protected:
         kro_cond_destroy(&hs_.h.cond);
         LibraryTest::TearDown();
     }
-    // Frames one whole packet and processes it; says which slots were filed.
-    void Process(Bytes bytes, bool rr_filed, bool hs_filed)
+    // Frames one whole packet; checks the offset from the header of each
+    // slot's subheader (-1: none) and of the body; processes it if asked.
+    void Frame(Bytes bytes, std::vector<int> slots, size_t body, bool process)
     {
         struct kro_buf in = {1, 0, (t_kro_uint4)bytes.size(), (t_kro_uint4)bytes.size(), 1, Ptr(bytes)};
         t_qel_hspace_packet packet = NULL;
         ASSERT_EQ(QEL_HSPACE_PKT_WHOLE, qel_hspace_pkt_scan_bytes(Ptr(bytes), (t_kro_uint4)bytes.size()));
         qel_hspace_pkt_frame(&in, &packet);
         EXPECT_EQ(in.lim, in.pos);
-        EXPECT_EQ(rr_filed, packet->subheaders[HSPACE_BODY_RR] != NULL);
-        EXPECT_EQ(hs_filed, packet->subheaders[HSPACE_BODY_HSPACE] != NULL);
-        qel_hspace_process_packet(&hs_.h, packet);
+        for (int i = 0; i < HSPACE_SUBHEADER_SLOTS; i++)
+            EXPECT_EQ(slots[i] < 0 ? nullptr : Ptr(bytes) + slots[i], packet->subheaders[i]) << i;
+        EXPECT_EQ(Ptr(bytes) + body, packet->body);
+        if (process) qel_hspace_process_packet(&hs_.h, packet);
         kro_mm_free(&packet);
     }
 
@@ -476,23 +423,35 @@ protected:
     t_qel_hspace_request get_ = NULL;
 };
 
-TEST_F(Inbound, ShortSubheadersAreNotFiledAndTheirPacketsAreDropped)
+TEST_F(Inbound, SubheadersAreFiledByTypeAndShortOnesDropTheirPacket)
 {
-    const Bytes short_rr = Sec(codec::kTypeRr, "", 8), hs = Hs(codec::kOpGet, "k");
-    Process(Pkt(short_rr, 1, codec::kTypeReply), false, false);
-    Process(Pkt(hs + short_rr, 2, codec::kTypeObject, "v"), false, true);
-    Process(Pkt(hs + Rr(1, 1, 1) + short_rr, 3, codec::kTypeObject, "v"), false, true); // a short rr empties the slot
-    Process(Pkt(Hs(codec::kOpNotification, "ab", 10), 1, codec::kTypeObject, "v"), false, false); // key past its section
-    Process(Pkt(Sec(codec::kTypeHspace, Bytes(13, 7), 21), 1, codec::kTypeObject, "v"), false, false);
-    Process(Pkt(Hs(codec::kOpGet, "k", 200) + Rr(1, 1, 1), 2, codec::kTypeObject, "v"), true, false);
+    const Bytes short_rr = Sec(codec::kTypeRr, "", 8), hs = Hs(codec::kOpGet, "k"), v = "v";
+    const int _ = -1, R = 32 + 23; // R: the offset of a subheader after hs
+    const struct {
+        Bytes bytes;
+        std::vector<int> slots;
+        size_t body;
+        bool process; // a packet to drop
+    } cases[] = {
+        {Pkt("", 0, codec::kTypeReply), {_, _, _, _, _}, 32, false},
+        {Pkt(Rr(1) + hs + Rr(2), 3, codec::kTypeObject, v), {_, 32 + 24 + 23, _, _, 32 + 24}, 32 + 24 + 23 + 24, false},
+        {Pkt(Sec(5, "ignored") + Sec(300) + Sec(0, "z"), 3, codec::kTypeReply), {32 + 15 + 8, _, _, _, _}, 32 + 32, false},
+        {Pkt(short_rr, 1, codec::kTypeReply), {_, _, _, _, _}, 40, true},
+        {Pkt(hs + short_rr, 2, codec::kTypeObject, v), {_, _, _, _, 32}, R + 8, true},
+        {Pkt(hs + Rr(1, 1, 1) + short_rr, 3, codec::kTypeObject, v), {_, _, _, _, 32}, R + 32, true}, // emptied
+        {Pkt(Hs(codec::kOpNotification, "ab", 10), 1, codec::kTypeObject, v), {_, _, _, _, _}, R + 1, true},
+        {Pkt(Sec(codec::kTypeHspace, Bytes(13, 7), 21), 1, codec::kTypeObject, v), {_, _, _, _, _}, 32 + 21, true},
+        {Pkt(Hs(codec::kOpGet, "k", 200) + Rr(1, 1, 1), 2, codec::kTypeObject, v), {_, R, _, _, _}, R + 24, true},
+    };
+    for (const auto &c : cases) Frame(c.bytes, c.slots, c.body, c.process);
     EXPECT_TRUE(g_seen.empty());
     EXPECT_EQ(0, list_->num_elements);
     EXPECT_EQ(0, get_->sync_ctx->complete);
     EXPECT_EQ(get_, qel_hspace_request_get_by_corrid(&hs_.h, 1));
     // Whole subheaders, a key filling its section exactly, are used.
-    Process(Pkt(Hs(codec::kOpNotification, "ab"), 1, codec::kTypeObject, "v"), false, true);
+    Frame(Pkt(Hs(codec::kOpNotification, "ab"), 1, codec::kTypeObject, v), {_, _, _, _, 32}, R + 1, true);
     EXPECT_EQ(std::vector<t_qel_hspace_event>{HSPACE_EVENT_POST_NOTIFICATION}, g_seen);
-    Process(Pkt(hs + Rr(1, 1, 1), 2, codec::kTypeObject, "v"), true, true);
+    Frame(Pkt(hs + Rr(1, 1, 1), 2, codec::kTypeObject, v), {_, R, _, _, 32}, R + 24, true);
     EXPECT_EQ(1, list_->num_elements);
     EXPECT_EQ(1, get_->sync_ctx->complete);
 }
