@@ -20,14 +20,6 @@ namespace {
 using namespace hspace::test;
 using Bytes = std::string;
 
-Bytes Hex(const char *text)
-{
-    Bytes out;
-    for (const char *p = text; *p != '\0'; p += *p == ' ' ? 1 : 2)
-        if (*p != ' ') out.push_back((char)std::stoul(std::string(p, 2), nullptr, 16));
-    return out;
-}
-
 t_kro_byte *Ptr(Bytes &b) { return (t_kro_byte *)&b[0]; }
 
 // A section of type whose length field says len (default: its real length).
@@ -84,10 +76,7 @@ Bytes Object(uint32_t corrid, const Bytes &key, size_t len, char fill = 'x')
 // reference, owning its bytes), taken apart and released.
 Bytes Take(t_kro_buf buf)
 {
-    EXPECT_EQ(1, buf->refcount);
-    EXPECT_EQ(0, buf->wrapped);
-    EXPECT_EQ(buf->size, buf->pos);
-    EXPECT_EQ(buf->size, buf->lim);
+    EXPECT_TRUE(buf->refcount == 1 && !buf->wrapped && buf->pos == buf->size && buf->lim == buf->size);
     Bytes out((const char *)buf->ptr, buf->size);
     kro_buf_release(&buf);
     return out;
@@ -202,7 +191,7 @@ TEST(PacketLayout, ReplyInfoBitLayouts)
 // and name bytes (which may run on past the name length).
 Bytes ReplyBody(uint16_t type, uint16_t name_len, const Bytes &name)
 {
-    return Sec(type, Hex("01 02 FF FE") + Bytes{(char)(name_len >> 8), (char)name_len} + name);
+    return Sec(type, Bytes("\x01\x02\xFF\xFE", 4) + Bytes{(char)(name_len >> 8), (char)name_len} + name);
 }
 
 TEST(HandshakeReply, DecodesTheNameOfExactLengthAndRefusesWhatDoesNotFit)
@@ -229,96 +218,61 @@ TEST(HandshakeReply, DecodesTheNameOfExactLengthAndRefusesWhatDoesNotFit)
 /* ---- the packet reader: the library's socket connected to the fake
  * service, whose side of the connection plays the service ---- */
 
-// One step of a reader case: send bytes (in one write, or one byte per
-// write from another thread), close the service's side, read a packet that
-// must be exactly these bytes, or read that must fail with error and leave
-// the packet variable alone; 'L' checks the bytes left in the read buffer.
-struct Step {
-    char op;          // 'S', 'B', 'C', 'R', 'E' or 'L'
-    Bytes bytes = ""; // sent, or expected
-    t_kro_error error = 0;
-};
-
 struct ReaderCase {
     const char *name;
-    std::vector<Step> steps;
-    t_kro_uint4 final_size; // of the read buffer
+    Bytes sent;                // by the service, from another thread
+    bool bytewise;             // one byte per write
+    std::vector<Bytes> reads;  // the packets read, in order
+    t_kro_error error;         // nonzero: the service then closes, and the next read fails so
+    t_kro_uint4 size;          // of the read buffer at the end
 };
 
 class Reader : public LibraryTest {
 protected:
-    // A fresh connection for each case.
-    void Connect()
-    {
-        hs_.reset(new BareHandle());
-        ASSERT_EQ(0u, qel_hspace_socket_create(svc_.url().c_str(), &hs_->h.socket));
-        ASSERT_EQ(0u, kro_socket_connect(hs_->h.socket));
-        peer_ = svc_.accept();
-        ASSERT_TRUE(peer_.valid());
-    }
-    t_kro_error Read(t_qel_hspace_packet *packet) { return qel_hspace_read_packet(&hs_->h, packet); }
-
     void Run(const ReaderCase &c)
     {
         SCOPED_TRACE(c.name);
-        ASSERT_NO_FATAL_FAILURE(Connect());
-        std::thread writer;
-        for (const Step &s : c.steps) {
-            struct qel_hspace_packet sentinel;
-            t_qel_hspace_packet packet = &sentinel;
-            t_kro_buf rb = hs_->h.readbuf;
-            switch (s.op) {
-            case 'S': EXPECT_TRUE(peer_.send_raw(s.bytes)); break;
-            case 'B': writer = std::thread([this, &s] { peer_.send_raw_bytewise(s.bytes); }); break;
-            case 'C':
-                if (writer.joinable()) writer.join();
-                peer_.close();
-                break;
-            case 'R':
-                packet = NULL;
-                ASSERT_EQ(0u, Read(&packet));
-                if (qel_hspace_pkt_get_wirelen(packet->header) == s.bytes.size())
-                    EXPECT_EQ(s.bytes, Bytes((const char *)packet->header, s.bytes.size()));
-                else
-                    ADD_FAILURE() << "a packet of " << qel_hspace_pkt_get_wirelen(packet->header) << " bytes";
-                kro_mm_free(&packet);
-                break;
-            case 'E':
-                EXPECT_EQ(s.error, Read(&packet));
-                EXPECT_EQ(&sentinel, packet);
-                break;
-            case 'L': EXPECT_EQ(s.bytes.size(), rb->lim - rb->pos); break;
-            }
+        BareHandle hs;
+        ASSERT_EQ(0u, qel_hspace_socket_create(svc_.url().c_str(), &hs.h.socket));
+        ASSERT_EQ(0u, kro_socket_connect(hs.h.socket));
+        FakeConnection peer = svc_.accept();
+        std::thread writer([&] {
+            EXPECT_TRUE(c.bytewise ? peer.send_raw_bytewise(c.sent) : peer.send_raw(c.sent));
+            if (c.error != 0) peer.close();
+        });
+        for (const Bytes &want : c.reads) {
+            t_qel_hspace_packet packet = NULL;
+            EXPECT_EQ(0u, qel_hspace_read_packet(&hs.h, &packet));
+            if (packet == NULL) break;
+            EXPECT_EQ(want, Bytes((const char *)packet->header, qel_hspace_pkt_get_wirelen(packet->header)));
+            kro_mm_free(&packet);
         }
-        if (writer.joinable()) writer.join();
-        ASSERT_NE(nullptr, hs_->h.readbuf);
-        EXPECT_EQ(c.final_size, hs_->h.readbuf->size);
+        struct qel_hspace_packet sentinel;
+        t_qel_hspace_packet packet = &sentinel;
+        EXPECT_EQ(c.error, c.error != 0 ? qel_hspace_read_packet(&hs.h, &packet) : 0);
+        EXPECT_EQ(&sentinel, packet); // untouched on error
+        writer.join();
+        ASSERT_NE(nullptr, hs.h.readbuf);
+        EXPECT_EQ(c.size, hs.h.readbuf->size);
     }
 
     FakeService svc_;
-    FakeConnection peer_;
-    std::unique_ptr<BareHandle> hs_;
 };
 
 TEST_F(Reader, AssemblesSplitsAndGrowsOnlyAsBytesArrive)
 {
-    const Bytes a = Object(1, "first", 10), b = Object(2, "second", 300), b1 = b.substr(0, 37), b2 = b.substr(37);
-    const Bytes big = Pkt("", 0, codec::kTypeObject, Bytes(20000 - 40, 'z')), mid = Object(3, "m", 9000);
+    const Bytes a = Object(1, "first", 10), b = Object(2, "second", 300), mid = Object(3, "m", 9000);
+    const Bytes big = Pkt("", 0, codec::kTypeObject, Bytes(20000 - 40, 'z'));
     const Bytes exact = Pkt("", 0, codec::kTypeObject, Bytes(HSPACE_PKT_READBUF_SIZE - 40, 'e'));
     const ReaderCase cases[] = {
-        {"two packets from one read", {{'S', a + b}, {'C'}, {'R', a}, {'L', b}, {'R', b}, {'E', "", KRO_ERR_PEER_CLOSED}},
-         8192},
-        {"one byte per write", {{'B', a + b}, {'R', a}, {'R', b}}, 8192},
-        {"partial packet kept across reads", {{'S', a + b1}, {'R', a}, {'S', b2}, {'R', b}}, 8192},
-        {"doubles twice for 20000 bytes and stays", {{'S', big + a}, {'R', big}, {'R', a}}, 32768},
-        {"doubles once for 9000 bytes", {{'S', mid}, {'R', mid}}, 16384},
-        {"exactly the buffer size", {{'S', exact + exact}, {'R', exact}, {'R', exact}}, 8192},
-        {"close mid-packet", {{'S', a.substr(0, 50)}, {'C'}, {'E', "", KRO_ERR_PEER_CLOSED}}, 8192},
-        {"no verdict on seven bytes", {{'S', Bytes(7, 0x55)}, {'C'}, {'E', "", KRO_ERR_PEER_CLOSED}}, 8192},
-        {"eight good bytes wait", {{'S', Header(64).substr(0, 8)}, {'C'}, {'E', "", KRO_ERR_PEER_CLOSED}}, 8192},
-        {"1 GiB announced, nothing allocated",
-         {{'S', Header(HSPACE_PKT_MAX_LEN).substr(0, 8)}, {'C'}, {'E', "", KRO_ERR_PEER_CLOSED}}, 8192},
-        {"invalid after valid", {{'S', a + Bytes(8, 0)}, {'C'}, {'R', a}, {'E', "", KRO_ERR_INVALID_PACKET}}, 8192},
+        {"two packets, then the close", a + b, false, {a, b}, KRO_ERR_PEER_CLOSED, 8192},
+        {"one byte per write", a + b, true, {a, b}, 0, 8192},
+        {"doubles twice for 20000 bytes and stays", big + a, false, {big, a}, 0, 32768},
+        {"doubles once for 9000 bytes", mid, false, {mid}, 0, 16384},
+        {"exactly the buffer size", exact + exact, false, {exact, exact}, 0, 8192},
+        {"close mid-packet", a.substr(0, 50), false, {}, KRO_ERR_PEER_CLOSED, 8192},
+        {"1 GiB announced, nothing allocated", Header(HSPACE_PKT_MAX_LEN).substr(0, 8), false, {}, KRO_ERR_PEER_CLOSED, 8192},
+        {"invalid after valid", a + Bytes(8, 0), false, {a}, KRO_ERR_INVALID_PACKET, 8192},
     };
     for (const ReaderCase &c : cases) Run(c);
 }
@@ -345,7 +299,7 @@ TEST(Scan, ScannerAndFramerAgreeOnEveryStream)
         {"body length 7", Header(32 + 8) + Sec(260, "", 7) + Bytes(1, 0), QEL_HSPACE_PKT_INVALID},
         {"body length 0", Header(32 + 8) + Sec(260, "", 0), QEL_HSPACE_PKT_INVALID},
         // The sections add up to wirelen only by overlapping.
-        {"subheader length 4 overlapping the body", Header(48, 1) + Hex("01 00 00 01 00 00 00 04 00 00 00 0C") + Bytes(4, 0),
+        {"subheader length 4 overlapping the body", Header(48, 1) + Sec(1, Bytes("\0\0\0\x0C", 4), 4) + Bytes(4, 0),
          QEL_HSPACE_PKT_INVALID},
         {"subheader past wirelen", Header(32 + 24 + 8, 1) + Sec(1, "", 40) + Bytes(16, 0), QEL_HSPACE_PKT_INVALID},
         {"subheader inside wirelen", Header(100, 1) + Sec(1, "", 60), QEL_HSPACE_PKT_MORE},
