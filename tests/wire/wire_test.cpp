@@ -3,8 +3,8 @@
  * writes (against the service codec's encoding, whose worked examples
  * tests/codec checks byte for byte), the reply-info accessors, the
  * handshake reply decoder, the packet reader on a loopback connection to
- * the fake service, the framing of subheaders by type, and inbound
- * processing of subheaders too short to use.
+ * the fake service, the scanner against the codec's framer, and the
+ * filing of subheaders by type.
  */
 #include "qel_hspace.cpp"
 
@@ -318,96 +318,42 @@ TEST(Scan, ScannerAndFramerAgreeOnEveryStream)
     }
 }
 
-/* ---- framing and inbound processing: subheaders filed by type (a later
- * one replaces an earlier one, other types are stepped over); one too short
- * to use is not filed, so its packet is dropped without reading past it ---- */
-
-std::vector<t_qel_hspace_event> g_seen; // events seen by Collect, this thread only
-
-void Collect(t_qel_hspace, t_qel_hspace_event event, t_kro_ptr event_data)
+// Subheaders are filed by type (a later one replaces an earlier one, other
+// types are stepped over). One too short to use is not filed, so inbound
+// processing drops its packet instead of reading past it.
+TEST(Frame, FilesSubheadersByTypeAndNeverOneTooShort)
 {
-    g_seen.push_back(event);
-    if (event == HSPACE_EVENT_POST_NOTIFICATION)
-        qel_hspace_object_destroy(&((t_qel_hspace_post_notification_event_data_struct *)event_data)->object);
-}
-
-// A handle with one synchronous get (corrid 1) whose reply list is list_.
-class Inbound : public LibraryTest {
-protected:
-    void SetUp() override
-    {
-        LibraryTest::SetUp();
-        g_seen.clear();
-        hs_.h.event_handler = Collect;
-        new (&hs_.h.state) std::atomic<t_qel_hspace_state>(HSPACE_STATE_OPEN);
-        kro_llist_create(&hs_.h.reqtable);
-        ASSERT_EQ(0u, kro_mutex_create(KRO_MT_FAST, &hs_.h.mutex));
-        ASSERT_EQ(0u, kro_cond_create(&hs_.h.cond));
-        qel_hspace_lock(&hs_.h);
-        get_ = qel_hspace_request_create(&hs_.h, HSPACE_OPCODE_GET, "k", NULL, NULL, 1, 0, list_);
-        qel_hspace_unlock(&hs_.h);
-    }
-    void TearDown() override
-    {
-        list_.clear();
-        qel_hspace_request_destroy(&get_);
-        kro_llist_destroy(&hs_.h.reqtable);
-        kro_mutex_destroy(&hs_.h.mutex);
-        kro_cond_destroy(&hs_.h.cond);
-        LibraryTest::TearDown();
-    }
-    // Frames one whole packet; checks the offset from the header of each
-    // slot's subheader (-1: none) and of the body; processes it if asked.
-    void Frame(Bytes bytes, std::vector<int> slots, size_t body, bool process)
-    {
+    const Bytes short_rr = Sec(codec::kTypeRr, "", 8), hs = Hs(codec::kOpGet, "k"), v = "v";
+    const int _ = -1, R = 32 + 23; // R: the offset of a subheader after hs
+    const struct {
+        Bytes bytes;
+        std::vector<int> slots; // offset of each slot's subheader from the header, -1 for none
+        size_t body;            // offset of the body
+    } cases[] = {
+        {Pkt("", 0, codec::kTypeReply), {_, _, _, _, _}, 32},
+        {Pkt(Rr(1) + hs + Rr(2), 3, codec::kTypeObject, v), {_, 32 + 24 + 23, _, _, 32 + 24}, 32 + 24 + 23 + 24},
+        {Pkt(Sec(5, "ignored") + Sec(300) + Sec(0, "z"), 3, codec::kTypeReply), {32 + 15 + 8, _, _, _, _}, 32 + 32},
+        {Pkt(short_rr, 1, codec::kTypeReply), {_, _, _, _, _}, 40},
+        {Pkt(hs + short_rr, 2, codec::kTypeObject, v), {_, _, _, _, 32}, R + 8},
+        {Pkt(hs + Rr(1, 1, 1) + short_rr, 3, codec::kTypeObject, v), {_, _, _, _, 32}, R + 32}, // emptied
+        {Pkt(Hs(codec::kOpNotification, "ab", 10), 1, codec::kTypeObject, v), {_, _, _, _, _}, R + 1},
+        {Pkt(Hs(codec::kOpNotification, "ab"), 1, codec::kTypeObject, v), {_, _, _, _, 32}, R + 1}, // key fills it
+        {Pkt(Sec(codec::kTypeHspace, Bytes(13, 7), 21), 1, codec::kTypeObject, v), {_, _, _, _, _}, 32 + 21},
+        {Pkt(Hs(codec::kOpGet, "k", 200) + Rr(1, 1, 1), 2, codec::kTypeObject, v), {_, R, _, _, _}, R + 24},
+    };
+    for (const auto &c : cases) {
+        Bytes bytes = c.bytes;
         struct kro_buf in = {1, 0, (t_kro_uint4)bytes.size(), (t_kro_uint4)bytes.size(), 1, Ptr(bytes)};
         t_qel_hspace_packet packet = NULL;
         ASSERT_EQ(QEL_HSPACE_PKT_WHOLE, qel_hspace_pkt_scan_bytes(Ptr(bytes), (t_kro_uint4)bytes.size()));
         qel_hspace_pkt_frame(&in, &packet);
         EXPECT_EQ(in.lim, in.pos);
         for (int i = 0; i < HSPACE_SUBHEADER_SLOTS; i++)
-            EXPECT_EQ(slots[i] < 0 ? nullptr : Ptr(bytes) + slots[i], packet->subheaders[i]) << i;
-        EXPECT_EQ(Ptr(bytes) + body, packet->body);
-        if (process) qel_hspace_process_packet(&hs_.h, packet);
+            EXPECT_EQ(c.slots[i] < 0 ? nullptr : Ptr(bytes) + c.slots[i], packet->subheaders[i])
+                << "case " << &c - cases << ", slot " << i;
+        EXPECT_EQ(Ptr(bytes) + c.body, packet->body);
         kro_mm_free(&packet);
     }
-
-    BareHandle hs_;
-    ObjectList list_;
-    t_qel_hspace_request get_ = NULL;
-};
-
-TEST_F(Inbound, SubheadersAreFiledByTypeAndShortOnesDropTheirPacket)
-{
-    const Bytes short_rr = Sec(codec::kTypeRr, "", 8), hs = Hs(codec::kOpGet, "k"), v = "v";
-    const int _ = -1, R = 32 + 23; // R: the offset of a subheader after hs
-    const struct {
-        Bytes bytes;
-        std::vector<int> slots;
-        size_t body;
-        bool process; // a packet to drop
-    } cases[] = {
-        {Pkt("", 0, codec::kTypeReply), {_, _, _, _, _}, 32, false},
-        {Pkt(Rr(1) + hs + Rr(2), 3, codec::kTypeObject, v), {_, 32 + 24 + 23, _, _, 32 + 24}, 32 + 24 + 23 + 24, false},
-        {Pkt(Sec(5, "ignored") + Sec(300) + Sec(0, "z"), 3, codec::kTypeReply), {32 + 15 + 8, _, _, _, _}, 32 + 32, false},
-        {Pkt(short_rr, 1, codec::kTypeReply), {_, _, _, _, _}, 40, true},
-        {Pkt(hs + short_rr, 2, codec::kTypeObject, v), {_, _, _, _, 32}, R + 8, true},
-        {Pkt(hs + Rr(1, 1, 1) + short_rr, 3, codec::kTypeObject, v), {_, _, _, _, 32}, R + 32, true}, // emptied
-        {Pkt(Hs(codec::kOpNotification, "ab", 10), 1, codec::kTypeObject, v), {_, _, _, _, _}, R + 1, true},
-        {Pkt(Sec(codec::kTypeHspace, Bytes(13, 7), 21), 1, codec::kTypeObject, v), {_, _, _, _, _}, 32 + 21, true},
-        {Pkt(Hs(codec::kOpGet, "k", 200) + Rr(1, 1, 1), 2, codec::kTypeObject, v), {_, R, _, _, _}, R + 24, true},
-    };
-    for (const auto &c : cases) Frame(c.bytes, c.slots, c.body, c.process);
-    EXPECT_TRUE(g_seen.empty());
-    EXPECT_EQ(0, list_->num_elements);
-    EXPECT_EQ(0, get_->sync_ctx->complete);
-    EXPECT_EQ(get_, qel_hspace_request_get_by_corrid(&hs_.h, 1));
-    // Whole subheaders, a key filling its section exactly, are used.
-    Frame(Pkt(Hs(codec::kOpNotification, "ab"), 1, codec::kTypeObject, v), {_, _, _, _, 32}, R + 1, true);
-    EXPECT_EQ(std::vector<t_qel_hspace_event>{HSPACE_EVENT_POST_NOTIFICATION}, g_seen);
-    Frame(Pkt(hs + Rr(1, 1, 1), 2, codec::kTypeObject, v), {_, R, _, _, 32}, R + 24, true);
-    EXPECT_EQ(1, list_->num_elements);
-    EXPECT_EQ(1, get_->sync_ctx->complete);
 }
 
 } // namespace
