@@ -109,16 +109,11 @@ TEST(Codec, ClientPacketsByteForByte)
         encode(again, p[i]);
         EXPECT_EQ(*want[i], again) << i;
     }
-    ASSERT_TRUE(p[0].handshake_request && p[1].hspace && p[1].rr && p[2].hspace);
+    // What the round trip cannot show: the fields only the decoder reads.
+    ASSERT_TRUE(p[0].handshake_request && p[1].rr);
     EXPECT_EQ("default", p[0].handshake_request->client_group);
-    EXPECT_EQ(0xFFFF, p[0].handshake_request->fixed2);
     EXPECT_EQ((std::vector<uint16_t>{kTypeHspace, kTypeRr}), p[1].subheader_types);
-    EXPECT_EQ("k1", p[1].hspace->key);
-    EXPECT_EQ(7u, p[1].rr->corrid);
     EXPECT_TRUE(p[1].rr->is_request());
-    EXPECT_FALSE(p[2].rr);
-    EXPECT_EQ(kSemNoReply, p[2].hspace->semantic);
-    EXPECT_EQ("abc", p[2].body);
 }
 
 TEST(Codec, ReplyInfoBitLayout)
@@ -138,15 +133,6 @@ TEST(Codec, ReplyInfoBitLayout)
     for (const auto &c : cases) {
         EXPECT_EQ(hex(c.bytes), info_bytes(c.rr)) << c.bytes;
         EXPECT_EQ(c.info, Info(c.rr.is_request(), c.rr.is_success(), c.rr.count(), c.rr.num(), c.rr.error())) << c.bytes;
-    }
-}
-
-TEST(Codec, FramerNeedsMoreOnEveryPrefixOfAValidPacket)
-{
-    for (const std::string *bytes : {&kHandshake, &kSyncGet, &kNoReplyPut}) {
-        for (size_t n = 0; n < bytes->size(); n++)
-            EXPECT_EQ(FrameStatus::NeedMore, status(bytes->substr(0, n))) << n << " bytes";
-        EXPECT_EQ(FrameStatus::Complete, status(*bytes));
     }
 }
 
@@ -189,14 +175,16 @@ TEST(Codec, DecoderChecksEveryFieldAgainstItsSection)
     EXPECT_EQ(2u, out.rr->corrid);
     EXPECT_EQ((std::vector<uint16_t>{kTypeRr, 9, kTypeRr}), out.subheader_types);
     EXPECT_EQ(kTypeReply, out.body_type);
-    EXPECT_EQ("abc", must_decode(packet_with(32 + 25 + 8, 1, sh + body)).hspace->key);
 }
 
-TEST(Codec, CorruptedPacketsAreNeverReadOutOfBounds)
+TEST(Codec, FramerWaitsOnEveryPrefixAndNeverOverreadsACorruptedPacket)
 {
     // Every byte of each packet replaced by a few values; every prefix framed
     // from a buffer of exactly its size (the sanitizer build sees any overread).
     for (const std::string *bytes : {&kHandshake, &kSyncGet, &kNoReplyPut}) {
+        for (size_t n = 0; n < bytes->size(); n++)
+            EXPECT_EQ(FrameStatus::NeedMore, status(bytes->substr(0, n))) << n << " bytes";
+        EXPECT_EQ(FrameStatus::Complete, status(*bytes));
         for (size_t i = 0; i < bytes->size(); i++) {
             for (uint8_t v : {0x00, 0x07, 0x80, 0xFF}) {
                 std::string m = *bytes;
@@ -205,9 +193,8 @@ TEST(Codec, CorruptedPacketsAreNeverReadOutOfBounds)
                     std::vector<uint8_t> buf(m.begin(), m.begin() + n);
                     FrameResult f = frame(buf.data(), n);
                     Packet p;
-                    if (f.status == FrameStatus::Complete && decode(buf.data(), f.wirelen, p)) {
-                        EXPECT_EQ(f.wirelen, p.raw.size());
-                    }
+                    EXPECT_TRUE(f.status != FrameStatus::Complete || !decode(buf.data(), f.wirelen, p) ||
+                                p.raw.size() == f.wirelen);
                 }
             }
         }

@@ -11,15 +11,12 @@
 #include <netinet/in.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -51,21 +48,14 @@ class Watchdog {
 public:
     ~Watchdog()
     {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            done_ = true;
-        }
-        cond_.notify_all();
+        done_.set_value();
         thread_.join();
     }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable cond_;
-    bool done_ = false;
-    std::thread thread_{[this] {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (cond_.wait_for(lock, std::chrono::seconds(kBoundSeconds), [this] { return done_; })) return;
+    std::promise<void> done_;
+    std::thread thread_{[done = done_.get_future()] {
+        if (done.wait_for(std::chrono::seconds(kBoundSeconds)) == std::future_status::ready) return;
         fputs("watchdog: the test hung\n", stderr);
         abort();
     }};
@@ -144,7 +134,7 @@ struct Connected : ::testing::Test {
 
 } // namespace
 
-TEST(KroMemory, AllocClearsFreeNullsAndStringsAreCopies)
+TEST(KroMemory, AllocClearsAndFreeNullsTheVariable)
 {
     unsigned char *block = NULL;
     ASSERT_EQ(0u, kro_mm_alloc(64, &block, 1));
@@ -157,13 +147,8 @@ TEST(KroMemory, AllocClearsFreeNullsAndStringsAreCopies)
     block[0] = 1;
     EXPECT_EQ(0u, kro_mm_free(&block));
 
-    char source[] = "ab";
     t_kro_str s = NULL;
-    kro_str_assign(&s, source);
-    EXPECT_NE(source, s);
-    EXPECT_STREQ("ab", s);
-    kro_str_assign(&s, ""); // the old copy is freed (LeakSanitizer)
-    EXPECT_STREQ("", s);
+    kro_str_assign(&s, "ab"); // replaced below: the old copy is freed (LeakSanitizer)
     kro_str_assign(&s, NULL);
     EXPECT_EQ(nullptr, s);
 }
@@ -225,7 +210,7 @@ struct ThreadCtx {
 };
 } // namespace
 
-TEST(KroThread, CurrentIsTheStoredHandleAndJoinsReturnOnceEnded)
+TEST(KroThread, CurrentIsTheStoredHandleJoinsWaitAndSelfDestroyDetaches)
 {
     Watchdog dog;
     static ThreadCtx ctx;
@@ -255,12 +240,8 @@ TEST(KroThread, CurrentIsTheStoredHandleAndJoinsReturnOnceEnded)
     std::thread([&] { foreign = kro_thread_current(); }).join();
     EXPECT_NE(main_handle, foreign);
     EXPECT_EQ(main_handle, kro_thread_current());
-}
 
-TEST(KroThread, ThreadDestroysItsOwnHandleAsLastAct)
-{
-    Watchdog dog;
-    static ThreadCtx ctx;
+    // A thread destroys its own handle as its last act.
     ASSERT_EQ(0u, kro_thread_create(
                       [](t_kro_ptr) {
                           ctx.before = kro_thread_current();
@@ -349,6 +330,7 @@ TEST_F(Connected, PeerCloseFailsReadsAndWritesWithoutSigpipe)
 
 TEST(KroSocket, ConnectReportsRefusedAndUnknownHostAndMayBeRetried)
 {
+    Watchdog dog;
     Listener listener(false); // bound, not yet listening: connects are refused
     t_kro_socket s = make_socket("127.0.0.1", listener.port);
     t_kro_uint4 net_error = 0;

@@ -82,11 +82,12 @@ Bytes Take(t_kro_buf buf)
     return out;
 }
 
-Bytes Request(uint16_t dport, uint8_t opcode, uint8_t semantic, const Bytes &key, std::optional<uint32_t> corrid,
-              int32_t flags = 0, uint8_t triggers = 0, int32_t timeout = 0, const Bytes &data = "")
+// A request to the service at dport 9, as the codec encodes it.
+Bytes Req(uint8_t opcode, uint8_t semantic, const Bytes &key, std::optional<uint32_t> corrid, int32_t flags = 0,
+          uint8_t triggers = 0, int32_t timeout = 0, const Bytes &data = "")
 {
     codec::Request r;
-    r.dport = dport, r.opcode = opcode, r.semantic = semantic, r.key = key, r.corrid = corrid;
+    r.dport = 9, r.opcode = opcode, r.semantic = semantic, r.key = key, r.corrid = corrid;
     r.flags = flags, r.triggers = triggers, r.timeout = timeout, r.data = data;
     Bytes s;
     codec::encode_request(s, r);
@@ -123,34 +124,29 @@ TEST(Encoders, EveryRequestMatchesTheCodec)
     Bytes handshake, empty;
     codec::encode_handshake_request(handshake, "data", "anonymous", "default");
     codec::encode_handshake_request(empty, "", "", "");
+    auto *put = qel_hspace_pkt_serialize_put_request;
+    auto *get = qel_hspace_pkt_serialize_get_request;
+    auto *post = qel_hspace_pkt_serialize_post_request;
+    auto *cancel = qel_hspace_pkt_serialize_cancel_request;
+    auto *remove = qel_hspace_pkt_serialize_remove_request;
+    using namespace hspace::codec;
     const struct {
         t_kro_buf packet;
         Bytes expected;
     } cases[] = {
         {qel_hspace_pkt_serialize_handshake_request("data", "anonymous", "default"), handshake},
         {qel_hspace_pkt_serialize_handshake_request("", "", ""), empty},
-        {qel_hspace_pkt_serialize_put_request(h, window, HSPACE_PUT_NOREPLY, 7, 0),
-         Request(9, codec::kOpPut, codec::kSemNoReply, "key", {}, 0, 0, 0, "3456789")},
-        {qel_hspace_pkt_serialize_put_request(h, window, HSPACE_PUT_SYNC, all, 0x3FFFFFFF),
-         Request(9, codec::kOpPut, codec::kSemSync, "key", 0x3FFFFFFF, 0, 0, 0, "3456789")},
-        {qel_hspace_pkt_serialize_put_request(h, bare, HSPACE_PUT_NOREPLY, 0, 0),
-         Request(9, codec::kOpPut, codec::kSemNoReply, "key", {})},
-        {qel_hspace_pkt_serialize_get_request(h, "abc", HSPACE_GET_ASYNC, -3, all, 11),
-         Request(9, codec::kOpGet, codec::kSemAsync, "abc", 11, 5, 0, -3)},
-        {qel_hspace_pkt_serialize_get_request(h, "abc", HSPACE_GET_SYNC, 0, 2, 12),
-         Request(9, codec::kOpGet, codec::kSemSync, "abc", 12)},
-        {qel_hspace_pkt_serialize_post_request(h, "k", HSPACE_POST_SYNC, 0x5A, 1, 3),
-         Request(9, codec::kOpPost, codec::kSemSync, "k", 3, 0, 0x5A)},
-        {qel_hspace_pkt_serialize_post_request(h, "k", HSPACE_POST_SYNC, 0x5A, all, 3),
-         Request(9, codec::kOpPost, codec::kSemSync, "k", 3, 6, 0x5A)},
-        {qel_hspace_pkt_serialize_cancel_request(h, HSPACE_OPCODE_CANCEL, "kk", HSPACE_CANCEL_SYNC, 7, 4),
-         Request(9, codec::kOpCancel, codec::kSemSync, "kk", 4)},
-        {qel_hspace_pkt_serialize_cancel_request(h, 3, "kk", (t_qel_hspace_cancel_semantic)31, 7, 0),
-         Request(9, 3, codec::kSemNoReply, "kk", {})},
-        {qel_hspace_pkt_serialize_remove_request(h, "kk", HSPACE_REMOVE_SYNC, 7, 8),
-         Request(9, codec::kOpRemove, codec::kSemSync, "kk", 8)},
-        {qel_hspace_pkt_serialize_remove_request(h, "", HSPACE_REMOVE_NOREPLY, 7, 0),
-         Request(9, codec::kOpRemove, codec::kSemNoReply, "", {})},
+        {put(h, window, HSPACE_PUT_NOREPLY, 7, 0), Req(kOpPut, kSemNoReply, "key", {}, 0, 0, 0, "3456789")},
+        {put(h, window, HSPACE_PUT_SYNC, all, 0x3FFFFFFF), Req(kOpPut, kSemSync, "key", 0x3FFFFFFF, 0, 0, 0, "3456789")},
+        {put(h, bare, HSPACE_PUT_NOREPLY, 0, 0), Req(kOpPut, kSemNoReply, "key", {})},
+        {get(h, "abc", HSPACE_GET_ASYNC, -3, all, 11), Req(kOpGet, kSemAsync, "abc", 11, 5, 0, -3)},
+        {get(h, "abc", HSPACE_GET_SYNC, 0, 2, 12), Req(kOpGet, kSemSync, "abc", 12)},
+        {post(h, "k", HSPACE_POST_SYNC, 0x5A, 1, 3), Req(kOpPost, kSemSync, "k", 3, 0, 0x5A)},
+        {post(h, "k", HSPACE_POST_SYNC, 0x5A, all, 3), Req(kOpPost, kSemSync, "k", 3, 6, 0x5A)},
+        {cancel(h, HSPACE_OPCODE_CANCEL, "kk", HSPACE_CANCEL_SYNC, 7, 4), Req(kOpCancel, kSemSync, "kk", 4)},
+        {cancel(h, 3, "kk", (t_qel_hspace_cancel_semantic)31, 7, 0), Req(3, kSemNoReply, "kk", {})},
+        {remove(h, "kk", HSPACE_REMOVE_SYNC, 7, 8), Req(kOpRemove, kSemSync, "kk", 8)},
+        {remove(h, "", HSPACE_REMOVE_NOREPLY, 7, 0), Req(kOpRemove, kSemNoReply, "", {})},
     };
     for (const auto &c : cases) EXPECT_EQ(c.expected, Take(c.packet)) << &c - cases;
     // The value window was read, not moved.
