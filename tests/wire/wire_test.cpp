@@ -65,13 +65,6 @@ Bytes Hs(uint8_t opcode, const Bytes &key, int key_len = -1)
     return s;
 }
 
-Bytes Object(uint32_t corrid, const Bytes &key, size_t len, char fill = 'x')
-{
-    Bytes s;
-    codec::encode_object(s, corrid, codec::kOpGet, key, Bytes(len, fill), 1, 1);
-    return s;
-}
-
 // An encoder's buffer: exactly one packet (pos == lim == size, one
 // reference, owning its bytes), taken apart and released.
 Bytes Take(t_kro_buf buf)
@@ -257,7 +250,10 @@ protected:
 
 TEST_F(Reader, AssemblesSplitsAndGrowsOnlyAsBytesArrive)
 {
-    const Bytes a = Object(1, "first", 10), b = Object(2, "second", 300), mid = Object(3, "m", 9000);
+    auto object = [](uint32_t corrid, size_t len) {
+        return Pkt(Rr(corrid) + Hs(codec::kOpGet, "k"), 2, codec::kTypeObject, Bytes(len, 'x'));
+    };
+    const Bytes a = object(1, 10), b = object(2, 300), mid = object(3, 9000);
     const Bytes big = Pkt("", 0, codec::kTypeObject, Bytes(20000 - 40, 'z'));
     const Bytes exact = Pkt("", 0, codec::kTypeObject, Bytes(HSPACE_PKT_READBUF_SIZE - 40, 'e'));
     const ReaderCase cases[] = {
