@@ -83,23 +83,14 @@ Wait wait_for(int fd, short events, Clock::time_point deadline, const StopSignal
 
 } // namespace
 
-// ---------------------------------------------------------------------------
-// FakeConnection
-
 FakeConnection::FakeConnection(int fd, std::shared_ptr<StopSignal> stop, std::chrono::milliseconds watchdog)
     : fd_(fd), stop_(std::move(stop)), watchdog_(watchdog)
 {
 }
 
-FakeConnection::~FakeConnection()
-{
-    close();
-}
+FakeConnection::~FakeConnection() { close(); }
 
-FakeConnection::FakeConnection(FakeConnection &&other) noexcept
-{
-    *this = std::move(other);
-}
+FakeConnection::FakeConnection(FakeConnection &&other) noexcept { *this = std::move(other); }
 
 FakeConnection &FakeConnection::operator=(FakeConnection &&other) noexcept
 {
@@ -225,10 +216,7 @@ bool FakeConnection::notify(const std::string &key, uint8_t trigger, const std::
     return send(bytes);
 }
 
-bool FakeConnection::send_raw(const std::string &bytes)
-{
-    return send(bytes);
-}
+bool FakeConnection::send_raw(const std::string &bytes) { return send(bytes); }
 
 bool FakeConnection::send_raw_bytewise(const std::string &bytes)
 {
@@ -238,10 +226,7 @@ bool FakeConnection::send_raw_bytewise(const std::string &bytes)
     return true;
 }
 
-void FakeConnection::batch()
-{
-    batching_ = true;
-}
+void FakeConnection::batch() { batching_ = true; }
 
 bool FakeConnection::flush()
 {
@@ -299,6 +284,16 @@ bool FakeConnection::wait_closed()
     }
 }
 
+bool FakeConnection::wait_readable()
+{
+    if (!in_.empty()) return true;
+    if (fd_ < 0 || wait_for(fd_, POLLIN, Clock::now() + watchdog_, *stop_) != Wait::Ready) {
+        ADD_FAILURE() << "fake service: watchdog: the client sent nothing";
+        return false;
+    }
+    return true;
+}
+
 void FakeConnection::close()
 {
     if (fd_ < 0) return;
@@ -320,9 +315,6 @@ void FakeConnection::reset()
     ::close(fd_);
     fd_ = -1;
 }
-
-// ---------------------------------------------------------------------------
-// FakeService
 
 FakeService::FakeService(std::chrono::milliseconds watchdog) : FakeService(Deferred(), watchdog)
 {
@@ -368,10 +360,7 @@ FakeService::~FakeService()
     if (listen_fd_ >= 0) ::close(listen_fd_);
 }
 
-std::string FakeService::url() const
-{
-    return "tcp://127.0.0.1:" + std::to_string(port_);
-}
+std::string FakeService::url() const { return "tcp://127.0.0.1:" + std::to_string(port_); }
 
 FakeConnection FakeService::accept()
 {
@@ -455,9 +444,6 @@ void FakeService::run_scripts()
     }
 }
 
-// ---------------------------------------------------------------------------
-// Signal
-
 void Signal::raise()
 {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -471,22 +457,6 @@ bool Signal::wait(std::chrono::milliseconds bound)
     if (cond_.wait_for(lock, bound, [this] { return raised_; })) return true;
     ADD_FAILURE() << "fake service: watchdog: signal not raised within " << bound.count() << " ms";
     return false;
-}
-
-} // namespace test
-} // namespace hspace
-
-namespace hspace {
-namespace test {
-
-bool FakeConnection::wait_readable()
-{
-    if (!in_.empty()) return true;
-    if (fd_ < 0 || wait_for(fd_, POLLIN, Clock::now() + watchdog_, *stop_) != Wait::Ready) {
-        ADD_FAILURE() << "fake service: watchdog: the client sent nothing";
-        return false;
-    }
-    return true;
 }
 
 } // namespace test
