@@ -1,10 +1,9 @@
 /*
- * scale_test.cpp - one handle carrying 100,000 subscriptions: replies,
- * images, cancels and new posts still reach the right records, and a close
- * abandons them all. White-box: the subscriptions are filed through the
- * table's own insert path (as an answered post leaves its record), so the
- * run stays short under the sanitizers; everything after goes over the wire
- * to the fake service.
+ * scale_test.cpp - one handle carrying 100,000 subscriptions, filed through
+ * the table's own insert path (as an answered post leaves its record) so the
+ * run stays short under the sanitizers: replies, images, cancels and new
+ * posts over the wire still reach the right records, and a close abandons
+ * them all.
  */
 #include "qel_hspace.cpp"
 
@@ -34,8 +33,7 @@ std::string UpperKey(int i) { return "SUB/" + std::to_string(i); }
 
 class Scale : public OpenClientTest {
 protected:
-    // Files kSubs answered subscriptions, urid i + 1, and keeps their corrids.
-    void SetUp() override
+    void SetUp() override // kSubs answered subscriptions, urid i + 1
     {
         OpenClientTest::SetUp();
         qel_hspace_lock(c.h);
