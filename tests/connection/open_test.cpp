@@ -64,6 +64,9 @@ TEST_F(Open, FailedOpensLeaveInitAndTheSameHandleOpensLater)
     ASSERT_EQ(0u, Create(svc.url(), "tester", "tests", &h));
     EXPECT_EQ(KRO_ERR_CONN_REFUSED, qel_hspace_open(h));
     svc.listen();
+    t_qel_hspace never = nullptr;
+    ASSERT_EQ(0u, Create(svc.url(), "tester", "tests", &never));
+    EXPECT_EQ(0u, qel_hspace_destroy(&never)); // a handle never opened needs no close
 
     std::string partial, long_name;
     codec::encode_handshake_reply(partial, 1, 5, "stale-name");

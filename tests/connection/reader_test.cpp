@@ -17,7 +17,8 @@ using namespace hspace::test;
 using Reader = ConnectedTest;
 
 // Four waiters of four kinds, answered in reverse order, each with a status
-// of its own that comes back unchanged (2 included).
+// of its own that comes back unchanged (2 included); a reply marked as a
+// request answers nobody.
 TEST_F(Reader, RepliesCompleteWaitersByCorrelationIdInAnyOrder)
 {
     UserObject object("k-put");
@@ -33,6 +34,12 @@ TEST_F(Reader, RepliesCompleteWaitersByCorrelationIdInAnyOrder)
         EXPECT_EQ(codec::kSemSync, requests.back().hspace->semantic);
         EXPECT_EQ(0, requests.back().hspace->flags);
     }
+    Packet marked; // a reply whose rr subheader is marked as a request: dropped
+    marked.rr = codec::RrSubheader::request(requests[0].rr->corrid);
+    marked.body_type = codec::kTypeReply;
+    std::string bytes;
+    codec::encode(bytes, marked);
+    c.send_raw(bytes);
     std::map<std::string, t_kro_error> status = {
         {"k-put", KRO_ERR_NO_MATCH}, {"k-remove", 0xDEADBEEF}, {"k-get", 0x7003}, {"k-cancel", 0x7004}};
     for (auto it = requests.rbegin(); it != requests.rend(); ++it) c.reply(it->rr->corrid, status.at(it->hspace->key));
