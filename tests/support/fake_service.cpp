@@ -83,23 +83,14 @@ Wait wait_for(int fd, short events, Clock::time_point deadline, const StopSignal
 
 } // namespace
 
-// ---------------------------------------------------------------------------
-// FakeConnection
-
 FakeConnection::FakeConnection(int fd, std::shared_ptr<StopSignal> stop, std::chrono::milliseconds watchdog)
     : fd_(fd), stop_(std::move(stop)), watchdog_(watchdog)
 {
 }
 
-FakeConnection::~FakeConnection()
-{
-    close();
-}
+FakeConnection::~FakeConnection() { close(); }
 
-FakeConnection::FakeConnection(FakeConnection &&other) noexcept
-{
-    *this = std::move(other);
-}
+FakeConnection::FakeConnection(FakeConnection &&other) noexcept { *this = std::move(other); }
 
 FakeConnection &FakeConnection::operator=(FakeConnection &&other) noexcept
 {
@@ -118,18 +109,11 @@ FakeConnection &FakeConnection::operator=(FakeConnection &&other) noexcept
 
 FakeConnection::Io FakeConnection::read_some(Clock::time_point deadline, const char *what)
 {
-    if (fd_ < 0) {
-        ADD_FAILURE() << "fake service: waiting for " << what << " on a connection that is not open";
-        return Io::Failed;
-    }
     for (;;) {
-        Wait w = wait_for(fd_, POLLIN, deadline, *stop_);
-        if (w == Wait::Timeout) {
-            ADD_FAILURE() << "fake service: watchdog: no " << what << " within " << watchdog_.count() << " ms";
-            return Io::Failed;
-        }
-        if (w == Wait::Stopped) {
-            ADD_FAILURE() << "fake service: stopped while waiting for " << what;
+        Wait w = fd_ < 0 ? Wait::Stopped : wait_for(fd_, POLLIN, deadline, *stop_);
+        if (w != Wait::Ready) {
+            ADD_FAILURE() << "fake service: " << (w == Wait::Timeout ? "watchdog" : "stopped or not open")
+                          << " while waiting for " << what;
             return Io::Failed;
         }
         char buf[65536];
@@ -138,8 +122,7 @@ FakeConnection::Io FakeConnection::read_some(Clock::time_point deadline, const c
             in_.append(buf, static_cast<size_t>(n));
             return Io::Ready;
         }
-        if (n == 0) return Io::Closed;
-        if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) continue;
         return Io::Closed;
     }
 }
@@ -157,16 +140,9 @@ Packet FakeConnection::next_packet()
             ADD_FAILURE() << "fake service: the client sent a packet whose fields do not fit its sections";
             return Packet();
         }
-        if (f.status == codec::FrameStatus::Invalid) {
-            ADD_FAILURE() << "fake service: the client sent bytes that are not a valid packet";
-            return Packet();
-        }
-        Io io = read_some(deadline, "packet from the client");
-        if (io == Io::Closed) {
-            ADD_FAILURE() << "fake service: the client closed the connection while a packet was expected";
-            return Packet();
-        }
-        if (io == Io::Failed) return Packet();
+        Io io = f.status == codec::FrameStatus::Invalid ? Io::Closed : read_some(deadline, "packet from the client");
+        if (io == Io::Closed) ADD_FAILURE() << "fake service: the client sent no valid packet before its close";
+        if (io != Io::Ready) return Packet();
     }
 }
 
@@ -225,23 +201,16 @@ bool FakeConnection::notify(const std::string &key, uint8_t trigger, const std::
     return send(bytes);
 }
 
-bool FakeConnection::send_raw(const std::string &bytes)
-{
-    return send(bytes);
-}
+bool FakeConnection::send_raw(const std::string &bytes) { return send(bytes); }
 
 bool FakeConnection::send_raw_bytewise(const std::string &bytes)
 {
-    for (char c : bytes) {
+    for (char c : bytes)
         if (!send(std::string(1, c))) return false;
-    }
     return true;
 }
 
-void FakeConnection::batch()
-{
-    batching_ = true;
-}
+void FakeConnection::batch() { batching_ = true; }
 
 bool FakeConnection::flush()
 {
@@ -262,26 +231,18 @@ bool FakeConnection::send(const std::string &bytes)
 
 bool FakeConnection::write_all(const std::string &bytes)
 {
-    if (fd_ < 0) {
-        ADD_FAILURE() << "fake service: send on a connection that is not open";
-        return false;
-    }
     Clock::time_point deadline = Clock::now() + watchdog_;
-    size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+    for (size_t done = 0; done < bytes.size();) {
+        ssize_t n = fd_ < 0 ? -1 : ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
         if (n >= 0) {
             done += static_cast<size_t>(n);
             continue;
         }
-        if (errno == EINTR) continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) {
-            ADD_FAILURE() << "fake service: send: " << strerror(errno);
-            return false;
-        }
-        Wait w = wait_for(fd_, POLLOUT, deadline, *stop_);
+        if (fd_ >= 0 && errno == EINTR) continue;
+        Wait w = fd_ >= 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? wait_for(fd_, POLLOUT, deadline, *stop_)
+                                                                     : Wait::Stopped;
         if (w != Wait::Ready) {
-            ADD_FAILURE() << "fake service: " << (w == Wait::Timeout ? "watchdog: client not reading" : "stopped")
+            ADD_FAILURE() << "fake service: " << (w == Wait::Timeout ? "watchdog: client not reading" : "send failed")
                           << " with " << bytes.size() - done << " bytes unsent";
             return false;
         }
@@ -297,6 +258,16 @@ bool FakeConnection::wait_closed()
         if (io == Io::Closed) return true;
         if (io == Io::Failed) return false;
     }
+}
+
+bool FakeConnection::wait_readable()
+{
+    if (!in_.empty()) return true;
+    if (fd_ < 0 || wait_for(fd_, POLLIN, Clock::now() + watchdog_, *stop_) != Wait::Ready) {
+        ADD_FAILURE() << "fake service: watchdog: the client sent nothing";
+        return false;
+    }
+    return true;
 }
 
 void FakeConnection::close()
@@ -320,9 +291,6 @@ void FakeConnection::reset()
     ::close(fd_);
     fd_ = -1;
 }
-
-// ---------------------------------------------------------------------------
-// FakeService
 
 FakeService::FakeService(std::chrono::milliseconds watchdog) : FakeService(Deferred(), watchdog)
 {
@@ -368,10 +336,7 @@ FakeService::~FakeService()
     if (listen_fd_ >= 0) ::close(listen_fd_);
 }
 
-std::string FakeService::url() const
-{
-    return "tcp://127.0.0.1:" + std::to_string(port_);
-}
+std::string FakeService::url() const { return "tcp://127.0.0.1:" + std::to_string(port_); }
 
 FakeConnection FakeService::accept()
 {
@@ -455,9 +420,6 @@ void FakeService::run_scripts()
     }
 }
 
-// ---------------------------------------------------------------------------
-// Signal
-
 void Signal::raise()
 {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -471,22 +433,6 @@ bool Signal::wait(std::chrono::milliseconds bound)
     if (cond_.wait_for(lock, bound, [this] { return raised_; })) return true;
     ADD_FAILURE() << "fake service: watchdog: signal not raised within " << bound.count() << " ms";
     return false;
-}
-
-} // namespace test
-} // namespace hspace
-
-namespace hspace {
-namespace test {
-
-bool FakeConnection::wait_readable()
-{
-    if (!in_.empty()) return true;
-    if (fd_ < 0 || wait_for(fd_, POLLIN, Clock::now() + watchdog_, *stop_) != Wait::Ready) {
-        ADD_FAILURE() << "fake service: watchdog: the client sent nothing";
-        return false;
-    }
-    return true;
 }
 
 } // namespace test

@@ -2,21 +2,10 @@
  * fake_service.h - a scriptable hspace service for tests, on 127.0.0.1 and
  * an ephemeral port.
  *
- * The test drives it with blocking calls. Every call that waits is bounded
- * by a watchdog (default 10 s): when it runs out, or the peer misbehaves, the
- * call records a gtest failure (ADD_FAILURE) and returns false or an empty
- * packet instead of hanging. Nothing sleeps.
- *
- *   FakeService svc;
- *   svc.serve([](FakeConnection &c) {           // on a background thread
- *       c.handshake();                           // read the handshake, answer ltp 5
- *       Packet get = c.next_packet();
- *       c.objects(get.rr->corrid, codec::kOpGet, {{"k1", "v1"}, {"k2", "v2"}});
- *   });
- *   ... the client opens svc.url() and calls get ...
- *   svc.join();
- *
- * Packets are built by the hspace codec; send_raw() sends anything at all.
+ * Every blocking call is bounded by a watchdog (default 10 s): when it runs
+ * out, or the peer misbehaves, the call records a gtest failure and returns
+ * false or an empty packet instead of hanging. Nothing sleeps. Packets are
+ * built by the hspace codec; send_raw() sends anything at all.
  */
 #ifndef QEL_TESTS_FAKE_SERVICE_H
 #define QEL_TESTS_FAKE_SERVICE_H
@@ -43,9 +32,7 @@ using codec::Packet;
 
 constexpr std::chrono::milliseconds kDefaultWatchdog{10000}; // bound of every blocking call
 
-// The stop signal shared by a service and the connections it accepted: once
-// raised, every blocking call returns at once. Thread-safe.
-class StopSignal;
+class StopSignal; // raised once, every blocking call of a service returns at once
 
 // One accepted connection. Owns its socket; move-only. Not thread-safe: one
 // thread uses it at a time (the test thread or one serve() script).
@@ -62,9 +49,8 @@ public:
     bool valid() const { return fd_ >= 0; }
     void set_watchdog(std::chrono::milliseconds bound) { watchdog_ = bound; }
 
-    // Returns the client's next packet, decoded, with its raw bytes. An
-    // empty Packet (wirelen 0) and a recorded failure when the watchdog runs
-    // out, the client closes, or the bytes are not a valid packet.
+    // The client's next packet, decoded, with its raw bytes; an empty Packet
+    // (wirelen 0) and a failure on watchdog, close or invalid bytes.
     Packet next_packet();
     // next_packet() that must be a handshake request (handshake_request set).
     Packet expect_handshake();
@@ -73,39 +59,26 @@ public:
     // expect_handshake() then answer_handshake(); returns the request.
     Packet handshake(uint16_t ltp = 5, const std::string &name = "fake", uint16_t version = 1);
 
-    // A bare reply to corrid: success when status is 0, else that error.
-    bool reply(uint32_t corrid, uint32_t status = 0);
-    // One object of an answer to corrid (opcode kOpGet or kOpPost), number
-    // num of count; an empty value sends no data.
+    bool reply(uint32_t corrid, uint32_t status = 0); // a bare reply: success when status is 0
+    // Object num of count of an answer (kOpGet or kOpPost); an empty value sends no data.
     bool object(uint32_t corrid, uint8_t opcode, const std::string &key, const std::string &value,
                 uint32_t count, uint32_t num, int32_t flags = 0);
-    // A whole answer: the pairs (key, value) as objects numbered 1..n of n,
-    // in one write.
+    // A whole answer: the pairs as objects 1..n of n, in one write.
     bool objects(uint32_t corrid, uint8_t opcode, const std::vector<std::pair<std::string, std::string>> &kv);
-    // A change notification for key with the trigger and value.
     bool notify(const std::string &key, uint8_t trigger, const std::string &value = std::string());
-    // Sends bytes as they are, in one write.
-    bool send_raw(const std::string &bytes);
-    // Sends bytes one per write (the client may still receive them merged).
-    bool send_raw_bytewise(const std::string &bytes);
-
-    // From batch() to flush(), the sends above only collect their bytes;
-    // flush() sends everything collected in one write.
+    bool send_raw(const std::string &bytes);          // in one write
+    bool send_raw_bytewise(const std::string &bytes); // one byte per write
+    // From batch() to flush() sends only collect; flush() writes them at once.
     void batch();
     bool flush();
 
-    // True once the client has closed the connection (a read returns end of
-    // stream or an error); bytes read meanwhile stay for next_packet().
+    // True once the client has closed; bytes read meanwhile stay for next_packet().
     bool wait_closed();
-    // True once the client has sent bytes not yet read here; reads nothing,
-    // so a client blocked writing to a service that stopped reading stays
-    // blocked. False and a recorded failure when the watchdog runs out.
+    // True once the client has sent unread bytes; reads nothing, so a client
+    // blocked writing stays blocked.
     bool wait_readable();
-    // Orderly close: end of stream to the client (FIN), then the socket is
-    // released.
-    void close();
-    // Abortive close: the client sees a connection reset.
-    void reset();
+    void close(); // orderly: end of stream (FIN) to the client
+    void reset(); // abortive: the client sees a connection reset
 
 private:
     friend class FakeService;
@@ -123,14 +96,11 @@ private:
     bool batching_ = false;                    // between batch() and flush()
 };
 
-// Listens on 127.0.0.1 at an ephemeral port from construction to
-// destruction. accept() runs on the calling thread; serve() runs scripts on
-// one background thread, one after the other, each with the next accepted
-// connection (use one or the other for a given connection). A script's
-// connection stays open after the script returns, until take_connection()
-// or the service's destruction. The destructor waits for the scripts
-// (watchdog; on expiry the stop signal ends every blocked call), joins the
-// thread and closes the connections it still holds and the listener.
+// Listens on 127.0.0.1 at an ephemeral port. accept() runs on the calling
+// thread; serve() runs scripts on one background thread in order, each with
+// the next accepted connection, which stays open after the script until
+// take_connection() or destruction. The destructor joins the scripts
+// (bounded; then the stop signal ends every blocked call).
 class FakeService {
 public:
     explicit FakeService(std::chrono::milliseconds watchdog = kDefaultWatchdog);
@@ -146,18 +116,10 @@ public:
     uint16_t port() const { return port_; }
     std::string url() const;                   // "tcp://127.0.0.1:<port>"
 
-    // Accepts the next connection; an invalid connection and a recorded
-    // failure when none arrives within the watchdog.
-    FakeConnection accept();
-    // Queues script to run on the background thread with the next accepted
-    // connection, after the scripts queued before it. Not from a script.
-    void serve(std::function<void(FakeConnection &)> script);
-    // Waits until every queued script has returned. False and a recorded
-    // failure when the watchdog runs out; the stop signal is then raised.
-    bool join();
-    // After join(): hands over the connection of the earliest finished
-    // script that is still held here, so the test thread can go on with it.
-    // An invalid connection and a recorded failure when there is none.
+    FakeConnection accept(); // invalid, and a failure, on watchdog
+    void serve(std::function<void(FakeConnection &)> script); // not from a script
+    bool join(); // every queued script returned; false and a failure on watchdog
+    // After join(): the connection of the earliest finished script still held.
     FakeConnection take_connection();
 
 private:
@@ -176,9 +138,7 @@ private:
     std::thread worker_;                       // runs the scripts; started by the first serve()
 };
 
-// A one-shot event between the test thread and a script, e.g. to hold a
-// script at a chosen point. wait() is bounded by the watchdog and records a
-// failure when it runs out. Thread-safe.
+// A one-shot event between threads; wait() is bounded and records a failure.
 class Signal {
 public:
     void raise();
