@@ -33,6 +33,7 @@
 #include <map>
 #include <optional>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -128,6 +129,36 @@ std::string grpc_target(const std::string &url, std::string *error)
 
 class EtcdStore;
 
+// The channel to the cluster at target, made on first use and kept for the
+// life of the process, shared by every store of the process that names the
+// same members. gRPC's threads go on touching a channel's connections for a
+// while after its last call (reconnection backoff, keepalive, the tail of a
+// completion), and a channel destroyed under them aborted the process now
+// and then when a service was stopped and another started (the tests do);
+// one channel per cluster, never destroyed, has no such window. The map is
+// reachable until exit, so it is not a leak.
+std::shared_ptr<grpc::Channel> channel_to(const std::string &target)
+{
+    static std::mutex mutex;
+    static auto *const channels = new std::map<std::string, std::shared_ptr<grpc::Channel>>;
+    std::lock_guard<std::mutex> lock(mutex);
+    std::shared_ptr<grpc::Channel> &channel = (*channels)[target];
+    if (channel) return channel;
+    grpc::ChannelArguments args;
+    args.SetMaxReceiveMessageSize(-1);
+    args.SetMaxSendMessageSize(-1);
+    // Reconnect to a member that comes back within a fraction of a second,
+    // not after gRPC's default backoff of up to two minutes.
+    args.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 100);
+    args.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, 100);
+    args.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 1000);
+    // A member that stops answering without closing is noticed.
+    args.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, 10000);
+    args.SetInt(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 5000);
+    channel = grpc::CreateCustomChannel(target, grpc::InsecureChannelCredentials(), args);
+    return channel;
+}
+
 // One unary call: its request, the response and context of its current
 // attempt, and the guard that keeps the I/O context running until its
 // result is handled. Shared by the gRPC callback and the posted handler.
@@ -174,18 +205,7 @@ public:
         : io_(io), listener_(listener), prefix_(options.store_prefix), prefix_end_(range_end(options.store_prefix)),
           timeout_(options.store_timeout_ms), log_(options.log), retry_timer_(io)
     {
-        grpc::ChannelArguments args;
-        args.SetMaxReceiveMessageSize(-1);
-        args.SetMaxSendMessageSize(-1);
-        // Reconnect to a member that comes back within a fraction of a
-        // second, not after gRPC's default backoff of up to two minutes.
-        args.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 100);
-        args.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, 100);
-        args.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 1000);
-        // A member that stops answering without closing is noticed.
-        args.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, 10000);
-        args.SetInt(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 5000);
-        channel_ = grpc::CreateCustomChannel(target, grpc::InsecureChannelCredentials(), args);
+        channel_ = channel_to(target);
         kv_ = pb::KV::NewStub(channel_);
         watch_ = pb::Watch::NewStub(channel_);
     }
@@ -402,7 +422,7 @@ private:
     const std::string prefix_end_;             // the end of its range
     const std::chrono::milliseconds timeout_;  // bound of a call and of the feed's reconnection
     const bool log_;                           // failures on stderr
-    std::shared_ptr<grpc::Channel> channel_;   // to the members, in turn
+    std::shared_ptr<grpc::Channel> channel_;   // to the members, in turn; shared, see channel_to
     std::unique_ptr<pb::KV::Stub> kv_;
     std::unique_ptr<pb::Watch::Stub> watch_;
     std::set<grpc::ClientContext *> calls_;    // unary calls outstanding, cancelled by close()
