@@ -47,14 +47,11 @@ struct Flag { // a one-shot event
     void wait() { future.wait(); }
 };
 
-struct CondCtx {
+// What a test shares with the kro threads it starts.
+struct ThreadCtx {
     t_kro_mutex mutex = NULL;
     t_kro_cond cond = NULL;
-    bool waiting = false, go = false; // under mutex
-    Flag woke;
-};
-
-struct ThreadCtx {
+    bool waiting = false, go = false;         // under mutex
     t_kro_thread handle = NULL;               // stored by kro_thread_create before the entry runs
     bool same_at_start = false;               // current() == handle at the entry's first instruction
     t_kro_error self_join = 99, self_destroy = 99;
@@ -147,7 +144,7 @@ TEST(KroMemory, AllocClearsAndFreeNullsTheVariable)
 TEST(KroSync, NotifyAllWakesTheWaiterAndATimedWaitTimesOut)
 {
     Watchdog dog;
-    static CondCtx ctx;
+    static ThreadCtx ctx;
     t_kro_mutex bad = NULL;
     EXPECT_EQ(KRO_ERR_INVALID_ARG, kro_mutex_create((t_kro_mutex_type)7, &bad));
     ASSERT_EQ(0u, kro_mutex_create(KRO_MT_FAST, &ctx.mutex));
@@ -163,7 +160,7 @@ TEST(KroSync, NotifyAllWakesTheWaiterAndATimedWaitTimesOut)
                           ctx.waiting = true;
                           while (!ctx.go) kro_cond_wait(ctx.cond, ctx.mutex, KRO_WAIT_FOREVER);
                           kro_mutex_unlock(ctx.mutex);
-                          ctx.woke.raise();
+                          ctx.done.raise();
                       },
                       NULL, 0, &waiter));
     // Once the mutex is ours with waiting set, the waiter is inside its wait.
@@ -174,7 +171,7 @@ TEST(KroSync, NotifyAllWakesTheWaiterAndATimedWaitTimesOut)
     ctx.go = true;
     EXPECT_EQ(0u, kro_cond_notifyall(ctx.cond));
     kro_mutex_unlock(ctx.mutex);
-    ctx.woke.wait();
+    ctx.done.wait();
     EXPECT_EQ(0u, kro_thread_destroy(&waiter));
     EXPECT_EQ(0u, kro_cond_destroy(&ctx.cond));
     EXPECT_TRUE(kro_mutex_destroy(&ctx.mutex) == 0 && ctx.mutex == nullptr);

@@ -105,8 +105,7 @@ TEST(Encoders, EveryRequestMatchesTheCodec)
     t_qel_hspace_object window = NULL, bare = NULL;
     kro_buf_create(&data, 12, 0);
     memcpy(data->ptr, "0123456789AB", 12);
-    data->pos = 3;
-    data->lim = 10;
+    data->pos = 3, data->lim = 10;
     ASSERT_EQ(0u, qel_hspace_object_create("key", data, &window));
     ASSERT_EQ(0u, qel_hspace_object_create("key", NULL, &bare));
     Bytes handshake, empty;
