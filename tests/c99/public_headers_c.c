@@ -7,10 +7,8 @@
 
 static int failures = 0;
 
-#define EXPECT(cond)                                                                             \
-    do {                                                                                         \
-        if (!(cond)) failures++, printf("%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-    } while (0)
+#define EXPECT(cond) \
+    ((cond) ? (void)0 : (void)(failures++, printf("%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond)))
 
 int main(void)
 {

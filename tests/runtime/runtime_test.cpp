@@ -1,11 +1,6 @@
-/*
- * runtime_test.cpp - the kro runtime: memory and strings, mutex and
- * condition variable, thread identity, joins and self-destruction, client
- * sockets against peers made here on 127.0.0.1, and the invariant check.
- * (Buffers and lists are checked from C, in tests/c99.)
- *
- * Every test that waits holds a Watchdog; peer sockets time out as well.
- */
+/* The kro runtime: memory, strings, mutex and condition, threads, client
+ * sockets against peers on 127.0.0.1, the invariant check. (Buffers and
+ * lists: tests/c99.) Every test that waits holds a Watchdog. */
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
@@ -22,21 +17,10 @@
 
 #include <gtest/gtest.h>
 
-#include "kro.h"
-#include "kro_buf.h"
 #include "kro_cond.h"
 #include "kro_llist.h"
-#include "kro_mutex.h"
 #include "kro_socket.h"
 #include "kro_thread.h"
-
-#if defined(__SANITIZE_THREAD__)
-#define KRO_TEST_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define KRO_TEST_TSAN 1
-#endif
-#endif
 
 namespace {
 
@@ -45,28 +29,34 @@ constexpr int kBoundSeconds = 15; // bound of every test that waits, and of a pe
 // Ends the process unless destroyed within the bound: every test that waits
 // holds one, so a hang fails fast instead of blocking on objects in use.
 class Watchdog {
-public:
-    ~Watchdog()
-    {
-        done_.set_value();
-        thread_.join();
-    }
-
-private:
     std::promise<void> done_;
     std::thread thread_{[done = done_.get_future()] {
         if (done.wait_for(std::chrono::seconds(kBoundSeconds)) == std::future_status::ready) return;
         fputs("watchdog: the test hung\n", stderr);
         abort();
     }};
+
+public:
+    ~Watchdog() { done_.set_value(), thread_.join(); }
 };
 
-// A one-shot event.
-struct Flag {
+struct Flag { // a one-shot event
     std::promise<void> promise;
     std::future<void> future = promise.get_future();
     void raise() { promise.set_value(); }
     void wait() { future.wait(); }
+};
+
+// What a test shares with the kro threads it starts.
+struct ThreadCtx {
+    t_kro_mutex mutex = NULL;
+    t_kro_cond cond = NULL;
+    bool waiting = false, go = false;         // under mutex
+    t_kro_thread handle = NULL;               // stored by kro_thread_create before the entry runs
+    bool same_at_start = false;               // current() == handle at the entry's first instruction
+    t_kro_error self_join = 99, self_destroy = 99;
+    t_kro_thread before = NULL, after = NULL; // current() around the self destroy
+    Flag release, done;
 };
 
 // Peer-side descriptors never block past the bound.
@@ -82,10 +72,8 @@ int bounded(int fd)
 struct Listener {
     explicit Listener(bool listening = true) : fd(bounded(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)))
     {
-        struct sockaddr_in addr = {};
+        struct sockaddr_in addr = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t len = sizeof addr;
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         EXPECT_EQ(0, bind(fd, (struct sockaddr *)&addr, sizeof addr));
         EXPECT_EQ(0, getsockname(fd, (struct sockaddr *)&addr, &len));
         port = ntohs(addr.sin_port);
@@ -139,8 +127,7 @@ TEST(KroMemory, AllocClearsAndFreeNullsTheVariable)
     unsigned char *block = NULL;
     ASSERT_EQ(0u, kro_mm_alloc(64, &block, 1));
     EXPECT_EQ(std::string(64, '\0'), std::string((char *)block, 64));
-    EXPECT_EQ(0u, kro_mm_free(&block));
-    EXPECT_EQ(nullptr, block);
+    EXPECT_TRUE(kro_mm_free(&block) == 0 && block == nullptr);
     EXPECT_EQ(KRO_ERR_INVALID_ARG, kro_mm_free(&block)); // already null: an error, not a double free
     EXPECT_EQ(KRO_ERR_INVALID_ARG, kro_mm_free(NULL));
     ASSERT_EQ(0u, kro_mm_alloc(0, &block, 0)); // a valid one-byte block
@@ -153,19 +140,11 @@ TEST(KroMemory, AllocClearsAndFreeNullsTheVariable)
     EXPECT_EQ(nullptr, s);
 }
 
-namespace {
-struct CondCtx {
-    t_kro_mutex mutex = NULL;
-    t_kro_cond cond = NULL;
-    bool waiting = false, go = false; // under mutex
-    Flag woke;
-};
-} // namespace
 
 TEST(KroSync, NotifyAllWakesTheWaiterAndATimedWaitTimesOut)
 {
     Watchdog dog;
-    static CondCtx ctx;
+    static ThreadCtx ctx;
     t_kro_mutex bad = NULL;
     EXPECT_EQ(KRO_ERR_INVALID_ARG, kro_mutex_create((t_kro_mutex_type)7, &bad));
     ASSERT_EQ(0u, kro_mutex_create(KRO_MT_FAST, &ctx.mutex));
@@ -181,7 +160,7 @@ TEST(KroSync, NotifyAllWakesTheWaiterAndATimedWaitTimesOut)
                           ctx.waiting = true;
                           while (!ctx.go) kro_cond_wait(ctx.cond, ctx.mutex, KRO_WAIT_FOREVER);
                           kro_mutex_unlock(ctx.mutex);
-                          ctx.woke.raise();
+                          ctx.done.raise();
                       },
                       NULL, 0, &waiter));
     // Once the mutex is ours with waiting set, the waiter is inside its wait.
@@ -192,23 +171,11 @@ TEST(KroSync, NotifyAllWakesTheWaiterAndATimedWaitTimesOut)
     ctx.go = true;
     EXPECT_EQ(0u, kro_cond_notifyall(ctx.cond));
     kro_mutex_unlock(ctx.mutex);
-    ctx.woke.wait();
+    ctx.done.wait();
     EXPECT_EQ(0u, kro_thread_destroy(&waiter));
     EXPECT_EQ(0u, kro_cond_destroy(&ctx.cond));
-    EXPECT_EQ(0u, kro_mutex_destroy(&ctx.mutex));
-    EXPECT_EQ(nullptr, ctx.mutex);
+    EXPECT_TRUE(kro_mutex_destroy(&ctx.mutex) == 0 && ctx.mutex == nullptr);
 }
-
-namespace {
-struct ThreadCtx {
-    t_kro_thread handle = NULL;      // stored by kro_thread_create before the entry runs
-    bool same_at_start = false;      // current() == handle at the entry's first instruction
-    t_kro_error self_join = 99;      // kro_thread_join on itself
-    t_kro_error self_destroy = 99;   // kro_thread_destroy on its own handle
-    t_kro_thread before = NULL, after = NULL; // current() around the self destroy
-    Flag release, done;
-};
-} // namespace
 
 TEST(KroThread, CurrentIsTheStoredHandleJoinsWaitAndSelfDestroyDetaches)
 {
@@ -228,14 +195,10 @@ TEST(KroThread, CurrentIsTheStoredHandleJoinsWaitAndSelfDestroyDetaches)
     for (int i = 0; i < 2; i++) joiners[i] = std::thread([i] { joins[i] = kro_thread_join(ctx.handle); });
     ctx.release.raise();
     for (std::thread &t : joiners) t.join();
-    EXPECT_EQ(0u, joins[0]);
-    EXPECT_EQ(0u, joins[1]);
+    EXPECT_TRUE(joins[0] == 0 && joins[1] == 0);
     EXPECT_EQ(0u, kro_thread_join(ctx.handle)); // joined already: at once
-    EXPECT_TRUE(ctx.same_at_start);
-    EXPECT_EQ(0u, ctx.self_join);
-    EXPECT_EQ(0u, kro_thread_destroy(&ctx.handle));
-    EXPECT_EQ(nullptr, ctx.handle);
-
+    EXPECT_TRUE(ctx.same_at_start && ctx.self_join == 0);
+    EXPECT_TRUE(kro_thread_destroy(&ctx.handle) == 0 && ctx.handle == nullptr);
     t_kro_thread foreign = NULL;
     std::thread([&] { foreign = kro_thread_current(); }).join();
     EXPECT_NE(main_handle, foreign);
@@ -251,8 +214,7 @@ TEST(KroThread, CurrentIsTheStoredHandleJoinsWaitAndSelfDestroyDetaches)
                       },
                       NULL, 0, &ctx.handle));
     ctx.done.wait();
-    EXPECT_EQ(0u, ctx.self_destroy);
-    EXPECT_EQ(nullptr, ctx.handle);
+    EXPECT_TRUE(ctx.self_destroy == 0 && ctx.handle == nullptr);
     EXPECT_NE(ctx.before, ctx.after); // no longer the freed record
 }
 
@@ -263,7 +225,6 @@ TEST_F(Connected, ReadFillsTheFreeSpaceAndWriteSendsTheWindow)
     EXPECT_EQ(KRO_ERR_NOT_CONNECTED, kro_socket_write_single(idle, buf, &n));
     EXPECT_EQ(0u, kro_socket_interrupt(idle)); // not connected: still 0
     EXPECT_EQ(0u, kro_socket_destroy(&idle));
-
     ASSERT_EQ(11, send(peer, "hello world", 11, 0));
     kro_buf_set_lim(buf, 4);
     while (buf->pos < buf->lim) ASSERT_EQ(0u, kro_socket_read(s, buf, &n)); // at most lim - pos per read
@@ -275,12 +236,10 @@ TEST_F(Connected, ReadFillsTheFreeSpaceAndWriteSendsTheWindow)
     EXPECT_EQ(1u + n, buf->pos);
     EXPECT_EQ(std::string("o w", n), std::string((char *)buf->ptr + 1, n));
     kro_buf_set_lim(buf, buf->pos);
-
     const t_kro_uint4 read = n;
     kro_buf_set_pos(buf, 1); // sends [pos, lim) and moves nothing
     ASSERT_EQ(0u, kro_socket_write_single(s, buf, &n));
-    EXPECT_EQ(read, n);
-    EXPECT_EQ(1u, buf->pos);
+    EXPECT_TRUE(n == read && buf->pos == 1);
     std::string got(n, '\0');
     EXPECT_EQ((ssize_t)n, recv(peer, &got[0], n, MSG_WAITALL));
     EXPECT_EQ(std::string("o w", n), got);
@@ -297,8 +256,7 @@ TEST_F(Connected, InterruptEndsABlockedReadAndStays)
     reading.wait();
     EXPECT_EQ(0u, kro_socket_interrupt(s)); // before or during the recv
     reader.join();
-    EXPECT_EQ(KRO_ERR_INTERRUPTED, result);
-    EXPECT_EQ(0u, n);
+    EXPECT_TRUE(result == KRO_ERR_INTERRUPTED && n == 0);
     (void)send(peer, "x", 1, MSG_NOSIGNAL); // data waiting changes nothing
     EXPECT_EQ(KRO_ERR_INTERRUPTED, kro_socket_read(s, buf, &n));
     EXPECT_EQ(0u, kro_socket_interrupt(s));
@@ -317,7 +275,6 @@ TEST_F(Connected, PeerCloseFailsReadsAndWritesWithoutSigpipe)
     EXPECT_EQ(KRO_ERR_PEER_CLOSED, rc);
     EXPECT_EQ("abc", std::string((char *)buf->ptr, buf->pos));
     EXPECT_EQ(KRO_ERR_PEER_CLOSED, kro_socket_read(s, buf, &n));
-
     kro_buf_set_lim(buf, buf->pos);
     kro_buf_set_pos(buf, 0);
     rc = 0;
@@ -335,13 +292,11 @@ TEST(KroSocket, ConnectReportsRefusedAndUnknownHostAndMayBeRetried)
     t_kro_socket s = make_socket("127.0.0.1", listener.port);
     t_kro_uint4 net_error = 0;
     EXPECT_EQ(KRO_ERR_CONN_REFUSED, kro_socket_connect(s));
-    EXPECT_EQ(0u, kro_em_net_error_get(&net_error));
-    EXPECT_EQ((t_kro_uint4)ECONNREFUSED, net_error);
+    EXPECT_TRUE(kro_em_net_error_get(&net_error) == 0 && net_error == (t_kro_uint4)ECONNREFUSED);
     ASSERT_EQ(0, listen(listener.fd, 8));
     EXPECT_EQ(0u, kro_socket_connect(s)); // the same record connects afresh
     close(listener.accept_one());
     EXPECT_EQ(0u, kro_socket_destroy(&s));
-
     const struct {
         const char *host, *local;
         t_kro_error want;
