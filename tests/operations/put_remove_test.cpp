@@ -1,9 +1,5 @@
-/*
- * put_remove_test.cpp - the requests put, remove and get send to the fake
- * service: the bytes of each form, the request table around them, get's
- * flags, correlation ids. Statuses handed back are in
- * connection/reader_test.cpp.
- */
+// put_remove_test.cpp - the requests put, remove and get send: the bytes of
+// each form, the request table around them, get's flags, correlation ids.
 #include <gtest/gtest.h>
 
 #include "client_harness.h"
@@ -29,13 +25,7 @@ TEST_F(PutRemove, CorrelationIdsAndNoReplyForms)
         [&] { return qel_hspace_cancel(c.h, "k", HSPACE_CANCEL_SYNC, 0); },
         [&] { return qel_hspace_remove(c.h, "k", HSPACE_REMOVE_SYNC, 0); },
     };
-    const struct {
-        std::function<t_kro_error()> call;
-        int opcode;
-        std::string key;
-        int body_type;
-        const char *body;
-    } noreply[] = {
+    const struct { std::function<t_kro_error()> call; int opcode; std::string key; int body_type; const char *body; } noreply[] = {
         {[&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_NOREPLY, -1); }, codec::kOpPut, "alpha", codec::kTypeObject,
          "xyz"},
         {[&] { return qel_hspace_remove(c.h, "beta", HSPACE_REMOVE_NOREPLY, -1); }, codec::kOpRemove, "beta",

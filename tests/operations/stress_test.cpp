@@ -56,10 +56,9 @@ void AnswerEverything(FakeConnection &conn, Signal &enough)
 }
 
 struct Worker { // what one application thread did; read after joining
-    int returns = 0;                        // calls that returned
-    std::map<uintptr_t, std::string> gets;  // asynchronous gets accepted: urid -> key
-    std::map<uintptr_t, std::string> posts; // posts accepted: urid -> key
-    std::vector<std::string> errors;        // results no operation allows
+    int returns = 0;                           // calls that returned
+    std::map<uintptr_t, std::string> issued[2]; // urid -> key of [0] asynchronous gets, [1] posts accepted
+    std::vector<std::string> errors;           // results no operation allows
 };
 
 void RunWorker(t_qel_hspace h, int t, Worker &w)
@@ -91,8 +90,7 @@ void RunWorker(t_qel_hspace h, int t, Worker &w)
         if (r != 0 && r != extra && r != 13 && r != 18)
             w.errors.push_back("thread " + std::to_string(t) + ": operation " + std::to_string(op) + " returned " +
                                std::to_string(r));
-        if (r == 0 && op == 3) w.gets[urid] = shared;
-        if (r == 0 && (op == 4 || op == 5)) w.posts[urid] = shared;
+        if (r == 0 && op >= 3 && op <= 5) w.issued[op != 3][urid] = shared;
     }
 }
 
@@ -119,8 +117,7 @@ TEST(Stress, ManyThreadsOnOneHandleWithACloseInTheMiddle)
     for (const Worker &w : workers) {
         EXPECT_EQ(kIterations, w.returns);
         for (const std::string &e : w.errors) ADD_FAILURE() << e;
-        issued[0].insert(w.gets.begin(), w.gets.end());
-        issued[1].insert(w.posts.begin(), w.posts.end());
+        for (int k = 0; k < 2; k++) issued[k].insert(w.issued[k].begin(), w.issued[k].end());
     }
     std::map<uintptr_t, int> finals[2];
     for (const Event &e : c.events.events()) {
