@@ -18,8 +18,7 @@ protected:
 };
 using CheckOrderOpen = OpenClientTest;
 
-// Each row is one call on the never-opened handle and the check that must
-// answer it (the state check's 13 comes last; see the next test).
+// One call on the never-opened handle per row, and the check that answers it.
 TEST_F(CheckOrder, EveryOperationChecksInOrder)
 {
     UserObject o("k", "value"), window("k", "value");

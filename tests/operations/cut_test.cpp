@@ -1,6 +1,4 @@
-// cut_test.cpp - a synchronous call of every kind blocked on its answer
-// while the application closes the handle (18) or the service drops the
-// connection (the link's error), beside an asynchronous get and subscriptions.
+// cut_test.cpp - blocked calls cut short by a close (18) or a dropped connection.
 #include <memory>
 
 #include <gtest/gtest.h>

@@ -12,14 +12,12 @@ constexpr t_kro_int4 kNoImage = HSPACE_POST_FLAG_NO_IMAGE;
 
 class PostCancel : public OpenClientTest {
 protected:
-    // A post answered with status; *sent gets the request.
     t_kro_error Post(const char *key, t_kro_int4 flags, t_kro_error status, Packet *sent = nullptr,
                      t_kro_byte triggers = 0, t_kro_ptr urid = nullptr)
     {
         return Exchange(c, [&] { return qel_hspace_post(c.h, key, urid, HSPACE_POST_SYNC, triggers, flags); },
                         ReplyWith(status), sent);
     }
-    // A post that must be refused without sending anything.
     t_kro_error Refused(const char *key, t_kro_int4 flags = 0)
     {
         return Bounded([&] { return qel_hspace_post(c.h, key, nullptr, HSPACE_POST_SYNC, 0, flags); });
@@ -65,9 +63,8 @@ TEST_F(PostCancel, ASubscriptionLastsFromASuccessfulPostToItsCancel)
     EXPECT_EQ(0u, c.events.count());
 }
 
-// An image answered with a failure status is one event with that status
-// and no object, and ends the subscription. (Images and their endings by 2
-// and by close are in connection/reader_test.cpp and cut_test.cpp.)
+// An image answered with a failure status is one event with that status and
+// no object, and ends the subscription (other images: connection/reader_test).
 TEST_F(PostCancel, AFailedImageEndsTheSubscription)
 {
     Packet sent;
