@@ -91,12 +91,40 @@ TEST_F(Endings, BytesThatAreNoPacketFailTheLinkWithInvalidPacket)
     }
 }
 
-// Close (and, with also_destroy, destroy) inside the first reply callback:
-// the packet in hand is finished, the next one buffered is never
-// processed, the remaining requests complete with 18.
-void CloseInsideAReplyCallback(t_qel_hspace &h, FakeConnection &c, bool also_destroy)
+// What a callback that closes, and maybe destroys, its handle got back.
+struct CloseFromCallback {
+    t_kro_error closed = 99, destroyed = 99;
+    t_qel_hspace_state after_close = HSPACE_STATE_INIT;
+    t_qel_hspace left = nullptr; // the pointer destroy was given: a deferred destroy leaves it alone
+    Signal released;
+
+    void run(t_qel_hspace hh, bool destroy)
+    {
+        closed = qel_hspace_close(hh);
+        after_close = State(hh);
+        if (!destroy) return;
+        left = hh;
+        s_released = &released;
+        s_watched.store(hh);
+        destroyed = qel_hspace_destroy(&left);
+    }
+    // The reader thread released h after the last callback had returned.
+    void expect_released(t_qel_hspace h)
+    {
+        ASSERT_TRUE(released.wait());
+        s_watched.store(nullptr);
+        EXPECT_EQ(0, s_callbacks_at_release.load());
+        EXPECT_EQ(0u, destroyed);
+        EXPECT_EQ(h, left);
+    }
+};
+
+// Close (and, with destroy, destroy) inside the first reply callback: the
+// packet in hand is finished, the next one buffered is never processed, the
+// remaining requests complete with 18.
+void CloseInsideAReplyCallback(t_qel_hspace &h, FakeConnection &c, bool destroy)
 {
-    static Signal released;
+    CloseFromCallback cb;
     int urid1 = 0, urid2 = 0;
     ObjectList list;
     std::unique_ptr<Call> sync_get;
@@ -105,24 +133,13 @@ void CloseInsideAReplyCallback(t_qel_hspace &h, FakeConnection &c, bool also_des
     ASSERT_TRUE(g1.rr);
     ASSERT_EQ(0u, qel_hspace_get(h, "g2", &urid2, HSPACE_GET_ASYNC, 0, 0, nullptr));
     c.next_packet();
-    if (!also_destroy) { // a synchronous waiter would see its handle freed
+    if (!destroy) { // a synchronous waiter would see its handle freed
         sync_get.reset(new Call([&] { return qel_hspace_get(h, "s", nullptr, HSPACE_GET_SYNC, 0, 0, list); }));
         c.next_packet();
     }
     std::atomic<int> calls{0};
-    t_kro_error close_result = 99, destroy_result = 99;
-    t_qel_hspace_state after_close = HSPACE_STATE_INIT;
-    t_qel_hspace destroyed = nullptr;
     g_events.set_hook([&](t_qel_hspace hh, const Event &) {
-        if (calls.fetch_add(1) != 0) return;
-        close_result = qel_hspace_close(hh);
-        after_close = State(hh);
-        if (also_destroy) {
-            destroyed = hh;
-            s_released = &released;
-            s_watched.store(hh);
-            destroy_result = qel_hspace_destroy(&destroyed);
-        }
+        if (calls.fetch_add(1) == 0) cb.run(hh, destroy);
     });
     c.batch();
     c.object(g1.rr->corrid, codec::kOpGet, "g1", "v", 1, 1);
@@ -130,14 +147,11 @@ void CloseInsideAReplyCallback(t_qel_hspace &h, FakeConnection &c, bool also_des
     ASSERT_TRUE(c.flush());
 
     ASSERT_TRUE(g_events.wait_count(2));
-    EXPECT_EQ(0u, close_result);
-    EXPECT_EQ(HSPACE_STATE_CLOSING, after_close);
-    if (also_destroy) {
-        EXPECT_EQ(0u, destroy_result);
-        EXPECT_EQ(h, destroyed); // deferred: the pointer is left alone
-        ASSERT_TRUE(released.wait());
-        EXPECT_EQ(0, s_callbacks_at_release.load());
-        s_watched.store(nullptr);
+    EXPECT_EQ(0u, cb.closed);
+    EXPECT_EQ(HSPACE_STATE_CLOSING, cb.after_close);
+    if (destroy) {
+        cb.expect_released(h);
+        h = nullptr;
     } else {
         EXPECT_EQ(KRO_ERR_CLOSED, sync_get->result());
         EXPECT_EQ(0u, qel_hspace_close(h));
@@ -163,37 +177,22 @@ TEST_F(Ending, CloseInsideAReplyCallbackEndsTheConnectionAfterThatPacket)
 TEST_F(Ending, CloseAndDestroyInsideAReplyCallbackReleaseTheHandleAfterTheLastCallback)
 {
     CloseInsideAReplyCallback(h, c, true);
-    h = nullptr; // released by its reader thread
 }
 
 TEST_F(Ending, CloseAndDestroyInsideTheLinkFailureCallbackReleaseTheHandleAfterIt)
 {
-    static Signal released;
+    CloseFromCallback cb;
     int urid = 0;
     ASSERT_EQ(0u, qel_hspace_get(h, "g", &urid, HSPACE_GET_ASYNC, 0, 0, nullptr));
     c.next_packet();
-    t_kro_error close_result = 99, destroy_result = 99;
-    t_qel_hspace_state after_close = HSPACE_STATE_INIT;
-    t_qel_hspace destroyed = nullptr;
     g_events.set_hook([&](t_qel_hspace hh, const Event &e) {
-        if (e.type != HSPACE_EVENT_LINK_FAIL) return;
-        close_result = qel_hspace_close(hh);
-        after_close = State(hh);
-        destroyed = hh;
-        s_released = &released;
-        s_watched.store(hh);
-        destroy_result = qel_hspace_destroy(&destroyed);
+        if (e.type == HSPACE_EVENT_LINK_FAIL) cb.run(hh, true);
     });
     c.close();
-    ASSERT_TRUE(released.wait());
-    t_qel_hspace gone = h;
-    h = nullptr; // the handle is gone
-    EXPECT_EQ(0, s_callbacks_at_release.load());
-    s_watched.store(nullptr);
-    EXPECT_EQ(0u, close_result);
-    EXPECT_EQ(HSPACE_STATE_CLOSED, after_close);
-    EXPECT_EQ(0u, destroy_result);
-    EXPECT_EQ(gone, destroyed);
+    cb.expect_released(h);
+    h = nullptr;
+    EXPECT_EQ(0u, cb.closed);
+    EXPECT_EQ(HSPACE_STATE_CLOSED, cb.after_close);
     std::vector<Event> ev = g_events.events();
     ASSERT_EQ(2u, ev.size());
     EXPECT_EQ(HSPACE_EVENT_GET_REPLY, ev[0].type);
@@ -211,19 +210,16 @@ TEST_F(Ending, CloseInsideAReplyCallbackOfALinkFailureSuppressesTheLinkFailureEv
     c.next_packet();
     ASSERT_EQ(0u, qel_hspace_get(h, "g2", &urid2, HSPACE_GET_ASYNC, 0, 0, nullptr));
     c.next_packet();
-    t_kro_error close_result = 99;
-    t_qel_hspace_state after_close = HSPACE_STATE_INIT;
+    CloseFromCallback cb;
     g_events.set_hook([&](t_qel_hspace hh, const Event &e) {
-        if (e.urid != &urid1) return;
-        close_result = qel_hspace_close(hh);
-        after_close = State(hh);
+        if (e.urid == &urid1) cb.run(hh, false);
     });
     c.reset();
     ASSERT_TRUE(g_events.wait_count(2));
     EXPECT_EQ(0u, qel_hspace_close(h));
     EXPECT_EQ(0u, qel_hspace_destroy(&h)); // joins the reader: no event follows
-    EXPECT_EQ(0u, close_result);
-    EXPECT_EQ(HSPACE_STATE_CLOSED, after_close);
+    EXPECT_EQ(0u, cb.closed);
+    EXPECT_EQ(HSPACE_STATE_CLOSED, cb.after_close);
     std::vector<Event> ev = g_events.events();
     ASSERT_EQ(2u, ev.size());
     EXPECT_EQ(HSPACE_STATE_FAILED, ev[0].state);

@@ -15,12 +15,11 @@ using Open = LibraryTest;
 
 TEST_F(Open, HandshakeCarriesDefaultsForNullAndEmptyStringsForEmptyNames)
 {
-    struct Case {
+    const struct {
         const char *name, *group;           // given to create
         const char *sent_name, *sent_group; // expected in the handshake
     } cases[] = {{nullptr, nullptr, "anonymous", "default"}, {"", "", "", ""}, {"app-7", "grp", "app-7", "grp"}};
-    for (const Case &k : cases) {
-        SCOPED_TRACE(k.sent_name);
+    for (const auto &k : cases) {
         FakeService svc;
         Packet got;
         svc.serve([&got](FakeConnection &fc) { got = fc.handshake(); });
@@ -30,7 +29,7 @@ TEST_F(Open, HandshakeCarriesDefaultsForNullAndEmptyStringsForEmptyNames)
         ASSERT_TRUE(svc.join());
         std::string expected;
         codec::encode_handshake_request(expected, "data", k.sent_name, k.sent_group);
-        EXPECT_EQ(expected, got.raw);
+        EXPECT_EQ(expected, got.raw) << k.sent_name;
         CloseAndDestroy(&h);
     }
 }
@@ -57,7 +56,8 @@ TEST_F(Open, UrlPortKeepsItsLow16BitsAndTheSchemeIsChecked)
 
 // Each bad answer fails the open and leaves INIT with nothing stored; the
 // next open of the same handle reads a clean stream on a new connection.
-TEST_F(Open, FailedOpensLeaveInitAndTheSameHandleOpensLater)
+// An open handle, and a closed one, refuse another open.
+TEST_F(Open, FailedOpensLeaveInitAndTheSameHandleOpensOnceLater)
 {
     FakeService svc{FakeService::Deferred()};
     t_qel_hspace h = nullptr;
@@ -74,14 +74,14 @@ TEST_F(Open, FailedOpensLeaveInitAndTheSameHandleOpensLater)
     codec::encode_handshake_reply(long_name, 1, 5, "name");
     long_name[long_name.size() - 5] = 9; // the name's length runs past the body
     const struct {
-        std::string answer; // sent after the handshake request
+        std::string answer; // sent after the handshake request; "" a reply packet
         t_kro_error error;  // the open's result
     } cases[] = {{partial, KRO_ERR_PEER_CLOSED}, {"NOT A PACKET AT ALL", KRO_ERR_INVALID_PACKET},
                  {long_name, KRO_ERR_INVALID_PACKET}, {"", KRO_ERR_INVALID_PACKET}};
     for (const auto &k : cases) {
         svc.serve([&k](FakeConnection &c) {
             c.expect_handshake();
-            if (k.answer.empty()) c.reply(1, 0); // a well-framed packet of another kind
+            if (k.answer.empty()) c.reply(1, 0);
             else c.send_raw(k.answer);
             c.close();
         });
@@ -91,26 +91,21 @@ TEST_F(Open, FailedOpensLeaveInitAndTheSameHandleOpensLater)
         EXPECT_EQ(nullptr, h->service_name);
         EXPECT_EQ(nullptr, h->reader);
     }
-    svc.serve([](FakeConnection &c) { c.handshake(4242, "second", 7); });
+    svc.serve([](FakeConnection &fc) { fc.handshake(4242, "second", 7); });
     ASSERT_EQ(0u, qel_hspace_open(h));
+    ASSERT_TRUE(svc.join());
+    FakeConnection c = svc.take_connection();
     EXPECT_EQ(HSPACE_STATE_OPEN, State(h));
     EXPECT_STREQ("second", h->service_name);
     EXPECT_EQ(4242u, h->service_ltp);
     EXPECT_EQ(7u, h->service_version);
-    ASSERT_TRUE(svc.join());
-    CloseAndDestroy(&h);
-}
-
-using OpenTwice = ConnectedTest;
-
-TEST_F(OpenTwice, SecondOpenIsRefusedAndLeavesTheConnectionWorking)
-{
     t_kro_thread reader = h->reader;
     EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_open(h));
     EXPECT_EQ(reader, h->reader);
     EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_remove(h, "k", HSPACE_REMOVE_SYNC, 0); }, ReplyWith(0)));
     EXPECT_EQ(0u, qel_hspace_close(h));
     EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_open(h)); // a closed handle is never reopened
+    EXPECT_EQ(0u, qel_hspace_destroy(&h));
 }
 
 } // namespace

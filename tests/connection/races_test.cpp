@@ -19,8 +19,7 @@ using Race = ConnectedTest;
 constexpr int kCancelRounds = 300;     // post/cancel races on one connection
 constexpr int kConnectionRounds = 120; // post reply against the connection's end
 
-// The number of records in h's request table, read under its mutex.
-int Outstanding(t_qel_hspace h)
+int Outstanding(t_qel_hspace h) // records in h's request table, read under its mutex
 {
     qel_hspace_lock(h);
     int n = h->reqtable->num_elements;
@@ -66,10 +65,8 @@ TEST_F(Races, PostReplyAgainstTheEndOfTheConnection)
         t_qel_hspace h = nullptr;
         FakeConnection c;
         ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
-        int urid = 0;
-        Call post([&] {
-            return qel_hspace_post(h, "k", &urid, HSPACE_POST_SYNC, 1, no_image ? HSPACE_POST_FLAG_NO_IMAGE : 0);
-        });
+        int urid = 0, flags = no_image ? HSPACE_POST_FLAG_NO_IMAGE : 0;
+        Call post([&] { return qel_hspace_post(h, "k", &urid, HSPACE_POST_SYNC, 1, flags); });
         Packet p = c.next_packet();
         ASSERT_TRUE(p.rr.has_value());
         c.reply(p.rr->corrid, 0);
@@ -80,16 +77,15 @@ TEST_F(Races, PostReplyAgainstTheEndOfTheConnection)
         if (service_hangs_up) c.close();
         else EXPECT_EQ(0u, qel_hspace_close(h));
         t_kro_error status = post.result();
-        t_kro_error ending = service_hangs_up ? KRO_ERR_PEER_CLOSED : KRO_ERR_CLOSED;
-        size_t images = status == 0 && !no_image ? 1 : 0;
         EXPECT_TRUE(status == 0 || (!service_hangs_up && status == KRO_ERR_CLOSED)) << status;
-        ASSERT_TRUE(g_events.wait_count(images + (service_hangs_up ? 1 : 0)));
+        size_t images = status == 0 && !no_image ? 1 : 0, n = images + (service_hangs_up ? 1 : 0);
+        ASSERT_TRUE(g_events.wait_count(n));
         CloseAndDestroy(&h); // joins the reader: no event follows
         std::vector<Event> ev = g_events.events();
-        ASSERT_EQ(images + (service_hangs_up ? 1 : 0), ev.size());
+        ASSERT_EQ(n, ev.size());
         if (images > 0) {
             EXPECT_EQ(&urid, ev[0].urid);
-            EXPECT_EQ(ending, ev[0].status);
+            EXPECT_EQ(service_hangs_up ? KRO_ERR_PEER_CLOSED : KRO_ERR_CLOSED, ev[0].status);
         }
         if (service_hangs_up) {
             EXPECT_EQ(HSPACE_EVENT_LINK_FAIL, ev.back().type);
@@ -101,7 +97,6 @@ TEST_F(Races, PostReplyAgainstTheEndOfTheConnection)
 TEST_F(Race, CancelAnsweredBeforeThePostItOvertookEndsThatPostWhenItsReplyArrives)
 {
     int urid = 0;
-
     Call post([&] { return qel_hspace_post(h, "Sub", &urid, HSPACE_POST_SYNC, 1, 0); });
     Packet p = c.next_packet();
     Call cancel([&] { return qel_hspace_cancel(h, "sUB", HSPACE_CANCEL_SYNC, 0); });

@@ -40,12 +40,7 @@ constexpr std::chrono::seconds kTestBound{30};     // bound of a whole test (or 
 using Pairs = std::vector<std::pair<std::string, std::string>>; // (key, value) of objects
 
 // A call or the test hung; with a thread still inside the library going on is unsafe.
-[[noreturn]] inline void Die(const char *what)
-{
-    fprintf(stderr, "watchdog: %s\n", what);
-    fflush(stderr);
-    abort();
-}
+[[noreturn]] inline void Die(const char *what) { fprintf(stderr, "watchdog: %s\n", what), fflush(stderr), abort(); }
 
 inline void InitLibrary() { ASSERT_EQ(0u, qel_hspace_initialize(QEL_HSPACE_VERSION, 1)); } // any number of times
 
@@ -60,11 +55,10 @@ public:
     Watchdog() : deadline_(std::chrono::steady_clock::now() + kTestBound), thread_([this] { Run(); }) {}
     ~Watchdog()
     {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            done_ = true;
-        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        done_ = true;
         cond_.notify_all();
+        lock.unlock();
         thread_.join();
     }
     Watchdog(const Watchdog &) = delete;
@@ -80,11 +74,10 @@ private:
     void Run()
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        while (!done_) {
+        while (!done_)
             if (cond_.wait_until(lock, deadline_) == std::cv_status::timeout && !done_ &&
                 std::chrono::steady_clock::now() >= deadline_)
                 Die("the test did not finish in time");
-        }
     }
 
     std::mutex mutex_;                               // guards deadline_ and done_
@@ -97,36 +90,23 @@ private:
 // A blocking library call on a helper thread; result() waits at most kBound, then Die()s.
 class Call {
 public:
-    explicit Call(std::function<t_kro_error()> fn) : result_(promise_.get_future())
-    {
-        thread_ = std::thread([this, fn] { promise_.set_value(fn()); });
-    }
+    explicit Call(std::function<t_kro_error()> fn) : result_(std::async(std::launch::async, std::move(fn))) {}
     ~Call() { result(); }
-    Call(const Call &) = delete;
-    Call &operator=(const Call &) = delete;
 
     t_kro_error result() // may be asked again
     {
-        if (thread_.joinable()) {
-            if (result_.wait_for(kBound) != std::future_status::ready) Die("a library call did not return");
-            thread_.join();
-            value_ = result_.get();
-        }
+        if (result_.valid() && result_.wait_for(kBound) != std::future_status::ready) Die("a library call did not return");
+        if (result_.valid()) value_ = result_.get();
         return value_;
     }
 
 private:
-    std::promise<t_kro_error> promise_; // set by the helper thread
-    std::future<t_kro_error> result_;   // read once by result()
-    t_kro_error value_ = 0;             // the result, after result() joined the thread
-    std::thread thread_;                // runs the call
+    std::future<t_kro_error> result_; // of the call on its own thread; invalid once read
+    t_kro_error value_ = 0;           // the result, once read
 };
 
 // Runs fn, which must return without an answer from the service, so a wrong wait fails fast.
-inline t_kro_error Bounded(std::function<t_kro_error()> fn)
-{
-    return Call(std::move(fn)).result();
-}
+inline t_kro_error Bounded(std::function<t_kro_error()> fn) { return Call(std::move(fn)).result(); }
 
 inline std::string ObjectKey(t_qel_hspace_object object)
 {
@@ -213,17 +193,14 @@ public:
             e.object_value = ObjectValue(object);
             EXPECT_EQ(0u, qel_hspace_object_destroy(&object));
         }
-        Hook hook;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            hook = hook_;
-        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        Hook hook = hook_;
+        lock.unlock();
         if (hook) hook(hspace, e);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            events_.push_back(std::move(e));
-        }
+        lock.lock();
+        events_.push_back(std::move(e));
         cond_.notify_all();
+        lock.unlock();
         running_.fetch_sub(1);
     }
 
@@ -298,20 +275,20 @@ inline t_kro_error Create(const std::string &url, const char *name, const char *
     return qel_hspace_create(&data, OnEvent, hspace);
 }
 
-// Opens hspace on svc (the handshake answered with ltp); *conn is the service's side.
-inline void Open(FakeService &svc, t_qel_hspace hspace, FakeConnection *conn, uint16_t ltp = 5)
+// Opens hspace on svc; *conn is the service's side.
+inline void Open(FakeService &svc, t_qel_hspace hspace, FakeConnection *conn)
 {
-    svc.serve([ltp](FakeConnection &c) { c.handshake(ltp); });
+    svc.serve([](FakeConnection &c) { c.handshake(); });
     ASSERT_EQ(0u, qel_hspace_open(hspace));
     ASSERT_TRUE(svc.join());
     *conn = svc.take_connection();
     ASSERT_TRUE(conn->valid());
 }
 
-inline void OpenOn(FakeService &svc, t_qel_hspace *hspace, FakeConnection *conn, uint16_t ltp = 5)
+inline void OpenOn(FakeService &svc, t_qel_hspace *hspace, FakeConnection *conn)
 {
     ASSERT_EQ(0u, Create(svc.url(), "tester", "tests", hspace));
-    Open(svc, *hspace, conn, ltp);
+    Open(svc, *hspace, conn);
 }
 
 inline void CloseAndDestroy(t_qel_hspace *hspace)
@@ -397,16 +374,14 @@ inline void ExpectRequest(const Packet &p, int opcode, int semantic, const std::
 inline Answer ReplyWith(t_kro_error status)
 {
     return [status](FakeConnection &conn, const Packet &p) {
-        if (p.rr) conn.reply(p.rr->corrid, status);
-        else ADD_FAILURE() << "request without an rr subheader";
+        EXPECT_TRUE(p.rr.has_value() && conn.reply(p.rr->corrid, status)) << "request without an rr subheader";
     };
 }
 
 inline Answer ObjectsWith(uint8_t opcode, Pairs kv)
 {
     return [opcode, kv](FakeConnection &conn, const Packet &p) {
-        if (p.rr) conn.objects(p.rr->corrid, opcode, kv);
-        else ADD_FAILURE() << "request without an rr subheader";
+        EXPECT_TRUE(p.rr.has_value() && conn.objects(p.rr->corrid, opcode, kv)) << "request without an rr subheader";
     };
 }
 
@@ -428,9 +403,7 @@ public:
     }
     ~UserObject()
     {
-        if (obj != nullptr) {
-            EXPECT_EQ(0u, qel_hspace_object_destroy(&obj));
-        }
+        EXPECT_TRUE(obj == nullptr || qel_hspace_object_destroy(&obj) == 0);
         if (buf != nullptr) kro_buf_release(&buf);
     }
     UserObject(const UserObject &) = delete;

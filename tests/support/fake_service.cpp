@@ -27,35 +27,28 @@ namespace test {
 
 using Clock = std::chrono::steady_clock;
 
+// A pipe whose read end becomes readable for good once raise() is called (any thread).
 class StopSignal {
 public:
     StopSignal()
     {
-        if (pipe2(fds_, O_CLOEXEC | O_NONBLOCK) != 0) {
-            ADD_FAILURE() << "fake service: pipe2: " << strerror(errno);
-            fds_[0] = fds_[1] = -1;
-        }
+        if (pipe2(fds_, O_CLOEXEC | O_NONBLOCK) != 0) ADD_FAILURE() << "fake service: pipe2: " << strerror(errno);
     }
     ~StopSignal()
     {
-        if (fds_[0] >= 0) ::close(fds_[0]);
-        if (fds_[1] >= 0) ::close(fds_[1]);
+        ::close(fds_[0]);
+        ::close(fds_[1]);
     }
-    StopSignal(const StopSignal &) = delete;
-    StopSignal &operator=(const StopSignal &) = delete;
-
-    // Makes fd() readable for good. Any thread.
     void raise()
     {
-        if (raised_.exchange(true) || fds_[1] < 0) return;
         char byte = 0;
-        if (write(fds_[1], &byte, 1) != 1) ADD_FAILURE() << "fake service: stop write failed";
+        if (!raised_.exchange(true) && write(fds_[1], &byte, 1) != 1) ADD_FAILURE() << "fake service: stop write";
     }
     int fd() const { return fds_[0]; }
 
 private:
-    int fds_[2];                               // pipe: read end polled, write end raised
-    std::atomic<bool> raised_{false};          // raise() was called
+    int fds_[2] = {-1, -1};           // pipe: read end polled, write end raised
+    std::atomic<bool> raised_{false}; // raise() was called
 };
 
 namespace {
@@ -156,49 +149,43 @@ Packet FakeConnection::expect_handshake()
     return p;
 }
 
-bool FakeConnection::answer_handshake(uint16_t ltp, const std::string &name, uint16_t version)
-{
-    std::string bytes;
-    codec::encode_handshake_reply(bytes, version, ltp, name);
-    return send(bytes);
-}
-
 Packet FakeConnection::handshake(uint16_t ltp, const std::string &name, uint16_t version)
 {
     Packet p = expect_handshake();
-    if (p.wirelen != 0) answer_handshake(ltp, name, version);
+    std::string b;
+    codec::encode_handshake_reply(b, version, ltp, name);
+    if (p.wirelen != 0) send(b);
     return p;
 }
 
 bool FakeConnection::reply(uint32_t corrid, uint32_t status)
 {
-    std::string bytes;
-    codec::encode_reply(bytes, corrid, status);
-    return send(bytes);
+    std::string b;
+    codec::encode_reply(b, corrid, status);
+    return send(b);
 }
 
 bool FakeConnection::object(uint32_t corrid, uint8_t opcode, const std::string &key, const std::string &value,
                             uint32_t count, uint32_t num, int32_t flags)
 {
-    std::string bytes;
-    codec::encode_object(bytes, corrid, opcode, key, value, count, num, flags);
-    return send(bytes);
+    std::string b;
+    codec::encode_object(b, corrid, opcode, key, value, count, num, flags);
+    return send(b);
 }
 
-bool FakeConnection::objects(uint32_t corrid, uint8_t opcode,
-                             const std::vector<std::pair<std::string, std::string>> &kv)
+bool FakeConnection::objects(uint32_t corrid, uint8_t opcode, const std::vector<std::pair<std::string, std::string>> &kv)
 {
-    std::string bytes;
+    std::string b;
     uint32_t n = static_cast<uint32_t>(kv.size());
-    for (uint32_t i = 0; i < n; i++) codec::encode_object(bytes, corrid, opcode, kv[i].first, kv[i].second, n, i + 1);
-    return send(bytes);
+    for (uint32_t i = 0; i < n; i++) codec::encode_object(b, corrid, opcode, kv[i].first, kv[i].second, n, i + 1);
+    return send(b);
 }
 
 bool FakeConnection::notify(const std::string &key, uint8_t trigger, const std::string &value)
 {
-    std::string bytes;
-    codec::encode_notification(bytes, key, trigger, value);
-    return send(bytes);
+    std::string b;
+    codec::encode_notification(b, key, trigger, value);
+    return send(b);
 }
 
 bool FakeConnection::send_raw(const std::string &bytes) { return send(bytes); }
@@ -222,11 +209,8 @@ bool FakeConnection::flush()
 
 bool FakeConnection::send(const std::string &bytes)
 {
-    if (batching_) {
-        batch_.append(bytes);
-        return true;
-    }
-    return write_all(bytes);
+    if (batching_) batch_.append(bytes);
+    return batching_ || write_all(bytes);
 }
 
 bool FakeConnection::write_all(const std::string &bytes)
@@ -292,10 +276,7 @@ void FakeConnection::reset()
     fd_ = -1;
 }
 
-FakeService::FakeService(std::chrono::milliseconds watchdog) : FakeService(Deferred(), watchdog)
-{
-    listen();
-}
+FakeService::FakeService(std::chrono::milliseconds watchdog) : FakeService(Deferred(), watchdog) { listen(); }
 
 void FakeService::listen()
 {
@@ -306,12 +287,10 @@ void FakeService::listen()
 FakeService::FakeService(Deferred, std::chrono::milliseconds watchdog)
     : watchdog_(watchdog), stop_(std::make_shared<StopSignal>())
 {
-    struct sockaddr_in addr;
+    struct sockaddr_in addr = {};
     socklen_t len = sizeof addr;
-    memset(&addr, 0, sizeof addr);
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
     listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (listen_fd_ < 0 || bind(listen_fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 ||
         getsockname(listen_fd_, reinterpret_cast<struct sockaddr *>(&addr), &len) != 0) {
@@ -390,12 +369,9 @@ bool FakeService::join()
 FakeConnection FakeService::take_connection()
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (done_.empty()) {
-        ADD_FAILURE() << "fake service: no finished script holds a connection";
-        return FakeConnection();
-    }
-    FakeConnection conn = std::move(done_.front());
-    done_.pop_front();
+    FakeConnection conn;
+    if (done_.empty()) ADD_FAILURE() << "fake service: no finished script holds a connection";
+    else conn = std::move(done_.front()), done_.pop_front();
     return conn;
 }
 

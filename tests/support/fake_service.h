@@ -45,18 +45,13 @@ public:
     FakeConnection(const FakeConnection &) = delete;
     FakeConnection &operator=(const FakeConnection &) = delete;
 
-    // True while the connection has a socket (accepted and not closed here).
-    bool valid() const { return fd_ >= 0; }
-    void set_watchdog(std::chrono::milliseconds bound) { watchdog_ = bound; }
+    bool valid() const { return fd_ >= 0; } // has a socket: accepted and not closed here
 
     // The client's next packet, decoded, with its raw bytes; an empty Packet
     // (wirelen 0) and a failure on watchdog, close or invalid bytes.
     Packet next_packet();
-    // next_packet() that must be a handshake request (handshake_request set).
-    Packet expect_handshake();
-    // Sends a handshake reply.
-    bool answer_handshake(uint16_t ltp = 5, const std::string &name = "fake", uint16_t version = 1);
-    // expect_handshake() then answer_handshake(); returns the request.
+    Packet expect_handshake(); // next_packet() that must be a handshake request
+    // expect_handshake() answered with a handshake reply; returns the request.
     Packet handshake(uint16_t ltp = 5, const std::string &name = "fake", uint16_t version = 1);
 
     bool reply(uint32_t corrid, uint32_t status = 0); // a bare reply: success when status is 0
@@ -104,11 +99,9 @@ private:
 class FakeService {
 public:
     explicit FakeService(std::chrono::milliseconds watchdog = kDefaultWatchdog);
-    // A service whose bound port refuses connections until listen().
-    struct Deferred {};
+    struct Deferred {}; // the bound port refuses connections until listen()
     explicit FakeService(Deferred, std::chrono::milliseconds watchdog = kDefaultWatchdog);
     ~FakeService();
-    // Starts listening, for a service made Deferred.
     void listen();
     FakeService(const FakeService &) = delete;
     FakeService &operator=(const FakeService &) = delete;
