@@ -168,7 +168,11 @@ TEST_F(Hostile, GarbageAndLyingLengths)
         {"bad magic", mutated(0, 0xBADCAE01u), kInvalid},
         {"bad version", mutated(0, 0xBADCAD02u), kInvalid},
         {"wirelen below the header", mutated(4, 31), kInvalid},
-        {"section length below 8", mutated(36, 7), kInvalid},
+        {"a 4-byte section, the body inside its preamble", [](uint32_t) {
+             std::string s;
+             codec::put_header(s, 44, 0, 0, 1, codec::kTypeReply);
+             return s + std::string("\0\xff\0\0\0\0\0\4\0\0\0\x08", 12);
+         }, kInvalid},
         {"section past wirelen", mutated(36, 1000), kInvalid},
         {"sections end short of wirelen", mutated(4, 72, std::string(8, '\0')), kInvalid},
         {"random bytes", [](uint32_t) {
