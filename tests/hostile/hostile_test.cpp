@@ -184,19 +184,18 @@ TEST_F(Hostile, GarbageAndLyingLengths)
          }, kInvalid},
         {"1 GiB claimed, 64 bytes sent", claimed(1u << 30), kEndOfStream},
         {"1 GiB + 1 claimed", claimed((1u << 30) + 1), kInvalid},
-        {"short rr subheader", [](uint32_t corrid) {
+        {"rr subheader of 16 bytes, the corrid in them", [](uint32_t corrid) {
              std::string s;
              codec::put_header(s, 32 + 16 + 8, 0, 0, 1, codec::kTypeReply);
              codec::put_preamble(s, codec::kTypeRr, 16);
-             s += std::string(4, '\0');
+             s += std::string(8, '\0');
              Put32(s, s.size() - 4, corrid);
-             s += std::string(4, '\0');
              codec::put_preamble(s, codec::kTypeReply, 8);
              return s;
          }, kDropped},
-        {"key longer than its subheader", [](uint32_t corrid) {
+        {"key one byte longer than its subheader", [](uint32_t corrid) {
              std::string s = Object(corrid, codec::kOpGet, "key", "v", 1, 1);
-             s[32 + 20] = 0x7F; // the hspace subheader's key length
+             s[32 + 21] = 4; // the hspace subheader's key length
              return s;
          }, kDropped},
         {"unknown correlation id", [](uint32_t corrid) { return Reply(corrid + 1000, 5); }, kDropped},
