@@ -16,6 +16,7 @@
 #include "qel_hspacep.h"
 
 namespace hostile {
+void CutSocketAsCloseDoes(t_qel_hspace hspace); // internals.cpp
 using namespace hspace::test;
 namespace {
 
@@ -262,6 +263,21 @@ TEST_F(Hostile, CloseFromAnotherThreadEndsBlockedCalls)
         EXPECT_EQ(HSPACE_STATE_CLOSED, State(c.h));
         EXPECT_EQ(k.events, Finish(c));
     }
+}
+
+// A read that fails in the window between a close cutting the socket and
+// taking the handle's lock is that close: the get ends with 18, the handle
+// is closed, and no link failure is raised.
+TEST_F(Hostile, AReadCutByACloseIsNoLinkFailure)
+{
+    Client c(svc);
+    ASSERT_TRUE(c.open());
+    ASSERT_EQ(0u, Bounded([&] { return qel_hspace_get(c.h, "a", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); }));
+    ASSERT_TRUE(c.conn.next_packet().rr);
+    CutSocketAsCloseDoes(c.h);
+    ASSERT_TRUE(c.events.wait_count(1));
+    EXPECT_EQ(HSPACE_STATE_CLOSED, State(c.h));
+    EXPECT_EQ("get:18 ", Finish(c));
 }
 
 // A service that writes a large answer before it reads, while the client
