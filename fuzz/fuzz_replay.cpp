@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
 #include <vector>
 
 #include "inbound_harness.h"
@@ -17,26 +16,15 @@
 int main(int argc, char **argv)
 {
     std::error_code ec;
-    std::vector<std::filesystem::path> files;
-    if (argc != 2) {
-        fprintf(stderr, "usage: %s CORPUS_DIR\n", argv[0]);
-        return 2;
-    }
-    for (const auto &entry : std::filesystem::directory_iterator(argv[1], ec))
-        if (entry.is_regular_file()) files.push_back(entry.path());
-    if (ec || files.empty()) {
-        fprintf(stderr, "%s: no corpus files in %s\n", argv[0], argv[1]);
-        return 1;
-    }
-    for (const auto &path : files) {
-        std::ifstream in(path, std::ios::binary);
+    size_t n = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(argc == 2 ? argv[1] : "", ec)) {
+        std::ifstream in(entry.path(), std::ios::binary);
         std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        if (!in.good() && !in.eof()) {
-            fprintf(stderr, "%s: cannot read %s\n", argv[0], path.c_str());
-            return 1;
-        }
+        if (!entry.is_regular_file() || in.bad()) return fprintf(stderr, "cannot read %s\n", entry.path().c_str()), 1;
         qel_fuzz_inbound_run((const uint8_t *)bytes.data(), bytes.size());
+        n++;
     }
-    printf("%zu corpus inputs replayed\n", files.size());
+    if (ec || n == 0) return fprintf(stderr, "usage: %s CORPUS_DIR (a directory of files)\n", argv[0]), 1;
+    printf("%zu corpus inputs replayed\n", n);
     return 0;
 }

@@ -1,11 +1,9 @@
 /*
- * inbound_harness.cpp - drives arbitrary bytes through the packet framer
- * and inbound processing of the library, white-box: this is the one
- * translation unit of its executable that includes qel_hspace.cpp.
- *
- * The stream lies in a heap block of exactly its length, so a read past the
- * received bytes is caught by AddressSanitizer. The handle is made in
- * memory (no socket, no reader thread); this thread plays the reader.
+ * inbound_harness.cpp - arbitrary bytes through the library's packet framer
+ * and inbound processing (white-box: includes qel_hspace.cpp). The stream
+ * lies in a heap block of exactly its length, so AddressSanitizer catches a
+ * read past the received bytes. The handle is made in memory (no socket,
+ * no reader thread); this thread plays the reader.
  */
 #include "qel_hspace.cpp"
 
@@ -28,8 +26,7 @@ void fuzz_touch_object(t_qel_hspace_object object)
     (void)sink;
 }
 
-/* The application's callback: takes every object it is given and destroys
- * it at once. Reader thread (here: the fuzzing thread), no library lock. */
+/* The application's callback: reads and destroys every object it is given. */
 void fuzz_event_handler(t_qel_hspace hspace, t_qel_hspace_event event, t_kro_ptr event_data)
 {
     (void)hspace;
@@ -51,8 +48,7 @@ void fuzz_event_handler(t_qel_hspace hspace, t_qel_hspace_event event, t_kro_ptr
     }
 }
 
-/* A handle as create makes it, without socket or reader thread, in
- * HSPACE_STATE_OPEN. Released with qel_hspace_destroy_final. */
+/* A handle as create makes it, without socket or reader thread, open. */
 t_qel_hspace fuzz_handle_create(void)
 {
     t_qel_hspace h = NULL;
@@ -64,13 +60,6 @@ t_qel_hspace fuzz_handle_create(void)
     KRO_CHECK(kro_mutex_create(KRO_MT_FAST, &h->mutex_close) == 0);
     KRO_CHECK(kro_cond_create(&h->cond) == 0);
     return h;
-}
-
-/* Every whole packet of length len at p: each shorter prefix of it must
- * read as "more bytes needed", never as whole or invalid. */
-void fuzz_check_prefixes(const t_kro_byte *p, t_kro_uint4 len)
-{
-    for (t_kro_uint4 k = 0; k < len; k++) KRO_CHECK(qel_hspace_pkt_scan_bytes(p, k) == QEL_HSPACE_PKT_MORE);
 }
 
 /* The packet record's pointers lie inside the packet, and every filed rr
@@ -114,12 +103,7 @@ void qel_fuzz_inbound_run(const uint8_t *data, size_t size)
     stream = (t_kro_byte *)malloc(n > 0 ? n : 1);
     KRO_CHECK(stream != NULL);
     if (n > 0) memcpy(stream, data + 1, n);
-    in.refcount = 1;
-    in.pos = 0;
-    in.lim = n;
-    in.size = n;
-    in.wrapped = 1;
-    in.ptr = stream;
+    in = {1, 0, n, n, 1, stream};
 
     /* Outstanding requests, corrids 1 to 5 in order: a synchronous get
      * collecting into the caller's list, an asynchronous get, an active
@@ -152,7 +136,9 @@ void qel_fuzz_inbound_run(const uint8_t *data, size_t size)
         if (scan == QEL_HSPACE_PKT_INVALID) end = KRO_ERR_INVALID_PACKET;
         if (scan != QEL_HSPACE_PKT_WHOLE) break;
         t_kro_byte *start = stream + in.pos;
-        fuzz_check_prefixes(start, qel_hspace_pkt_get_wirelen(start));
+        /* Every shorter prefix of a whole packet reads as "more bytes needed". */
+        for (t_kro_uint4 k = 0; k < qel_hspace_pkt_get_wirelen(start); k++)
+            KRO_CHECK(qel_hspace_pkt_scan_bytes(start, k) == QEL_HSPACE_PKT_MORE);
         qel_hspace_pkt_frame(&in, &packet);
         fuzz_check_packet(packet, stream + in.pos);
         if (first && (selector & QEL_FUZZ_SEL_HANDSHAKE)) {
@@ -184,9 +170,7 @@ void qel_fuzz_inbound_run(const uint8_t *data, size_t size)
     }
 
     /* Free everything: the synchronous get's objects, the records whose
-     * callers never resumed, then whatever the table still holds (the
-     * asynchronous get and an active subscription, unless the library
-     * ended them), then the handle. */
+     * callers never resumed, what the table still holds, the handle. */
     while ((node = kro_llist_first(objects)) != NULL) {
         t_qel_hspace_object object = (t_qel_hspace_object)node;
         fuzz_touch_object(object);

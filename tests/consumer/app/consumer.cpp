@@ -9,14 +9,10 @@
 int main()
 {
     namespace qh = qel::hspace;
-    int failed = 0;
     std::error_code ec = qh::make_error_code(qh::error::timeout);
-    printf("timeout: %s\n", ec.message().c_str());
-    failed |= ec != std::errc::timed_out;
-
+    int failed = ec != std::errc::timed_out || ec.message().empty();
     qh::Client bad("udp://127.0.0.1:4000");
     bad.open(ec);
-    printf("open udp: %d (%s)\n", ec.value(), ec.message().c_str());
     failed |= ec != std::errc::protocol_not_supported;
     try {
         bad.open();
@@ -24,10 +20,8 @@ int main()
     } catch (const std::system_error &e) {
         failed |= e.code() != ec;
     }
-    qh::Client idle("tcp://127.0.0.1:1");
-    idle.put("k", "v", ec);
+    qh::Client("tcp://127.0.0.1:1").put("k", "v", ec);
     failed |= ec != qh::error::invalid_state;
-
     printf("%s\n", failed ? "consumer-cpp: FAILED" : "consumer-cpp: ok");
     return failed;
 }
