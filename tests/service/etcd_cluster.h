@@ -136,18 +136,11 @@ private:
         std::string name = "m" + std::to_string(i);
         std::string client = "http://127.0.0.1:" + std::to_string(members_[i].client);
         std::string peer = "http://127.0.0.1:" + std::to_string(members_[i].peer);
-        std::vector<std::string> args = {program("etcd"),
-                                         "--name", name,
-                                         "--data-dir", dir_ + "/" + name,
-                                         "--listen-client-urls", client,
-                                         "--advertise-client-urls", client,
-                                         "--listen-peer-urls", peer,
-                                         "--initial-advertise-peer-urls", peer,
-                                         "--initial-cluster", initial,
-                                         "--initial-cluster-token", dir_,
-                                         "--max-request-bytes", "8388608",
-                                         "--logger", "zap",
-                                         "--log-outputs", dir_ + "/" + name + ".log"};
+        std::vector<std::string> args = {
+            program("etcd"), "--name", name, "--data-dir", dir_ + "/" + name, "--listen-client-urls", client,
+            "--advertise-client-urls", client, "--listen-peer-urls", peer, "--initial-advertise-peer-urls", peer,
+            "--initial-cluster", initial, "--initial-cluster-token", dir_, "--max-request-bytes", "8388608",
+            "--logger", "zap", "--log-outputs", dir_ + "/" + name + ".log"};
         std::vector<char *> argv;
         for (std::string &a : args) argv.push_back(&a[0]);
         argv.push_back(nullptr);
