@@ -1,8 +1,6 @@
-/*
- * internals.cpp - the library compiled into the hostile-peer tests, and the
- * looks inside it they need: the request table's size, and the first half
- * of a close (the socket cut, the lock not yet taken).
- */
+// The library compiled into the hostile-peer tests, and the looks inside it
+// they need: the request table's size, and the first half of a close (the
+// socket cut, the lock not yet taken).
 #include "qel_hspace.cpp"
 
 #include "client_harness.h"
@@ -16,9 +14,5 @@ int hspace::test::RequestCount(t_qel_hspace hspace)
 }
 
 namespace hostile {
-void CutSocketAsCloseDoes(t_qel_hspace hspace)
-{
-    hspace->closing.store(1);
-    KRO_CHECK(kro_socket_interrupt(hspace->socket) == 0);
-}
+void CutSocketAsCloseDoes(t_qel_hspace hspace) { hspace->closing.store(1); KRO_CHECK(kro_socket_interrupt(hspace->socket) == 0); }
 } // namespace hostile

@@ -1,14 +1,11 @@
-/* The smallest application of qel_hspace, built out of tree against an
- * installed copy: initialize, name an error, refuse a bad URL, finalize.
- * Exits 0 when every answer is the expected one. */
+/* The smallest application, built out of tree against an installed copy:
+ * initialize, name an error, refuse a bad URL, finalize. Exits 0 when every
+ * answer is the expected one. */
 #include <stdio.h>
 
 #include <qel_hspace.h>
 
-static void on_event(t_qel_hspace hspace, t_qel_hspace_event event, t_kro_ptr event_data)
-{
-    (void)hspace, (void)event, (void)event_data;
-}
+static void on_event(t_qel_hspace hspace, t_qel_hspace_event event, t_kro_ptr event_data) { (void)hspace, (void)event, (void)event_data; }
 
 int main(void)
 {

@@ -1,7 +1,6 @@
-// The C++ API used by an application outside the tree, built against an
-// installed copy: name an error through the category, refuse a bad URL
-// without and with exceptions, fail fast on a Client never opened. Exits 0
-// when every answer is the expected one.
+// The C++ API from outside the tree, against an installed copy: an error
+// named through the category, a bad URL refused without and with
+// exceptions, a Client never opened failing fast. Exits 0 when all hold.
 #include <stdio.h>
 
 #include <qel_hspace.hpp>
