@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Writes the seed corpus of the inbound fuzzer into corpus/inbound/.
 
-Each file is one selector byte (the QEL_FUZZ_SEL_ bits of inbound_harness.h)
+Each file is one selector byte (the selector bits of inbound_harness.cpp)
 followed by a stream of packets as the service sends them. The harness
 holds these requests: corrid 1 a synchronous get of k1, 2 an asynchronous
 get of k2, 3 a subscription to k3, 4 a synchronous put of k4, and with

@@ -1,7 +1,6 @@
-/*
- * internals.cpp - the library compiled into the hostile-peer tests, and the
- * one look inside it they need: the request table's size.
- */
+// The library compiled into the hostile-peer tests, and the looks inside it
+// they need: the request table's size, and the first half of a close (the
+// socket cut, the lock not yet taken).
 #include "qel_hspace.cpp"
 
 #include "client_harness.h"
@@ -13,3 +12,7 @@ int hspace::test::RequestCount(t_qel_hspace hspace)
     qel_hspace_unlock(hspace);
     return n;
 }
+
+namespace hostile {
+void CutSocketAsCloseDoes(t_qel_hspace hspace) { hspace->closing.store(1); KRO_CHECK(kro_socket_interrupt(hspace->socket) == 0); }
+} // namespace hostile

@@ -1,7 +1,6 @@
-// The C++ API used by an application outside the tree, built against an
-// installed copy: name an error through the category, refuse a bad URL
-// without and with exceptions, fail fast on a Client never opened. Exits 0
-// when every answer is the expected one.
+// The C++ API from outside the tree, against an installed copy: an error
+// named through the category, a bad URL refused without and with
+// exceptions, a Client never opened failing fast. Exits 0 when all hold.
 #include <stdio.h>
 
 #include <qel_hspace.hpp>
@@ -9,14 +8,10 @@
 int main()
 {
     namespace qh = qel::hspace;
-    int failed = 0;
     std::error_code ec = qh::make_error_code(qh::error::timeout);
-    printf("timeout: %s\n", ec.message().c_str());
-    failed |= ec != std::errc::timed_out;
-
+    int failed = ec != std::errc::timed_out || ec.message().empty();
     qh::Client bad("udp://127.0.0.1:4000");
     bad.open(ec);
-    printf("open udp: %d (%s)\n", ec.value(), ec.message().c_str());
     failed |= ec != std::errc::protocol_not_supported;
     try {
         bad.open();
@@ -24,10 +19,8 @@ int main()
     } catch (const std::system_error &e) {
         failed |= e.code() != ec;
     }
-    qh::Client idle("tcp://127.0.0.1:1");
-    idle.put("k", "v", ec);
+    qh::Client("tcp://127.0.0.1:1").put("k", "v", ec);
     failed |= ec != qh::error::invalid_state;
-
     printf("%s\n", failed ? "consumer-cpp: FAILED" : "consumer-cpp: ok");
     return failed;
 }
