@@ -19,18 +19,13 @@ TEST_F(Open, HandshakeCarriesDefaultsForNullAndEmptyStringsForEmptyNames)
         const char *name, *group;           // given to create
         const char *sent_name, *sent_group; // expected in the handshake
     } cases[] = {{nullptr, nullptr, "anonymous", "default"}, {"", "", "", ""}, {"app-7", "grp", "app-7", "grp"}};
+    FakeService svc;
     for (const auto &k : cases) {
-        FakeService svc;
-        Packet got;
-        svc.serve([&got](FakeConnection &fc) { got = fc.handshake(); });
-        t_qel_hspace h = nullptr;
-        ASSERT_EQ(0u, Create(svc.url(), k.name, k.group, &h));
-        ASSERT_EQ(0u, qel_hspace_open(h));
-        ASSERT_TRUE(svc.join());
+        Client c(svc, k.name, k.group);
+        ASSERT_TRUE(c.open());
         std::string expected;
         codec::encode_handshake_request(expected, "data", k.sent_name, k.sent_group);
-        EXPECT_EQ(expected, got.raw) << k.sent_name;
-        CloseAndDestroy(&h);
+        EXPECT_EQ(expected, c.hello.raw) << k.sent_name;
     }
 }
 
@@ -60,8 +55,8 @@ TEST_F(Open, UrlPortKeepsItsLow16BitsAndTheSchemeIsChecked)
 TEST_F(Open, FailedOpensLeaveInitAndTheSameHandleOpensOnceLater)
 {
     FakeService svc{FakeService::Deferred()};
-    t_qel_hspace h = nullptr;
-    ASSERT_EQ(0u, Create(svc.url(), "tester", "tests", &h));
+    Client c(svc);
+    t_qel_hspace h = c.h;
     EXPECT_EQ(KRO_ERR_CONN_REFUSED, qel_hspace_open(h));
     svc.listen();
     t_qel_hspace never = nullptr;
@@ -79,11 +74,11 @@ TEST_F(Open, FailedOpensLeaveInitAndTheSameHandleOpensOnceLater)
     } cases[] = {{partial, KRO_ERR_PEER_CLOSED}, {"NOT A PACKET AT ALL", KRO_ERR_INVALID_PACKET},
                  {long_name, KRO_ERR_INVALID_PACKET}, {"", KRO_ERR_INVALID_PACKET}};
     for (const auto &k : cases) {
-        svc.serve([&k](FakeConnection &c) {
-            c.expect_handshake();
-            if (k.answer.empty()) c.reply(1, 0);
-            else c.send_raw(k.answer);
-            c.close();
+        svc.serve([&k](FakeConnection &fc) {
+            fc.expect_handshake();
+            if (k.answer.empty()) fc.reply(1, 0);
+            else fc.send_raw(k.answer);
+            fc.close();
         });
         EXPECT_EQ(k.error, qel_hspace_open(h));
         ASSERT_TRUE(svc.join());
@@ -94,7 +89,7 @@ TEST_F(Open, FailedOpensLeaveInitAndTheSameHandleOpensOnceLater)
     svc.serve([](FakeConnection &fc) { fc.handshake(4242, "second", 7); });
     ASSERT_EQ(0u, qel_hspace_open(h));
     ASSERT_TRUE(svc.join());
-    FakeConnection c = svc.take_connection();
+    c.conn = svc.take_connection();
     EXPECT_EQ(HSPACE_STATE_OPEN, State(h));
     EXPECT_STREQ("second", h->service_name);
     EXPECT_EQ(4242u, h->service_ltp);
@@ -105,7 +100,6 @@ TEST_F(Open, FailedOpensLeaveInitAndTheSameHandleOpensOnceLater)
     EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_remove(h, "k", HSPACE_REMOVE_SYNC, 0); }, ReplyWith(0)));
     EXPECT_EQ(0u, qel_hspace_close(h));
     EXPECT_EQ(KRO_ERR_INVALID_STATE, qel_hspace_open(h)); // a closed handle is never reopened
-    EXPECT_EQ(0u, qel_hspace_destroy(&h));
 }
 
 } // namespace

@@ -14,7 +14,9 @@ namespace {
 
 using namespace hspace::test;
 
-using Reader = ConnectedTest;
+struct Reader : OpenClientTest {
+    Watchdog watchdog_;
+};
 
 // An answer with the given rr subheader: an object of opcode on "key", or a bare reply when opcode is 0.
 std::string Encoded(const codec::RrSubheader &rr, uint8_t opcode = 0)
@@ -39,53 +41,53 @@ TEST_F(Reader, AnswersReachTheirWaitersByCorrelationIdWhateverTheWrites)
     UserObject object("k-put");
     ObjectList list;
     int urid = 0;
-    Call put([&] { return qel_hspace_put(h, object.obj, HSPACE_PUT_SYNC, 0); });
-    Call remove([&] { return qel_hspace_remove(h, "k-remove", HSPACE_REMOVE_SYNC, -1); });
-    Call get([&] { return qel_hspace_get(h, "k-get", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
-    Call cancel([&] { return qel_hspace_cancel(h, "k-cancel", HSPACE_CANCEL_SYNC, 0); });
+    Call put([&] { return qel_hspace_put(c.h, object.obj, HSPACE_PUT_SYNC, 0); });
+    Call remove([&] { return qel_hspace_remove(c.h, "k-remove", HSPACE_REMOVE_SYNC, -1); });
+    Call get([&] { return qel_hspace_get(c.h, "k-get", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
+    Call cancel([&] { return qel_hspace_cancel(c.h, "k-cancel", HSPACE_CANCEL_SYNC, 0); });
     std::vector<Packet> requests;
     for (int i = 0; i < 4; i++) {
-        requests.push_back(c.next_packet());
+        requests.push_back(c.conn.next_packet());
         ASSERT_TRUE(requests.back().rr && requests.back().hspace);
         EXPECT_EQ(codec::kSemSync, requests.back().hspace->semantic);
         EXPECT_EQ(0, requests.back().hspace->flags);
     }
-    ASSERT_EQ(0u, qel_hspace_get(h, "big", &urid, HSPACE_GET_ASYNC, 0, 0, nullptr));
-    Packet gp = c.next_packet();
+    ASSERT_EQ(0u, qel_hspace_get(c.h, "big", &urid, HSPACE_GET_ASYNC, 0, 0, nullptr));
+    Packet gp = c.conn.next_packet();
     ASSERT_TRUE(gp.rr);
     std::string big(3 * HSPACE_PKT_READBUF_SIZE + 17, 'x');
     for (size_t i = 0; i < big.size(); i += 7) big[i] = static_cast<char>('a' + i % 26);
     std::map<std::string, t_kro_error> status = {
         {"k-put", KRO_ERR_NO_MATCH}, {"k-remove", 0xDEADBEEF}, {"k-get", 0x7003}, {"k-cancel", 0x7004}};
-    c.batch();
-    c.send_raw(Encoded(codec::RrSubheader::request(requests[0].rr->corrid)));
-    c.object(0x3FFFFFFF, codec::kOpGet, "stray", "s", 1, 1);
-    c.object(0x3FFFFFFF, codec::kOpPost, "stray", "s", 1, 1);
-    c.reply(0x3FFFFFFE, 0);
-    c.reply(0, 5);
-    for (auto it = requests.rbegin(); it != requests.rend(); ++it) c.reply(it->rr->corrid, status.at(it->hspace->key));
-    c.object(gp.rr->corrid, codec::kOpGet, "big", big, 1, 1);
-    c.notify("n", 3, "after");
-    ASSERT_TRUE(c.flush());
+    c.conn.batch();
+    c.conn.send_raw(Encoded(codec::RrSubheader::request(requests[0].rr->corrid)));
+    c.conn.object(0x3FFFFFFF, codec::kOpGet, "stray", "s", 1, 1);
+    c.conn.object(0x3FFFFFFF, codec::kOpPost, "stray", "s", 1, 1);
+    c.conn.reply(0x3FFFFFFE, 0);
+    c.conn.reply(0, 5);
+    for (auto it = requests.rbegin(); it != requests.rend(); ++it) c.conn.reply(it->rr->corrid, status.at(it->hspace->key));
+    c.conn.object(gp.rr->corrid, codec::kOpGet, "big", big, 1, 1);
+    c.conn.notify("n", 3, "after");
+    ASSERT_TRUE(c.conn.flush());
     EXPECT_EQ(KRO_ERR_NO_MATCH, put.result());
     EXPECT_EQ(0xDEADBEEFu, remove.result());
     EXPECT_EQ(0x7003u, get.result());
     EXPECT_EQ(0x7004u, cancel.result());
-    ASSERT_TRUE(g_events.wait_count(2));
-    std::vector<Event> ev = g_events.events();
+    ASSERT_TRUE(c.events.wait_count(2));
+    std::vector<Event> ev = c.events.events();
     EXPECT_EQ(&urid, ev[0].urid);
     EXPECT_EQ(big, ev[0].object_value);
     EXPECT_EQ(3, ev[1].trigger);
     EXPECT_EQ("after", ev[1].object_value);
-    EXPECT_EQ(0, h->reqtable->num_elements); // every caller has returned
+    EXPECT_EQ(0, c.h->reqtable->num_elements); // every caller has returned
 
     // The list keeps the caller's own object and gains the answer's in
     // arrival order; the object numbered like the count completes the get.
     t_qel_hspace_object mine = nullptr;
     ASSERT_EQ(0u, qel_hspace_object_create("mine", nullptr, &mine));
     kro_llist_append(list, mine);
-    Call split([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
-    Packet p = c.next_packet();
+    Call split([&] { return qel_hspace_get(c.h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
+    Packet p = c.conn.next_packet();
     ASSERT_TRUE(p.rr);
     EXPECT_TRUE(p.rr->is_request());
     ExpectRequest(p, codec::kOpGet, codec::kSemSync, "key", codec::kTypeRequest);
@@ -93,20 +95,20 @@ TEST_F(Reader, AnswersReachTheirWaitersByCorrelationIdWhateverTheWrites)
     codec::encode_object(bytes, p.rr->corrid, codec::kOpGet, "key/b", "bee", 3, 2);
     codec::encode_object(bytes, p.rr->corrid, codec::kOpGet, "key/a", "", 3, 1);
     codec::encode_object(bytes, p.rr->corrid, codec::kOpGet, "key/c", std::string(3, '\0'), 3, 3);
-    ASSERT_TRUE(c.send_raw_bytewise(bytes));
+    ASSERT_TRUE(c.conn.send_raw_bytewise(bytes));
     EXPECT_EQ(0u, split.result());
     kro_llist_remove(mine);
     EXPECT_EQ(0u, qel_hspace_object_destroy(&mine));
     EXPECT_EQ((Pairs{{"key/b", "bee"}, {"key/a", ""}, {"key/c", std::string(3, '\0')}}), list.contents());
     list.clear();
 
-    Call failed([&] { return qel_hspace_get(h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
-    p = c.next_packet();
+    Call failed([&] { return qel_hspace_get(c.h, "key", nullptr, HSPACE_GET_SYNC, 0, 0, list); });
+    p = c.conn.next_packet();
     ASSERT_TRUE(p.rr);
-    c.send_raw(Encoded(codec::RrSubheader::failure(p.rr->corrid, 77), codec::kOpGet));
+    c.conn.send_raw(Encoded(codec::RrSubheader::failure(p.rr->corrid, 77), codec::kOpGet));
     EXPECT_EQ(77u, failed.result());
     EXPECT_EQ(1u, list.contents().size());
-    EXPECT_EQ(2u, g_events.count());
+    EXPECT_EQ(2u, c.events.count());
 }
 
 TEST_F(Reader, AsynchronousAnswersRaiseReplyImageEventsWithTheRequestsFields)
@@ -118,15 +120,15 @@ TEST_F(Reader, AsynchronousAnswersRaiseReplyImageEventsWithTheRequestsFields)
     Packet g[3];
     for (int i = 0; i < 3; i++) {
         snprintf(key, sizeof key, "Get-%d", i + 1);
-        ASSERT_EQ(0u, qel_hspace_get(h, key, &urids[i], HSPACE_GET_ASYNC, 0, 0, nullptr));
+        ASSERT_EQ(0u, qel_hspace_get(c.h, key, &urids[i], HSPACE_GET_ASYNC, 0, 0, nullptr));
         strcpy(key, "xxxxx");
-        g[i] = c.next_packet();
+        g[i] = c.conn.next_packet();
         ASSERT_TRUE(g[i].rr);
     }
-    c.objects(g[0].rr->corrid, codec::kOpGet, {{"Get-1/x", "one"}, {"Get-1/y", ""}});
-    c.reply(g[1].rr->corrid, KRO_ERR_NO_MATCH);
-    c.reply(g[2].rr->corrid, 0); // success never answers an asynchronous get: dropped
-    c.reply(g[2].rr->corrid, 0x6001);
+    c.conn.objects(g[0].rr->corrid, codec::kOpGet, {{"Get-1/x", "one"}, {"Get-1/y", ""}});
+    c.conn.reply(g[1].rr->corrid, KRO_ERR_NO_MATCH);
+    c.conn.reply(g[2].rr->corrid, 0); // success never answers an asynchronous get: dropped
+    c.conn.reply(g[2].rr->corrid, 0x6001);
 
     // Two subscriptions: an image of two objects, and an empty image.
     Packet p1, p2;
@@ -134,23 +136,23 @@ TEST_F(Reader, AsynchronousAnswersRaiseReplyImageEventsWithTheRequestsFields)
         fc.object(p.rr->corrid, codec::kOpPost, "early", "e", 1, 1); // before the post's reply: dropped
         fc.reply(p.rr->corrid, 0);
     };
-    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_post(h, "Post-1", &urids[3], HSPACE_POST_SYNC, 0x0F, 0); },
+    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_post(c.h, "Post-1", &urids[3], HSPACE_POST_SYNC, 0x0F, 0); },
                            early_then_ok, &p1));
     ASSERT_TRUE(p1.rr);
-    c.objects(p1.rr->corrid, codec::kOpPost, {{"Post-1/a", "A"}, {"Post-1/b", "B"}});
-    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_post(h, "Post-2", &urids[4], HSPACE_POST_SYNC, 0x0F, 0); },
+    c.conn.objects(p1.rr->corrid, codec::kOpPost, {{"Post-1/a", "A"}, {"Post-1/b", "B"}});
+    EXPECT_EQ(0u, Exchange(c, [&] { return qel_hspace_post(c.h, "Post-2", &urids[4], HSPACE_POST_SYNC, 0x0F, 0); },
                            ReplyWith(0), &p2));
-    c.reply(p2.rr->corrid, KRO_ERR_NO_MATCH);
+    c.conn.reply(p2.rr->corrid, KRO_ERR_NO_MATCH);
     // Dropped: success for a subscription, anything for one whose image is
     // complete, an image object whose rr subheader is marked as a request.
-    c.reply(p1.rr->corrid, 0);
-    c.reply(p1.rr->corrid, 0x6002);
-    c.send_raw(Encoded(codec::RrSubheader::request(p1.rr->corrid), codec::kOpPost));
-    c.notify("never/subscribed", 0xFF, "v1"); // notifications come for any key
+    c.conn.reply(p1.rr->corrid, 0);
+    c.conn.reply(p1.rr->corrid, 0x6002);
+    c.conn.send_raw(Encoded(codec::RrSubheader::request(p1.rr->corrid), codec::kOpPost));
+    c.conn.notify("never/subscribed", 0xFF, "v1"); // notifications come for any key
 
-    ASSERT_TRUE(g_events.wait_count(8));
+    ASSERT_TRUE(c.events.wait_count(8));
     std::vector<std::string> got; // "kind urid-index key status num/count object=value trigger"
-    for (const Event &e : g_events.events()) {
+    for (const Event &e : c.events.events()) {
         char line[160];
         int u = e.urid != nullptr ? static_cast<int>(static_cast<int *>(e.urid) - urids) : -1;
         const char *kind = e.type == HSPACE_EVENT_GET_REPLY ? "get" : e.type == HSPACE_EVENT_POST_IMAGE ? "image" : "";
@@ -168,13 +170,13 @@ TEST_F(Reader, AsynchronousAnswersRaiseReplyImageEventsWithTheRequestsFields)
 
     // The gets are gone; both subscriptions remain, complete, and end
     // silently at close.
-    qel_hspace_lock(h);
-    EXPECT_EQ(2, h->reqtable->num_elements);
-    for (t_kro_ptr n = kro_llist_first(h->reqtable); n != nullptr; n = kro_llist_next(h->reqtable, n))
+    qel_hspace_lock(c.h);
+    EXPECT_EQ(2, c.h->reqtable->num_elements);
+    for (t_kro_ptr n = kro_llist_first(c.h->reqtable); n != nullptr; n = kro_llist_next(c.h->reqtable, n))
         EXPECT_TRUE(((t_qel_hspace_request)n)->initial_image_complete);
-    qel_hspace_unlock(h);
-    CloseAndDestroy(&h);
-    EXPECT_EQ(8u, g_events.events().size());
+    qel_hspace_unlock(c.h);
+    EXPECT_EQ(0u, qel_hspace_close(c.h));
+    EXPECT_EQ(8u, c.events.events().size());
 }
 
 } // namespace

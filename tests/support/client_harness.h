@@ -252,15 +252,14 @@ private:
     std::atomic<int> running_{0};  // callbacks inside record()
 };
 
-inline Recorder g_events; // records the handles no Client owns
-
 inline std::mutex g_registry_mutex;                   // guards g_registry
 inline std::map<t_qel_hspace, Recorder *> g_registry; // the recorder of each Client's handle
 
-// The callback of every test handle: its Client's recorder, else g_events.
+// The callback of every test handle: its Client's recorder, else one nobody reads.
 inline void OnEvent(t_qel_hspace hspace, t_qel_hspace_event type, t_kro_ptr data)
 {
-    Recorder *recorder = &g_events;
+    static Recorder unowned;
+    Recorder *recorder = &unowned;
     {
         std::lock_guard<std::mutex> lock(g_registry_mutex);
         auto it = g_registry.find(hspace);
@@ -275,29 +274,6 @@ inline t_kro_error Create(const std::string &url, const char *name, const char *
     return qel_hspace_create(&data, OnEvent, hspace);
 }
 
-// Opens hspace on svc; *conn is the service's side.
-inline void Open(FakeService &svc, t_qel_hspace hspace, FakeConnection *conn)
-{
-    svc.serve([](FakeConnection &c) { c.handshake(); });
-    ASSERT_EQ(0u, qel_hspace_open(hspace));
-    ASSERT_TRUE(svc.join());
-    *conn = svc.take_connection();
-    ASSERT_TRUE(conn->valid());
-}
-
-inline void OpenOn(FakeService &svc, t_qel_hspace *hspace, FakeConnection *conn)
-{
-    ASSERT_EQ(0u, Create(svc.url(), "tester", "tests", hspace));
-    Open(svc, *hspace, conn);
-}
-
-inline void CloseAndDestroy(t_qel_hspace *hspace)
-{
-    EXPECT_EQ(0u, qel_hspace_close(*hspace));
-    EXPECT_EQ(0u, qel_hspace_destroy(hspace));
-    EXPECT_EQ(nullptr, *hspace);
-}
-
 inline t_qel_hspace_state State(t_qel_hspace hspace)
 {
     t_qel_hspace_state state = HSPACE_STATE_INIT;
@@ -306,39 +282,46 @@ inline t_qel_hspace_state State(t_qel_hspace hspace)
 }
 
 // A handle on the fake service with its own recorder: created in INIT, open()
-// keeps the service's side in conn, the destructor closes and destroys it.
+// keeps the service's side in conn, the destructor closes and destroys it
+// unless the test has (h null).
 class Client {
 public:
-    explicit Client(FakeService &service) : svc(service)
+    explicit Client(FakeService &service, const char *name = "tester", const char *group = "tests")
+        : svc(service)
     {
         InitLibrary();
-        EXPECT_EQ(0u, Create(svc.url(), "tester", "tests", &h));
+        EXPECT_EQ(0u, Create(svc.url(), name, group, &h));
         std::lock_guard<std::mutex> lock(g_registry_mutex);
         g_registry[h] = &events;
     }
     ~Client()
     {
-        if (h == nullptr) return;
-        EXPECT_EQ(0u, qel_hspace_close(h));
+        EXPECT_TRUE(h == nullptr || qel_hspace_close(h) == 0);
         {
             std::lock_guard<std::mutex> lock(g_registry_mutex);
-            g_registry.erase(h);
+            for (auto it = g_registry.begin(); it != g_registry.end();)
+                it = it->second == &events ? g_registry.erase(it) : std::next(it);
         }
-        EXPECT_EQ(0u, qel_hspace_destroy(&h));
+        EXPECT_TRUE(h == nullptr || qel_hspace_destroy(&h) == 0);
     }
     Client(const Client &) = delete;
     Client &operator=(const Client &) = delete;
 
-    bool open()
+    bool open() // false, and a failure, unless open with the service's side in conn
     {
-        Open(svc, h, &conn);
-        return !::testing::Test::HasFatalFailure() && conn.valid();
+        svc.serve([this](FakeConnection &c) { hello = c.handshake(); });
+        t_kro_error opened = qel_hspace_open(h);
+        EXPECT_EQ(0u, opened) << "open";
+        if (!svc.join()) return false;
+        conn = svc.take_connection();
+        return opened == 0 && conn.valid();
     }
 
     FakeService &svc;         // the service the handle talks to
     t_qel_hspace h = nullptr; // the handle; null once destroyed
     Recorder events;          // every event of h
     FakeConnection conn;      // the service's side, after open()
+    Packet hello;             // the handshake request, after open()
 };
 
 // Runs call on its own thread, lets answer answer the request it sends (kept
@@ -480,41 +463,14 @@ inline std::vector<t_kro_error> CallEveryOperation(t_qel_hspace hspace, t_qel_hs
     };
 }
 
-// The library started, g_events reset, the test under a Watchdog.
+// The library started, the test under a Watchdog; TearDown finalizes the
+// library, so a Client belongs in the test's body, not in the fixture.
 class LibraryTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(0u, qel_hspace_initialize(QEL_HSPACE_VERSION, 1));
-        g_events.reset();
-    }
-    void TearDown() override
-    {
-        g_events.reset();
-        qel_hspace_finalize();
-    }
+    void SetUp() override { InitLibrary(); }
+    void TearDown() override { qel_hspace_finalize(); }
 
     Watchdog watchdog_; // ends the process if the test hangs
-};
-
-// A LibraryTest with h open on svc, reporting to g_events; c is the service's
-// side. TearDown closes and destroys h unless the test set it to null.
-class ConnectedTest : public LibraryTest {
-protected:
-    void SetUp() override
-    {
-        LibraryTest::SetUp();
-        ASSERT_NO_FATAL_FAILURE(OpenOn(svc, &h, &c));
-    }
-    void TearDown() override
-    {
-        if (h != nullptr) CloseAndDestroy(&h);
-        LibraryTest::TearDown();
-    }
-
-    FakeService svc;          // the service
-    t_qel_hspace h = nullptr; // the open handle
-    FakeConnection c;         // the service's side of h's connection
 };
 
 // A Client c open on its own service svc.

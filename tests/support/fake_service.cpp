@@ -1,9 +1,8 @@
 /*
- * fake_service.cpp - the scriptable fake hspace service of the tests.
- *
- * Sockets are non-blocking; every wait is a poll() on the socket and the
- * service's stop pipe, bounded by the caller's watchdog. Sends use
- * MSG_NOSIGNAL, so a vanished client never raises SIGPIPE.
+ * fake_service.cpp - the scriptable fake hspace service of the tests. Every
+ * wait is a poll() on a non-blocking socket and the service's stop pipe,
+ * bounded by the watchdog. Sends use MSG_NOSIGNAL: a vanished client never
+ * raises SIGPIPE.
  */
 #include "fake_service.h"
 
@@ -17,7 +16,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 
 #include <gtest/gtest.h>
@@ -76,11 +74,6 @@ Wait wait_for(int fd, short events, Clock::time_point deadline, const StopSignal
 
 } // namespace
 
-FakeConnection::FakeConnection(int fd, std::shared_ptr<StopSignal> stop, std::chrono::milliseconds watchdog)
-    : fd_(fd), stop_(std::move(stop)), watchdog_(watchdog)
-{
-}
-
 FakeConnection::~FakeConnection() { close(); }
 
 FakeConnection::FakeConnection(FakeConnection &&other) noexcept { *this = std::move(other); }
@@ -92,7 +85,6 @@ FakeConnection &FakeConnection::operator=(FakeConnection &&other) noexcept
         fd_ = other.fd_;
         other.fd_ = -1;
         stop_ = std::move(other.stop_);
-        watchdog_ = other.watchdog_;
         in_ = std::move(other.in_);
         batch_ = std::move(other.batch_);
         batching_ = other.batching_;
@@ -122,7 +114,7 @@ FakeConnection::Io FakeConnection::read_some(Clock::time_point deadline, const c
 
 Packet FakeConnection::next_packet()
 {
-    Clock::time_point deadline = Clock::now() + watchdog_;
+    Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
     for (;;) {
         codec::FrameResult f = codec::frame(in_);
         if (f.status == codec::FrameStatus::Complete) {
@@ -188,16 +180,12 @@ bool FakeConnection::notify(const std::string &key, uint8_t trigger, const std::
     return send(b);
 }
 
-bool FakeConnection::send_raw(const std::string &bytes) { return send(bytes); }
-
 bool FakeConnection::send_raw_bytewise(const std::string &bytes)
 {
     for (char c : bytes)
         if (!send(std::string(1, c))) return false;
     return true;
 }
-
-void FakeConnection::batch() { batching_ = true; }
 
 bool FakeConnection::flush()
 {
@@ -215,7 +203,7 @@ bool FakeConnection::send(const std::string &bytes)
 
 bool FakeConnection::write_all(const std::string &bytes)
 {
-    Clock::time_point deadline = Clock::now() + watchdog_;
+    Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
     for (size_t done = 0; done < bytes.size();) {
         ssize_t n = fd_ < 0 ? -1 : ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
         if (n >= 0) {
@@ -236,7 +224,7 @@ bool FakeConnection::write_all(const std::string &bytes)
 
 bool FakeConnection::wait_closed()
 {
-    Clock::time_point deadline = Clock::now() + watchdog_;
+    Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
     for (;;) {
         Io io = read_some(deadline, "close by the client");
         if (io == Io::Closed) return true;
@@ -247,7 +235,7 @@ bool FakeConnection::wait_closed()
 bool FakeConnection::wait_readable()
 {
     if (!in_.empty()) return true;
-    if (fd_ < 0 || wait_for(fd_, POLLIN, Clock::now() + watchdog_, *stop_) != Wait::Ready) {
+    if (fd_ < 0 || wait_for(fd_, POLLIN, Clock::now() + kDefaultWatchdog, *stop_) != Wait::Ready) {
         ADD_FAILURE() << "fake service: watchdog: the client sent nothing";
         return false;
     }
@@ -276,16 +264,13 @@ void FakeConnection::reset()
     fd_ = -1;
 }
 
-FakeService::FakeService(std::chrono::milliseconds watchdog) : FakeService(Deferred(), watchdog) { listen(); }
-
 void FakeService::listen()
 {
     if (listen_fd_ >= 0 && ::listen(listen_fd_, 16) != 0)
         ADD_FAILURE() << "fake service: cannot listen on 127.0.0.1: " << strerror(errno);
 }
 
-FakeService::FakeService(Deferred, std::chrono::milliseconds watchdog)
-    : watchdog_(watchdog), stop_(std::make_shared<StopSignal>())
+FakeService::FakeService(Deferred) : stop_(std::make_shared<StopSignal>())
 {
     struct sockaddr_in addr = {};
     socklen_t len = sizeof addr;
@@ -315,11 +300,9 @@ FakeService::~FakeService()
     if (listen_fd_ >= 0) ::close(listen_fd_);
 }
 
-std::string FakeService::url() const { return "tcp://127.0.0.1:" + std::to_string(port_); }
-
 FakeConnection FakeService::accept()
 {
-    Clock::time_point deadline = Clock::now() + watchdog_;
+    Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
     if (listen_fd_ < 0) {
         ADD_FAILURE() << "fake service: not listening";
         return FakeConnection();
@@ -339,7 +322,7 @@ FakeConnection FakeService::accept()
         }
         int one = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        return FakeConnection(fd, stop_, watchdog_);
+        return FakeConnection(fd, stop_);
     }
 }
 
@@ -355,13 +338,12 @@ bool FakeService::join()
 {
     std::unique_lock<std::mutex> lock(mutex_);
     auto idle = [this] { return scripts_.empty() && !busy_; };
-    if (cond_.wait_for(lock, watchdog_, idle)) return true;
-    ADD_FAILURE() << "fake service: watchdog: scripts still running after " << watchdog_.count() << " ms";
+    if (cond_.wait_for(lock, kDefaultWatchdog, idle)) return true;
+    ADD_FAILURE() << "fake service: watchdog: scripts still running after " << kDefaultWatchdog.count() << " ms";
     scripts_.clear();
     stop_->raise();
-    // Every call of a stopped connection returns at once; a script blocked
-    // elsewhere gets the default bound.
-    if (!cond_.wait_for(lock, std::max(watchdog_, kDefaultWatchdog), idle))
+    // Every call of a stopped connection returns at once.
+    if (!cond_.wait_for(lock, kDefaultWatchdog, idle))
         ADD_FAILURE() << "fake service: a script does not return even after the stop signal";
     return false;
 }
