@@ -1,22 +1,18 @@
 /*
  * fake_service.cpp - the scriptable fake hspace service of the tests. Every
- * wait is a poll() on a non-blocking socket and the service's stop pipe,
- * bounded by the watchdog. Sends use MSG_NOSIGNAL: a vanished client never
- * raises SIGPIPE.
+ * wait is a poll() on a non-blocking socket, bounded by the watchdog. Sends
+ * use MSG_NOSIGNAL: a vanished client never raises SIGPIPE.
  */
 #include "fake_service.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <atomic>
 
 #include <gtest/gtest.h>
 
@@ -25,51 +21,24 @@ namespace test {
 
 using Clock = std::chrono::steady_clock;
 
-// A pipe whose read end becomes readable for good once raise() is called (any thread).
-class StopSignal {
-public:
-    StopSignal()
-    {
-        if (pipe2(fds_, O_CLOEXEC | O_NONBLOCK) != 0) ADD_FAILURE() << "fake service: pipe2: " << strerror(errno);
-    }
-    ~StopSignal()
-    {
-        ::close(fds_[0]);
-        ::close(fds_[1]);
-    }
-    void raise()
-    {
-        char byte = 0;
-        if (!raised_.exchange(true) && write(fds_[1], &byte, 1) != 1) ADD_FAILURE() << "fake service: stop write";
-    }
-    int fd() const { return fds_[0]; }
-
-private:
-    int fds_[2] = {-1, -1};           // pipe: read end polled, write end raised
-    std::atomic<bool> raised_{false}; // raise() was called
-};
-
 namespace {
 
-enum class Wait { Ready, Timeout, Stopped };
-
-// Waits until fd reports one of events, the stop signal is raised, or the
-// deadline passes.
-Wait wait_for(int fd, short events, Clock::time_point deadline, const StopSignal &stop)
+// True once fd reports one of events; false, and a failure naming what was
+// awaited, when fd is -1 or the deadline passes.
+bool wait_for(int fd, short events, Clock::time_point deadline, const char *what)
 {
-    for (;;) {
+    const char *why = "no socket";
+    while (fd >= 0) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() < 0) return Wait::Timeout;
-        struct pollfd fds[2] = {{fd, events, 0}, {stop.fd(), POLLIN, 0}};
-        int n = poll(fds, 2, static_cast<int>(left.count()) + 1);
+        struct pollfd pfd = {fd, events, 0};
+        int n = left.count() < 0 ? 0 : poll(&pfd, 1, static_cast<int>(left.count()) + 1);
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            ADD_FAILURE() << "fake service: poll: " << strerror(errno);
-            return Wait::Stopped;
-        }
-        if (fds[1].revents != 0) return Wait::Stopped;
-        if (fds[0].revents != 0) return Wait::Ready;
+        why = n < 0 ? strerror(errno) : left.count() < 0 ? "watchdog" : nullptr;
+        if (why != nullptr) break;
+        if (pfd.revents != 0) return true;
     }
+    ADD_FAILURE() << "fake service: " << why << " while waiting for " << what;
+    return false;
 }
 
 } // namespace
@@ -84,7 +53,6 @@ FakeConnection &FakeConnection::operator=(FakeConnection &&other) noexcept
         close();
         fd_ = other.fd_;
         other.fd_ = -1;
-        stop_ = std::move(other.stop_);
         in_ = std::move(other.in_);
         batch_ = std::move(other.batch_);
         batching_ = other.batching_;
@@ -95,12 +63,7 @@ FakeConnection &FakeConnection::operator=(FakeConnection &&other) noexcept
 FakeConnection::Io FakeConnection::read_some(Clock::time_point deadline, const char *what)
 {
     for (;;) {
-        Wait w = fd_ < 0 ? Wait::Stopped : wait_for(fd_, POLLIN, deadline, *stop_);
-        if (w != Wait::Ready) {
-            ADD_FAILURE() << "fake service: " << (w == Wait::Timeout ? "watchdog" : "stopped or not open")
-                          << " while waiting for " << what;
-            return Io::Failed;
-        }
+        if (!wait_for(fd_, POLLIN, deadline, what)) return Io::Failed;
         char buf[65536];
         ssize_t n = recv(fd_, buf, sizeof buf, 0);
         if (n > 0) {
@@ -208,15 +171,11 @@ bool FakeConnection::write_all(const std::string &bytes)
         ssize_t n = fd_ < 0 ? -1 : ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
         if (n >= 0) {
             done += static_cast<size_t>(n);
-            continue;
-        }
-        if (fd_ >= 0 && errno == EINTR) continue;
-        Wait w = fd_ >= 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? wait_for(fd_, POLLOUT, deadline, *stop_)
-                                                                     : Wait::Stopped;
-        if (w != Wait::Ready) {
-            ADD_FAILURE() << "fake service: " << (w == Wait::Timeout ? "watchdog: client not reading" : "send failed")
-                          << " with " << bytes.size() - done << " bytes unsent";
+        } else if (fd_ >= 0 && errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) {
+            ADD_FAILURE() << "fake service: send: " << strerror(errno);
             return false;
+        } else if (fd_ < 0 || errno != EINTR) {
+            if (!wait_for(fd_, POLLOUT, deadline, "the client to read")) return false;
         }
     }
     return true;
@@ -234,12 +193,7 @@ bool FakeConnection::wait_closed()
 
 bool FakeConnection::wait_readable()
 {
-    if (!in_.empty()) return true;
-    if (fd_ < 0 || wait_for(fd_, POLLIN, Clock::now() + kDefaultWatchdog, *stop_) != Wait::Ready) {
-        ADD_FAILURE() << "fake service: watchdog: the client sent nothing";
-        return false;
-    }
-    return true;
+    return !in_.empty() || wait_for(fd_, POLLIN, Clock::now() + kDefaultWatchdog, "bytes from the client");
 }
 
 void FakeConnection::close()
@@ -270,7 +224,7 @@ void FakeService::listen()
         ADD_FAILURE() << "fake service: cannot listen on 127.0.0.1: " << strerror(errno);
 }
 
-FakeService::FakeService(Deferred) : stop_(std::make_shared<StopSignal>())
+FakeService::FakeService(Deferred)
 {
     struct sockaddr_in addr = {};
     socklen_t len = sizeof addr;
@@ -303,17 +257,8 @@ FakeService::~FakeService()
 FakeConnection FakeService::accept()
 {
     Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
-    if (listen_fd_ < 0) {
-        ADD_FAILURE() << "fake service: not listening";
-        return FakeConnection();
-    }
     for (;;) {
-        Wait w = wait_for(listen_fd_, POLLIN, deadline, *stop_);
-        if (w != Wait::Ready) {
-            ADD_FAILURE() << "fake service: " << (w == Wait::Timeout ? "watchdog: no client connected" : "stopped")
-                          << " while accepting";
-            return FakeConnection();
-        }
+        if (!wait_for(listen_fd_, POLLIN, deadline, "a client to connect")) return FakeConnection();
         int fd = accept4(listen_fd_, NULL, NULL, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (fd < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR || errno == ECONNABORTED)) continue;
         if (fd < 0) {
@@ -322,7 +267,7 @@ FakeConnection FakeService::accept()
         }
         int one = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        return FakeConnection(fd, stop_);
+        return FakeConnection(fd);
     }
 }
 
@@ -340,11 +285,8 @@ bool FakeService::join()
     auto idle = [this] { return scripts_.empty() && !busy_; };
     if (cond_.wait_for(lock, kDefaultWatchdog, idle)) return true;
     ADD_FAILURE() << "fake service: watchdog: scripts still running after " << kDefaultWatchdog.count() << " ms";
-    scripts_.clear();
-    stop_->raise();
-    // Every call of a stopped connection returns at once.
-    if (!cond_.wait_for(lock, kDefaultWatchdog, idle))
-        ADD_FAILURE() << "fake service: a script does not return even after the stop signal";
+    scripts_.clear(); // the running one returns once its bounded calls have
+    cond_.wait(lock, idle);
     return false;
 }
 

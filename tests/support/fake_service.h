@@ -14,7 +14,6 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -29,8 +28,6 @@ namespace test {
 using codec::Packet;
 
 constexpr std::chrono::milliseconds kDefaultWatchdog{10000}; // bound of every blocking call
-
-class StopSignal; // once raised, every blocking call of a service returns at once
 
 // One accepted connection; owns its socket, move-only. One thread at a time
 // uses it (the test thread or one serve() script).
@@ -71,14 +68,13 @@ public:
 
 private:
     friend class FakeService;
-    FakeConnection(int fd, std::shared_ptr<StopSignal> stop) : fd_(fd), stop_(std::move(stop)) {}
-    enum class Io { Ready, Closed, Failed }; // Failed: watchdog, stop or error, failure recorded
+    explicit FakeConnection(int fd) : fd_(fd) {}
+    enum class Io { Ready, Closed, Failed }; // Failed: watchdog or error, failure recorded
     Io read_some(std::chrono::steady_clock::time_point deadline, const char *what);
     bool write_all(const std::string &bytes);
     bool send(const std::string &bytes);
 
     int fd_ = -1;                      // the socket, non-blocking; -1 when none
-    std::shared_ptr<StopSignal> stop_; // shared with the service
     std::string in_;                   // received bytes not yet returned as packets
     std::string batch_;                // bytes collected since batch()
     bool batching_ = false;            // between batch() and flush()
@@ -87,7 +83,7 @@ private:
 // Listens on 127.0.0.1 at an ephemeral port. serve() runs scripts in order on
 // one background thread, each with the next accepted connection, which the
 // service keeps after the script until take_connection(). The destructor
-// joins the scripts; past the watchdog the stop signal ends their calls.
+// joins the scripts.
 class FakeService {
 public:
     FakeService() : FakeService(Deferred()) { listen(); }
@@ -110,7 +106,6 @@ private:
 
     int listen_fd_ = -1;                                        // listening socket
     uint16_t port_ = 0;                                         // its port
-    std::shared_ptr<StopSignal> stop_;                          // shared with every accepted connection
     std::mutex mutex_;                                          // guards scripts_, done_, busy_, quit_
     std::condition_variable cond_;                              // signals their changes
     std::deque<std::function<void(FakeConnection &)>> scripts_; // queued, not started
