@@ -31,12 +31,29 @@ struct Ending : OpenClientTest {
     Watchdog watchdog_;
 };
 
-// A callback that closes, and with destroy also destroys, its handle: what
-// those calls returned, and the release of the handle by its reader thread.
-struct CloseFromCallback {
-    explicit CloseFromCallback(Client &client) : c(client) {}
+struct CloseFromCallback;
+std::atomic<void *> s_watched{nullptr}; // the handle whose release is awaited
+CloseFromCallback *s_watcher = nullptr; // told of that release; set before s_watched
 
-    void run(t_qel_hspace h, bool destroy);
+// Closes c's handle, and with destroy also destroys it, inside the first
+// callback whose event matches; keeps what those calls returned and sees the
+// release of the handle by its reader thread.
+struct CloseFromCallback {
+    CloseFromCallback(Client &client, bool destroy, std::function<bool(const Event &)> match) : c(client)
+    {
+        c.events.set_hook([this, destroy, match](t_qel_hspace h, const Event &e) {
+            if (!match(e) || ran.exchange(true)) return;
+            closed = qel_hspace_close(h);
+            after_close = State(h);
+            if (!destroy) return;
+            left = h;
+            s_watcher = this;
+            s_watched.store(h);
+            destroyed = qel_hspace_destroy(&left);
+        });
+    }
+    ~CloseFromCallback() { c.events.set_hook(nullptr); }
+
     // The reader thread released c's handle after the last callback had returned.
     void expect_released()
     {
@@ -48,26 +65,13 @@ struct CloseFromCallback {
     }
 
     Client &c;                                          // whose handle the callback closes
+    std::atomic<bool> ran{false};                       // a callback has closed it
     t_kro_error closed = 99, destroyed = 99;            // what close and destroy returned
     t_qel_hspace_state after_close = HSPACE_STATE_INIT; // the state close left
-    t_qel_hspace left = nullptr;    // the pointer destroy was given: a deferred destroy leaves it alone
-    int callbacks_at_release = -1;  // callbacks of c running when the handle's block was freed
-    Signal released;                // the handle's block was freed
+    t_qel_hspace left = nullptr;   // the pointer destroy was given: a deferred destroy leaves it alone
+    int callbacks_at_release = -1; // callbacks of c running when the handle's block was freed
+    Signal released;               // the handle's block was freed
 };
-
-std::atomic<void *> s_watched{nullptr};  // the handle whose release is awaited
-CloseFromCallback *s_watcher = nullptr;  // told of that release; set with s_watched
-
-void CloseFromCallback::run(t_qel_hspace h, bool destroy)
-{
-    closed = qel_hspace_close(h);
-    after_close = State(h);
-    if (!destroy) return;
-    left = h;
-    s_watcher = this;
-    s_watched.store(h);
-    destroyed = qel_hspace_destroy(&left);
-}
 
 } // namespace
 
@@ -141,8 +145,6 @@ TEST_F(Endings, CloseInsideAReplyCallbackEndsTheConnectionAfterThatPacket)
         SCOPED_TRACE(destroy ? "close and destroy" : "close");
         Client c(svc);
         ASSERT_TRUE(c.open());
-        CloseFromCallback cb(c);
-        std::atomic<int> calls{0};
         int urid1 = 0, urid2 = 0;
         ObjectList list;
         std::unique_ptr<Call> sync_get;
@@ -155,9 +157,7 @@ TEST_F(Endings, CloseInsideAReplyCallbackEndsTheConnectionAfterThatPacket)
             sync_get.reset(new Call([&] { return qel_hspace_get(c.h, "s", nullptr, HSPACE_GET_SYNC, 0, 0, list); }));
             c.conn.next_packet();
         }
-        c.events.set_hook([&](t_qel_hspace h, const Event &) {
-            if (calls.fetch_add(1) == 0) cb.run(h, destroy);
-        });
+        CloseFromCallback cb(c, destroy, [](const Event &) { return true; });
         c.conn.batch();
         c.conn.object(g1.rr->corrid, codec::kOpGet, "g1", "v", 1, 1);
         c.conn.notify("never-seen", 1);
@@ -188,13 +188,10 @@ TEST_F(Endings, CloseInsideAReplyCallbackEndsTheConnectionAfterThatPacket)
 
 TEST_F(Ending, CloseAndDestroyInsideTheLinkFailureCallbackReleaseTheHandleAfterIt)
 {
-    CloseFromCallback cb(c);
     int urid = 0;
     ASSERT_EQ(0u, qel_hspace_get(c.h, "g", &urid, HSPACE_GET_ASYNC, 0, 0, nullptr));
     c.conn.next_packet();
-    c.events.set_hook([&](t_qel_hspace h, const Event &e) {
-        if (e.type == HSPACE_EVENT_LINK_FAIL) cb.run(h, true);
-    });
+    CloseFromCallback cb(c, true, [](const Event &e) { return e.type == HSPACE_EVENT_LINK_FAIL; });
     c.conn.close();
     cb.expect_released();
     EXPECT_EQ(0u, cb.closed);
@@ -216,10 +213,7 @@ TEST_F(Ending, CloseInsideAReplyCallbackOfALinkFailureSuppressesTheLinkFailureEv
     c.conn.next_packet();
     ASSERT_EQ(0u, qel_hspace_get(c.h, "g2", &urid2, HSPACE_GET_ASYNC, 0, 0, nullptr));
     c.conn.next_packet();
-    CloseFromCallback cb(c);
-    c.events.set_hook([&](t_qel_hspace h, const Event &e) {
-        if (e.urid == &urid1) cb.run(h, false);
-    });
+    CloseFromCallback cb(c, false, [&](const Event &e) { return e.urid == &urid1; });
     c.conn.reset();
     ASSERT_TRUE(c.events.wait_count(2));
     EXPECT_EQ(0u, qel_hspace_close(c.h));

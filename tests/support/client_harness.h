@@ -7,26 +7,17 @@
 #ifndef QEL_TESTS_CLIENT_HARNESS_H
 #define QEL_TESTS_CLIENT_HARNESS_H
 
-#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <functional>
 #include <future>
 #include <map>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "fake_service.h"
+#include "fake_service.h" // chrono, threads, strings, containers
 #include "qel_hspace.h"
 
 namespace hspace {
@@ -71,13 +62,11 @@ public:
     }
 
 private:
-    void Run()
+    void Run() // a Kick() during a wait moves the deadline the next wait uses
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        while (!done_)
-            if (cond_.wait_until(lock, deadline_) == std::cv_status::timeout && !done_ &&
-                std::chrono::steady_clock::now() >= deadline_)
-                Die("the test did not finish in time");
+        while (!cond_.wait_until(lock, deadline_, [this] { return done_; }))
+            if (std::chrono::steady_clock::now() >= deadline_) Die("the test did not finish in time");
     }
 
     std::mutex mutex_;                               // guards deadline_ and done_
@@ -327,18 +316,13 @@ public:
 // Runs call on its own thread, lets answer answer the request it sends (kept
 // in *sent), and returns the call's result.
 using Answer = std::function<void(FakeConnection &, const Packet &)>;
-inline t_kro_error Exchange(FakeConnection &conn, std::function<t_kro_error()> call, Answer answer,
-                            Packet *sent = nullptr)
-{
-    Call running(std::move(call));
-    Packet p = conn.next_packet();
-    if (p.wirelen != 0) answer(conn, p);
-    if (sent != nullptr) *sent = p;
-    return running.result();
-}
 inline t_kro_error Exchange(Client &c, std::function<t_kro_error()> call, Answer answer, Packet *sent = nullptr)
 {
-    return Exchange(c.conn, std::move(call), std::move(answer), sent);
+    Call running(std::move(call));
+    Packet p = c.conn.next_packet();
+    if (p.wirelen != 0) answer(c.conn, p);
+    if (sent != nullptr) *sent = p;
+    return running.result();
 }
 
 // p is a request of opcode and semantic on key, without flags, with the body.
