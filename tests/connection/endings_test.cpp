@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <utility>
 
 #include "kro.h"
 
@@ -172,7 +173,9 @@ TEST_F(Endings, CloseInsideAReplyCallbackEndsTheConnectionAfterThatPacket)
             EXPECT_EQ(KRO_ERR_CLOSED, sync_get->result());
             EXPECT_EQ(0u, qel_hspace_close(c.h));
             EXPECT_EQ(HSPACE_STATE_CLOSED, State(c.h));
-            EXPECT_EQ(0u, qel_hspace_destroy(&c.h)); // joins the reader: no event follows
+            t_qel_hspace h = std::exchange(c.h, nullptr);
+            EXPECT_EQ(0u, qel_hspace_destroy(&h)); // joins the reader: no event follows
+            EXPECT_EQ(nullptr, h);                 // and forgets the handle
         }
         EXPECT_TRUE(c.conn.wait_closed());
         std::vector<Event> ev = c.events.events();
