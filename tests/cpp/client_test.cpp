@@ -37,24 +37,6 @@ struct Seen {
     }
 };
 
-// A callback held inside hold() while another thread runs fn, which must
-// not return before the callback does.
-struct Gate {
-    Signal entered, go;
-    std::atomic<bool> left{false};
-    void hold() { entered.raise(), go.wait(), left = true; }
-    void run_while_held(std::function<void()> fn)
-    {
-        ASSERT_TRUE(entered.wait());
-        std::thread other([&] {
-            fn();
-            EXPECT_TRUE(left.load()) << "returned while the callback ran";
-        });
-        go.raise();
-        other.join();
-    }
-};
-
 TEST(CppErrors, CategoryMessagesAndMappings)
 {
     const std::error_category &cat = qh::category();
@@ -231,19 +213,23 @@ TEST_F(CppTest, SubscriptionEndsFromItsCallbackAndFromAnotherThread)
     EXPECT_EQ(std::vector<std::string>{"change:1:own=1"}, seen.log);
 
     for (int round = 0; round < 20; round++) {
-        Gate gate;
-        std::atomic<bool> after_reset{false};
+        Signal entered, go;
+        std::atomic<bool> left{false}, after_reset{false};
         auto owner = std::make_unique<qh::Client>(client()); // ended whole in odd rounds
         qh::Subscription busy = (round % 2 ? *owner : c).subscribe("busy", nullptr, [&](qh::Change &&) {
             EXPECT_FALSE(after_reset.load());
-            gate.hold();
+            entered.raise(), go.wait(), left = true;
         });
         writer.put("busy", "x");
-        gate.run_while_held([&] {
+        ASSERT_TRUE(entered.wait());
+        std::thread other([&] { // its reset must wait for the running callback
             if (round % 2 == 0) busy.reset();
             else owner.reset();
+            EXPECT_TRUE(left.load()) << "returned while the callback ran";
             after_reset = true;
         });
+        go.raise();
+        other.join();
         writer.put("busy", "y");
         writer.put("sentinel", std::to_string(round));
         ASSERT_TRUE(sentinel.wait_for("change:1:sentinel=" + std::to_string(round)));

@@ -92,17 +92,18 @@ void RunWorker(t_qel_hspace h, int t, uint64_t seed, bool closed, Worker &w)
     }
 }
 
-TEST(Campaign, LinkDropsAndClosesUnderEightCallingThreads)
-{
-    InitLibrary();
-    Watchdog watchdog;
+struct Campaign : LibraryTest {
     FakeService svc;
+};
+
+TEST_F(Campaign, LinkDropsAndClosesUnderEightCallingThreads)
+{
     const char *env = getenv("QEL_HOSTILE_SEEDS");
     uint64_t seeds = env != nullptr && atoll(env) > 0 ? static_cast<uint64_t>(atoll(env)) : 16;
     int by_ending[kEndings] = {};
     for (uint64_t seed = 1; seed <= seeds && !::testing::Test::HasFailure(); seed++) {
         SCOPED_TRACE("seed " + std::to_string(seed));
-        watchdog.Kick();
+        watchdog_.Kick();
         Lcg rng{seed};
         Ending ending = static_cast<Ending>(rng.next(kEndings));
         int answers = static_cast<int>(rng.next(kMaxAnswers));
@@ -145,7 +146,6 @@ TEST(Campaign, LinkDropsAndClosesUnderEightCallingThreads)
     printf("campaign: %llu rounds: %d end of stream, %d reset, %d cut answer, %d stall and close\n",
            static_cast<unsigned long long>(seeds), by_ending[kFin], by_ending[kReset], by_ending[kCutAnswer],
            by_ending[kStallAndClose]);
-    qel_hspace_finalize();
 }
 
 } // namespace
