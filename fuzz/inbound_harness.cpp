@@ -29,8 +29,9 @@ enum : t_kro_byte {
     kSelLinkEnd = 0x10,     /* the stream's end fails the link: every request is abandoned */
 };
 
-/* Reads every byte an object owns, so a short key or buffer shows. */
-void touch(t_qel_hspace_object object)
+/* Reads every byte an object owns, so a short key or buffer shows, then
+ * destroys it. */
+void touch_and_destroy(t_qel_hspace_object object)
 {
     volatile t_kro_byte sink = (t_kro_byte)strlen(object->key);
     t_kro_buf data = object->data.buf;
@@ -39,11 +40,6 @@ void touch(t_qel_hspace_object object)
         for (t_kro_uint4 i = data->pos; i < data->lim; i++) sink = sink + ((const t_kro_byte *)data->ptr)[i];
     }
     (void)sink;
-}
-
-void touch_and_destroy(t_qel_hspace_object object)
-{
-    touch(object);
     KRO_CHECK(qel_hspace_object_destroy(&object) == 0);
 }
 

@@ -37,24 +37,6 @@ struct Seen {
     }
 };
 
-// A callback held inside hold() while another thread runs fn, which must
-// not return before the callback does.
-struct Gate {
-    Signal entered, go;
-    std::atomic<bool> left{false};
-    void hold() { entered.raise(), go.wait(), left = true; }
-    void run_while_held(std::function<void()> fn)
-    {
-        ASSERT_TRUE(entered.wait());
-        std::thread other([&] {
-            fn();
-            EXPECT_TRUE(left.load()) << "returned while the callback ran";
-        });
-        go.raise();
-        other.join();
-    }
-};
-
 TEST(CppErrors, CategoryMessagesAndMappings)
 {
     const std::error_category &cat = qh::category();
@@ -104,13 +86,13 @@ protected:
     }
     std::string url() const { return "tcp://127.0.0.1:" + std::to_string(server_->port()); }
     // An opened client; state changes go to seen as "state:<n>".
-    qh::Client client(Seen *seen = nullptr, bool reconnect = true)
+    qh::Client client(Seen *seen = nullptr, bool reconnect = true, std::chrono::milliseconds backoff = std::chrono::milliseconds(1))
     {
         qh::Options o;
         o.client_name = "cpp-test";
         o.reconnect.enabled = reconnect;
-        o.reconnect.initial_delay = std::chrono::milliseconds(1);
-        o.reconnect.max_delay = std::chrono::milliseconds(20);
+        o.reconnect.initial_delay = backoff;
+        o.reconnect.max_delay = 20 * backoff;
         if (seen != nullptr)
             o.on_state = [seen](qh::State s, std::error_code) { seen->add("state:" + std::to_string(int(s))); };
         qh::Client c(url(), o);
@@ -212,8 +194,9 @@ TEST_F(CppTest, SubscriptionsRouteByKeyAndPattern)
     EXPECT_TRUE(inner.wait_for("put:23"));
 }
 
-// A subscription ended inside its own callback, and from another thread
-// while its callback runs: after reset() returns no callback of it runs.
+// A subscription ended inside its own callback; a subscription, or its whole
+// Client, ended from another thread while its callback runs: after reset()
+// returns no callback of it runs.
 TEST_F(CppTest, SubscriptionEndsFromItsCallbackAndFromAnotherThread)
 {
     qh::Client c = client(), writer = client();
@@ -230,17 +213,23 @@ TEST_F(CppTest, SubscriptionEndsFromItsCallbackAndFromAnotherThread)
     EXPECT_EQ(std::vector<std::string>{"change:1:own=1"}, seen.log);
 
     for (int round = 0; round < 20; round++) {
-        Gate gate;
-        std::atomic<bool> after_reset{false};
-        qh::Subscription busy = c.subscribe("busy", nullptr, [&](qh::Change &&) {
+        Signal entered, go;
+        std::atomic<bool> left{false}, after_reset{false};
+        auto owner = std::make_unique<qh::Client>(client()); // ended whole in odd rounds
+        qh::Subscription busy = (round % 2 ? *owner : c).subscribe("busy", nullptr, [&](qh::Change &&) {
             EXPECT_FALSE(after_reset.load());
-            gate.hold();
+            entered.raise(), go.wait(), left = true;
         });
         writer.put("busy", "x");
-        gate.run_while_held([&] {
-            busy.reset();
+        ASSERT_TRUE(entered.wait());
+        std::thread other([&] { // its reset must wait for the running callback
+            if (round % 2 == 0) busy.reset();
+            else owner.reset();
+            EXPECT_TRUE(left.load()) << "returned while the callback ran";
             after_reset = true;
         });
+        go.raise();
+        other.join();
         writer.put("busy", "y");
         writer.put("sentinel", std::to_string(round));
         ASSERT_TRUE(sentinel.wait_for("change:1:sentinel=" + std::to_string(round)));
@@ -285,55 +274,28 @@ TEST_F(CppTest, RaiiInEveryState)
     orphan.reset();
     gone = false;
     EXPECT_EQ(1u, seen.count("state:3"));
-    start(0);
-    {   // reconnecting, with a backoff the destruction cuts short
-        qh::Options o;
-        o.reconnect.initial_delay = std::chrono::hours(1);
-        o.on_state = [&](qh::State s, std::error_code) { seen.add("slow:" + std::to_string(int(s))); };
-        qh::Client c(url(), o);
-        c.open();
-        qh::Subscription s = watch(c, "x");
-        server_->stop();
-        EXPECT_TRUE(seen.wait_for("slow:2"));
-        std::error_code ec;
-        EXPECT_EQ(Errc::not_connected, (c.get("x", ec), ec));
-    }
-    {   // destroyed from another thread while a callback runs: the
-        // destruction waits for it, and nothing runs afterwards
-        start(0);
-        auto c = std::make_unique<qh::Client>(client());
-        qh::Client writer = client();
-        Gate gate;
-        qh::Subscription s = c->subscribe("m", nullptr, [&](qh::Change &&) {
-            after += gone;
-            gate.hold();
-        });
-        writer.put("m", "1");
-        gate.run_while_held([&] {
-            c.reset();
-            gone = true;
-        });
-        writer.put("m", "2");
-        s.reset();
-    }
     EXPECT_EQ(0, after.load());
 }
 
 // hspaced stopped and started again on the same port while a subscriber
 // lives: calls fail fast meanwhile, the subscription comes back with a
-// resync image and then sees the changes made after the restart.
+// resync image and then sees the changes made after the restart. A Client
+// reconnecting with a long backoff goes out of scope at once.
 TEST_F(CppTest, ReconnectsAndResyncsAfterRestart)
 {
-    Seen states, seen;
+    Seen states, seen, slow_states;
     qh::Client c = client(&states);
+    auto slow = std::make_unique<qh::Client>(client(&slow_states, true, std::chrono::hours(1)));
     c.put("w/1", "before");
     qh::Subscription s = c.subscribe("w/*", seen.images(), seen.changes());
+    qh::Subscription slow_sub = slow->subscribe("w/*", nullptr, nullptr);
     ASSERT_TRUE(seen.wait_for("image:0:w/1=before,"));
     uint16_t port = server_->port();
     server_->stop();
-    ASSERT_TRUE(states.wait_for("state:2"));
+    ASSERT_TRUE(states.wait_for("state:2") && slow_states.wait_for("state:2"));
     std::error_code ec;
     EXPECT_EQ(qh::error::not_connected, (c.put("w/2", "lost", ec), ec)); // fails fast
+    slow.reset();
     Signal calling;
     std::thread restart([&] {
         calling.wait();

@@ -92,17 +92,18 @@ void RunWorker(t_qel_hspace h, int t, uint64_t seed, bool closed, Worker &w)
     }
 }
 
-TEST(Campaign, LinkDropsAndClosesUnderEightCallingThreads)
-{
-    InitLibrary();
-    Watchdog watchdog;
+struct Campaign : LibraryTest {
     FakeService svc;
+};
+
+TEST_F(Campaign, LinkDropsAndClosesUnderEightCallingThreads)
+{
     const char *env = getenv("QEL_HOSTILE_SEEDS");
     uint64_t seeds = env != nullptr && atoll(env) > 0 ? static_cast<uint64_t>(atoll(env)) : 16;
     int by_ending[kEndings] = {};
     for (uint64_t seed = 1; seed <= seeds && !::testing::Test::HasFailure(); seed++) {
         SCOPED_TRACE("seed " + std::to_string(seed));
-        watchdog.Kick();
+        watchdog_.Kick();
         Lcg rng{seed};
         Ending ending = static_cast<Ending>(rng.next(kEndings));
         int answers = static_cast<int>(rng.next(kMaxAnswers));
@@ -124,12 +125,8 @@ TEST(Campaign, LinkDropsAndClosesUnderEightCallingThreads)
         else ASSERT_TRUE(failed.wait()); // the drop, not the final close, ends the link
         for (std::thread &t : threads) t.join(); // bounded by the watchdog
         service.join();
-        EXPECT_EQ(0u, qel_hspace_close(c.h));
+        EXPECT_EQ(0u, qel_hspace_close(c.h)); // joins the reader: every event is in
         EXPECT_EQ(0, RequestCount(c.h));
-        std::unique_lock<std::mutex> registry(g_registry_mutex);
-        g_registry.erase(c.h);
-        registry.unlock();
-        EXPECT_EQ(0u, qel_hspace_destroy(&c.h)); // joins the reader: every event is in
 
         std::map<uintptr_t, int> finals;
         std::vector<Event> events = c.events.events();
@@ -149,7 +146,6 @@ TEST(Campaign, LinkDropsAndClosesUnderEightCallingThreads)
     printf("campaign: %llu rounds: %d end of stream, %d reset, %d cut answer, %d stall and close\n",
            static_cast<unsigned long long>(seeds), by_ending[kFin], by_ending[kReset], by_ending[kCutAnswer],
            by_ending[kStallAndClose]);
-    qel_hspace_finalize();
 }
 
 } // namespace

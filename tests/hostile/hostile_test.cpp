@@ -22,16 +22,13 @@ std::string Object(uint32_t corrid, uint8_t op, const std::string &key, const st
 { std::string s; codec::encode_object(s, corrid, op, key, value, count, num); return s; }
 void Put32(std::string &s, size_t off, uint32_t v) { for (int i = 0; i < 4; i++) s[off + i] = static_cast<char>(v >> (24 - 8 * i)); }
 
-// Closes and destroys the Client's handle (the reader thread is joined, so
-// every event is recorded) and returns the events as one line: "get:0:key"
-// (reply-image with object), "get:18" (without), "image:...", "note:key", "fail:1003".
+// Closes the Client's handle (the reader thread is joined, so every event is
+// recorded; the Client destroys it) and returns the events as one line:
+// "get:0:key" (reply-image with object), "get:18" (without), "image:...",
+// "note:key", "fail:1003".
 std::string Finish(Client &c)
 {
     EXPECT_EQ(0u, qel_hspace_close(c.h));
-    std::unique_lock<std::mutex> lock(g_registry_mutex);
-    g_registry.erase(c.h);
-    lock.unlock();
-    EXPECT_EQ(0u, qel_hspace_destroy(&c.h));
     std::ostringstream s;
     for (const Event &e : c.events.events()) {
         const char *kind = e.type == HSPACE_EVENT_GET_REPLY ? "get:" : e.type == HSPACE_EVENT_POST_IMAGE ? "image:" : "fail:";
@@ -161,13 +158,6 @@ TEST_F(Hostile, GarbageAndLyingLengths)
          }, kInvalid},
         {"section past wirelen", mutated(36, 1000), kInvalid},
         {"sections end short of wirelen", mutated(4, 72, std::string(8, '\0')), kInvalid},
-        {"random bytes", [](uint32_t) {
-             std::string s(64, '\0');
-             uint64_t x = 0x9E3779B97F4A7C15ull;
-             for (char &ch : s) ch = static_cast<char>((x = x * 6364136223846793005ull + 1) >> 56);
-             s[0] = 0x11;
-             return s;
-         }, kInvalid},
         {"1 GiB claimed, 64 bytes sent", claimed(1u << 30), kEndOfStream},
         {"1 GiB + 1 claimed", claimed((1u << 30) + 1), kInvalid},
         {"rr subheader of 16 bytes, the corrid in them", [](uint32_t corrid) {
@@ -209,10 +199,12 @@ TEST_F(Hostile, GarbageAndLyingLengths)
 // service that does not read, or while a get waits on an answer stalled
 // half-way: every call ends with 18, without a link failure. So does a read
 // that fails in the window between a close cutting the socket and taking
-// the handle's lock.
+// the handle's lock. An event raised while another thread is inside close
+// may not destroy the handle: that thread still touches it.
 TEST_F(Hostile, CloseFromAnotherThreadEndsBlockedCalls)
 {
     UserObject big("big", std::string(16u << 20, 'x'));
+    std::atomic<t_kro_error> destroyed{0};
     auto async_get = [](Client &c) { return qel_hspace_get(c.h, "a", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); };
     auto unread = [](Client &c) { ASSERT_TRUE(c.conn.wait_readable()); };
     const struct {
@@ -226,6 +218,11 @@ TEST_F(Hostile, CloseFromAnotherThreadEndsBlockedCalls)
         {"put", [&](Client &c) { return qel_hspace_put(c.h, big.obj, HSPACE_PUT_SYNC, 0); }, unread, KRO_ERR_CLOSED, ""},
         {"get, with an asynchronous one outstanding",
          [&](Client &c) {
+             c.events.set_hook([&](t_qel_hspace h, const Event &) {
+                 t_qel_hspace copy = h;
+                 destroyed = qel_hspace_destroy(&copy);
+                 EXPECT_EQ(h, copy);
+             });
              EXPECT_EQ(0u, async_get(c));
              return qel_hspace_get(c.h, "g", nullptr, HSPACE_GET_SYNC, 0, 0, ObjectList());
          },
@@ -256,6 +253,7 @@ TEST_F(Hostile, CloseFromAnotherThreadEndsBlockedCalls)
         EXPECT_EQ(HSPACE_STATE_CLOSED, State(c.h));
         EXPECT_EQ(k.events, Finish(c));
     }
+    EXPECT_EQ(KRO_ERR_INVALID_STATE, destroyed.load());
 }
 
 // A service that writes a large answer before it reads, while the client
@@ -281,7 +279,6 @@ TEST_F(Hostile, ALargeAnswerAndALargePutCrossEachOther)
     EXPECT_EQ(0u, put.result());
     ASSERT_TRUE(c.events.wait_count(n));
     EXPECT_EQ(n, c.events.events().back().index);
-    Finish(c);
 }
 
 // A handshake reply cut at every byte by the end of stream fails the open
@@ -338,27 +335,6 @@ TEST_F(Hostile, ACancelSentBeforeAPostLeavesThatPostsSubscription)
     EXPECT_EQ(KRO_ERR_EXISTS, Bounded([&] { return qel_hspace_post(c.h, "k", nullptr, HSPACE_POST_SYNC, 1, 0); }));
     EXPECT_EQ(1, RequestCount(c.h));
     EXPECT_EQ("image:0:k note:k ", Finish(c));
-}
-
-// With an asynchronous get outstanding, the main thread closes; the get's
-// 18 event runs while close is under way, and a destroy there is refused
-// with 13 and changes nothing; the closing thread destroys the handle.
-TEST_F(Hostile, DestroyFromACallbackDuringAnotherThreadsCloseIsRefused)
-{
-    for (int round = 0; round < 20; round++) {
-        Client c(svc);
-        ASSERT_TRUE(c.open());
-        std::atomic<t_kro_error> destroyed{0};
-        c.events.set_hook([&](t_qel_hspace h, const Event &) {
-            t_qel_hspace copy = h;
-            destroyed = qel_hspace_destroy(&copy);
-            EXPECT_EQ(h, copy);
-        });
-        ASSERT_EQ(0u, Bounded([&] { return qel_hspace_get(c.h, "a", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); }));
-        EXPECT_EQ(0u, qel_hspace_close(c.h));
-        EXPECT_EQ(KRO_ERR_INVALID_STATE, destroyed.load());
-        EXPECT_EQ("get:18 ", Finish(c));
-    }
 }
 
 } // namespace
