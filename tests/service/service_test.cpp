@@ -514,12 +514,12 @@ TEST_P(EtcdTest, DataOutlivesTheServiceAndInstancesShareItWithoutGapOrDuplicate)
     // the image or in the notifications, exactly once, in the writer's
     // order, including those between the image's read and the watch.
     constexpr int kWrites = 200, kBeforePost = 40;
-    std::promise<void> begun; // kBeforePost writes made
+    std::promise<void> begun; // more than kBeforePost writes stored
     std::thread writer([&] {
         Client w(*b);
         for (int i = 0; i < kWrites; i++) {
             EXPECT_EQ(w.put("s/" + std::to_string(1000 + i), std::to_string(i), i % 2 ? HSPACE_PUT_NOREPLY : HSPACE_PUT_SYNC), 0u);
-            if (i + 1 == kBeforePost) begun.set_value();
+            if (i == kBeforePost) begun.set_value(); // i even: a reply, after every no-reply put before it
         }
     });
     EXPECT_EQ(begun.get_future().wait_for(kBound), std::future_status::ready);
