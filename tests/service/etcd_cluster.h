@@ -28,8 +28,8 @@ public:
 
     explicit EtcdCluster(int members) : members_(members)
     {
-        std::string dir = (access("/dev/shm", W_OK) == 0 ? "/dev/shm" : std::filesystem::temp_directory_path().string()) +
-                          "/qel-etcd-XXXXXX";
+        std::string dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : std::filesystem::temp_directory_path();
+        dir += "/qel-etcd-XXXXXX";
         if (mkdtemp(&dir[0]) != nullptr) dir_ = dir;
         for (Member &m : members_) m = Member{free_port(), free_port(), 0};
     }
@@ -72,7 +72,8 @@ public:
     std::string store_url() const
     {
         std::string url = "etcd://";
-        for (const Member &m : members_) url += (url.size() > 7 ? ",127.0.0.1:" : "127.0.0.1:") + std::to_string(m.client);
+        for (const Member &m : members_)
+            url += (url.size() > 7 ? ",127.0.0.1:" : "127.0.0.1:") + std::to_string(m.client);
         return url;
     }
 

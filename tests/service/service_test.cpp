@@ -57,8 +57,7 @@ public:
         std::unique_ptr<UserObject> o(value ? new UserObject(key, *value) : new UserObject(key));
         return qel_hspace_put(h, o->obj, sem, 0);
     }
-    // The objects of a synchronous get ("" for no data) that must end with
-    // status want.
+    // A synchronous get that must end with status want: the objects ("" for no data).
     Pairs get(const std::string &key, t_kro_int4 flags = 0, t_kro_error want = 0)
     {
         ObjectList list;
@@ -140,9 +139,8 @@ std::string request(uint8_t opcode, const std::string &key, std::optional<uint32
 // peer that stops reading.
 class RawClient {
 public:
-    // Connects to port, with the socket's receive buffer shrunk to rcvbuf
-    // when nonzero, and shakes hands for service type "data" unless told
-    // not to; the reply is kept in greeting.
+    // Connects to port (receive buffer shrunk to rcvbuf when nonzero) and,
+    // unless told not to, shakes hands for service type "data" (reply: greeting).
     explicit RawClient(uint16_t port, int rcvbuf = 0, bool handshake = true)
         : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
@@ -236,10 +234,8 @@ protected:
     {
         Options options;
         options.max_queue = max_queue;
-        if (GetParam() == "etcd") {
-            options.store = shared_etcd();
-            options.store_prefix = prefix_;
-        }
+        options.store_prefix = prefix_; // the etcd store's
+        if (GetParam() == "etcd") options.store = shared_etcd();
         return options;
     }
     // A service started with options; a failure when it did not start.
@@ -366,7 +362,8 @@ TEST_P(ServiceTest, NotificationsReachAnotherHandleInOrderByTriggerMask)
         EXPECT_EQ(writer.put(k, std::string("v")), 0u);
         EXPECT_EQ(writer.remove(k), 0u);
     }
-    want.insert(want.end(), {"note 1 stored=v", "note 2 removed", "note 1 all=v", "note 2 all", "note 1 keys", "note 2 keys"});
+    want.insert(want.end(), {"note 1 stored=v", "note 2 removed", "note 1 all=v", "note 2 all", "note 1 keys",
+                             "note 2 keys"});
     EXPECT_EQ(show(sub.fence(writer)), want);
 }
 
@@ -476,7 +473,8 @@ TEST_P(ServiceTest, ValuesAreBoundedAndAnswersOverTheBoundArePaced)
 
     // 200 pattern gets, each answered with 9 KiB, sent at once by a client
     // with a small receive buffer: it is served at its pace, never dropped.
-    for (int i = 1; i <= 3; i++) ASSERT_EQ(writer.put("p/" + std::to_string(i), std::string(3000, static_cast<char>('a' + i))), 0u);
+    for (int i = 1; i <= 3; i++)
+        ASSERT_EQ(writer.put("p/" + std::to_string(i), std::string(3000, static_cast<char>('a' + i))), 0u);
     RawClient raw(server_->port(), 4096);
     std::string out;
     for (uint32_t corrid = 1; corrid <= 200; corrid++) out += request(codec::kOpGet, "p/*", corrid);
@@ -518,7 +516,8 @@ TEST_P(EtcdTest, DataOutlivesTheServiceAndInstancesShareItWithoutGapOrDuplicate)
     std::thread writer([&] {
         Client w(*b);
         for (int i = 0; i < kWrites; i++) {
-            EXPECT_EQ(w.put("s/" + std::to_string(1000 + i), std::to_string(i), i % 2 ? HSPACE_PUT_NOREPLY : HSPACE_PUT_SYNC), 0u);
+            EXPECT_EQ(w.put("s/" + std::to_string(1000 + i), std::to_string(i),
+                            i % 2 ? HSPACE_PUT_NOREPLY : HSPACE_PUT_SYNC), 0u);
             if (i == kBeforePost) begun.set_value(); // i even: a reply, after every no-reply put before it
         }
     });
@@ -578,7 +577,8 @@ TEST_P(EtcdTest, FailoverOfAMemberThenAnOutageAndRecovery)
     // etcd back: the same service serves again, with everything written.
     ASSERT_TRUE(etcd.start(kTestBound));
     EXPECT_EQ(c.put("f/4", std::string("four")), 0u);
-    EXPECT_EQ(c.get("f/*", HSPACE_GET_FLAG_KEY_ONLY), (Pairs{{"f/1", ""}, {"f/4", ""}, {"f/three", ""}, {"f/two", ""}}));
+    EXPECT_EQ(c.get("f/*", HSPACE_GET_FLAG_KEY_ONLY),
+              (Pairs{{"f/1", ""}, {"f/4", ""}, {"f/three", ""}, {"f/two", ""}}));
     EXPECT_EQ(c.post("f/*", 0, HSPACE_POST_FLAG_NO_IMAGE), 0u);
     EXPECT_EQ(writer.put("f/5", std::string("five")), 0u);
     EXPECT_TRUE(c.wait_notification("f/5", "five").empty());
