@@ -4,19 +4,14 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <future>
 #include <string>
 #include <thread>
 
-#include <gtest/gtest.h>
-
+#include "client_harness.h"
 #include "kro_cond.h"
 #include "kro_llist.h"
 #include "kro_socket.h"
@@ -24,28 +19,10 @@
 
 namespace {
 
-constexpr int kBoundSeconds = 15; // bound of every test that waits, and of a peer's socket calls
+using hspace::test::Signal;
+using hspace::test::Watchdog; // every test that waits holds one
 
-// Ends the process unless destroyed within the bound: every test that waits
-// holds one, so a hang fails fast instead of blocking on objects in use.
-class Watchdog {
-    std::promise<void> done_;
-    std::thread thread_{[done = done_.get_future()] {
-        if (done.wait_for(std::chrono::seconds(kBoundSeconds)) == std::future_status::ready) return;
-        fputs("watchdog: the test hung\n", stderr);
-        abort();
-    }};
-
-public:
-    ~Watchdog() { done_.set_value(), thread_.join(); }
-};
-
-struct Flag { // a one-shot event
-    std::promise<void> promise;
-    std::future<void> future = promise.get_future();
-    void raise() { promise.set_value(); }
-    void wait() { future.wait(); }
-};
+constexpr int kBoundSeconds = 15; // bound of a peer's socket calls
 
 // What a test shares with the kro threads it starts.
 struct ThreadCtx {
@@ -56,7 +33,7 @@ struct ThreadCtx {
     bool same_at_start = false;               // current() == handle at the entry's first instruction
     t_kro_error self_join = 99, self_destroy = 99;
     t_kro_thread before = NULL, after = NULL; // current() around the self destroy
-    Flag release, done;
+    Signal release, done;
 };
 
 // Peer-side descriptors never block past the bound.
@@ -247,7 +224,7 @@ TEST_F(Connected, ReadFillsTheFreeSpaceAndWriteSendsTheWindow)
 
 TEST_F(Connected, InterruptEndsABlockedReadAndStays)
 {
-    static Flag reading;
+    static Signal reading;
     static t_kro_error result = 99;
     std::thread reader([this] {
         reading.raise();

@@ -1,5 +1,5 @@
 /* The library's wire code, white-box, against the service codec: every
- * encoder, the reply info accessors, the handshake reply decoder, the
+ * encoder, the reply info bits, the handshake reply decoder, the
  * packet reader, the scanner, the filing of subheaders by type. */
 #include "qel_hspace.cpp"
 
@@ -142,26 +142,37 @@ TEST(Encoders, EveryRequestMatchesTheCodec)
     kro_buf_release(&data);
 }
 
-TEST(PacketLayout, ReplyInfoBitLayouts)
+// The reply info words as the codec builds them, byte for byte, and as the
+// codec's and the library's accessors read them (reserved bits 30..27 ignored).
+TEST(PacketLayout, ReplyInfoBits)
 {
     using Info = std::tuple<t_kro_byte, t_kro_bool, uint32_t, uint32_t, uint32_t>; // reply, success, count, num, error
+    using codec::RrSubheader;
+    const uint32_t id = 0xCAFEF00D, max = codec::kMaxCount;
     const struct {
+        RrSubheader rr;
         uint32_t w1, w2;
         Info info;
     } cases[] = {
-        {0x04000001, 0x40000002, Info{1, 1, 10, 2, 0}},
-        {0x00000000, 0xFFFFFFFF, Info{1, 0, 0, 0, 0xFFFFFFFF}},
-        {0x07FFFFFF, 0xE0000000, Info{1, 1, 0x1FFFFFFF, 0, 0}},
-        {0x7C000000, 0x1FFFFFFF, Info{1, 1, 0, 0x1FFFFFFF, 0}}, // reserved bits 30..27 ignored
-        {0x80000000, 0x00000000, Info{0, 0, 0, 0, 0}},          // what a request carries
+        {RrSubheader::success(id, 10, 2), 0x04000001, 0x40000002, Info{1, 1, 10, 2, 0}},
+        {RrSubheader::success(id, max, 0), 0x07FFFFFF, 0xE0000000, Info{1, 1, max, 0, 0}},
+        {RrSubheader::success(id, max, max), 0x07FFFFFF, 0xFFFFFFFF, Info{1, 1, max, max, 0}},
+        {RrSubheader::failure(id, 2), 0, 2, Info{1, 0, 0, 0, 2}},
+        {RrSubheader::failure(id, 0xFFFFFFFF), 0, 0xFFFFFFFF, Info{1, 0, 0, 0, 0xFFFFFFFF}},
+        {RrSubheader{id, 0x7C000000, 0x1FFFFFFF}, 0x7C000000, 0x1FFFFFFF, Info{1, 1, 0, max, 0}},
+        {RrSubheader::request(id), 0x80000000, 0, Info{0, 0, 0, 0, 0}},
     };
     for (const auto &c : cases) {
-        Bytes rr;
-        codec::put_rr_subheader(rr, codec::RrSubheader{0xCAFEF00D, c.w1, c.w2});
+        Bytes rr, words;
+        codec::put_rr_subheader(rr, c.rr);
+        for (uint32_t w : {c.w1, c.w2})
+            for (int shift = 24; shift >= 0; shift -= 8) words += (char)(w >> shift);
+        EXPECT_EQ(words, rr.substr(16, 8)) << c.w1;
+        EXPECT_EQ(c.info, Info(!c.rr.is_request(), c.rr.is_success(), c.rr.count(), c.rr.num(), c.rr.error())) << c.w1;
         t_kro_uint4 corrid = 0, count = 99, num = 99, error = 99;
         t_kro_bool success = 99;
         qel_hspace_pkt_get_reply_info_from_rr_subheader(Ptr(rr), &corrid, &success, &count, &num, &error);
-        EXPECT_EQ(0xCAFEF00Du, corrid);
+        EXPECT_EQ(id, corrid);
         EXPECT_EQ(c.info, Info(qel_hspace_pkt_is_reply(Ptr(rr)), success, count, num, error)) << c.w1;
     }
 }
