@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <string>
@@ -20,9 +19,7 @@
 namespace {
 
 using hspace::test::Signal;
-using hspace::test::Watchdog; // every test that waits holds one
-
-constexpr int kBoundSeconds = 15; // bound of a peer's socket calls
+using hspace::test::Watchdog; // every test that waits holds one, peer-side socket calls included
 
 // What a test shares with the kro threads it starts.
 struct ThreadCtx {
@@ -36,18 +33,9 @@ struct ThreadCtx {
     Signal release, done;
 };
 
-// Peer-side descriptors never block past the bound.
-int bounded(int fd)
-{
-    struct timeval tv = {kBoundSeconds, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    return fd;
-}
-
 // A TCP socket bound to 127.0.0.1 on an ephemeral port; listening unless asked not to.
 struct Listener {
-    explicit Listener(bool listening = true) : fd(bounded(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)))
+    explicit Listener(bool listening = true) : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
         struct sockaddr_in addr = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t len = sizeof addr;
@@ -57,7 +45,7 @@ struct Listener {
         EXPECT_TRUE(!listening || listen(fd, 8) == 0);
     }
     ~Listener() { close(fd); }
-    int accept_one() { return bounded(accept4(fd, NULL, NULL, SOCK_CLOEXEC)); }
+    int accept_one() { return accept4(fd, NULL, NULL, SOCK_CLOEXEC); }
     int fd;
     t_kro_ushort port;
 };
