@@ -1,6 +1,7 @@
 // stress_test.cpp - eight threads run every operation on shared keys of one
 // handle, against a service thread that answers everything (now and then
 // holding a post's reply so a cancel overtakes it), and a close in the middle.
+#include <array>
 #include <map>
 #include <optional>
 #include <random>
@@ -55,13 +56,13 @@ void AnswerEverything(FakeConnection &conn, Signal &enough)
     conn.wait_closed();
 }
 
-struct Worker { // what one application thread did; read after joining
-    int returns = 0;                           // calls that returned
-    std::map<uintptr_t, std::string> issued[2]; // urid -> key of [0] asynchronous gets, [1] posts accepted
-    std::vector<std::string> errors;           // results no operation allows
-};
+// urid -> key and final events of each call accepted: [0] asynchronous gets, [1] posts
+using Issued = std::map<uintptr_t, std::pair<std::string, int>>;
 
-void RunWorker(t_qel_hspace h, int t, Worker &w)
+// One application thread: kIterations calls, each failing the test when it
+// returns a result its operation does not allow; the accepted gets and posts
+// land in issued.
+void RunWorker(t_qel_hspace h, int t, std::array<Issued, 2> &issued)
 {
     std::minstd_rand rng(static_cast<uint32_t>(t) + 1);
     std::string own = "own-" + std::to_string(t);
@@ -85,12 +86,9 @@ void RunWorker(t_qel_hspace h, int t, Worker &w)
         case 7: r = qel_hspace_remove(h, own.c_str(), HSPACE_REMOVE_SYNC, 0), extra = 2; break;
         default: r = qel_hspace_remove(h, own.c_str(), HSPACE_REMOVE_NOREPLY, 0);
         }
-        w.returns++;
         list.clear();
-        if (r != 0 && r != extra && r != 13 && r != 18)
-            w.errors.push_back("thread " + std::to_string(t) + ": operation " + std::to_string(op) + " returned " +
-                               std::to_string(r));
-        if (r == 0 && op >= 3 && op <= 5) w.issued[op != 3][urid] = shared;
+        EXPECT_TRUE(r == 0 || r == extra || r == 13 || r == 18) << "thread " << t << ": operation " << op << " returned " << r;
+        if (r == 0 && op >= 3 && op <= 5) issued[op != 3][urid] = {shared, 0};
     }
 }
 
@@ -104,33 +102,29 @@ TEST(Stress, ManyThreadsOnOneHandleWithACloseInTheMiddle)
     ASSERT_TRUE(c.open());
     Signal enough;
     std::thread service([&] { AnswerEverything(c.conn, enough); });
-    std::vector<Worker> workers(kThreads);
+    std::vector<std::array<Issued, 2>> per_thread(kThreads);
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; t++) threads.emplace_back([&, t] { RunWorker(c.h, t, workers[t]); });
+    for (int t = 0; t < kThreads; t++) threads.emplace_back([&, t] { RunWorker(c.h, t, per_thread[t]); });
     enough.wait(kBound);
     EXPECT_EQ(0u, qel_hspace_close(c.h));
     for (std::thread &t : threads) t.join();
     service.join();
     EXPECT_EQ(0, RequestCount(c.h));
 
-    std::map<uintptr_t, std::string> issued[2]; // [0] asynchronous gets, [1] posts
-    for (const Worker &w : workers) {
-        EXPECT_EQ(kIterations, w.returns);
-        for (const std::string &e : w.errors) ADD_FAILURE() << e;
-        for (int k = 0; k < 2; k++) issued[k].insert(w.issued[k].begin(), w.issued[k].end());
-    }
-    std::map<uintptr_t, int> finals[2];
+    Issued issued[2];
+    for (const auto &w : per_thread)
+        for (int k = 0; k < 2; k++) issued[k].insert(w[k].begin(), w[k].end());
     for (const Event &e : c.events.events()) {
         if (e.type == HSPACE_EVENT_POST_NOTIFICATION) continue;
         int post = e.type == HSPACE_EVENT_POST_IMAGE;
         auto it = issued[post].find(reinterpret_cast<uintptr_t>(e.urid));
         ASSERT_NE(issued[post].end(), it) << "event for urid " << e.urid;
-        EXPECT_EQ(it->second, e.key);
-        if (e.is_final()) finals[post][it->first]++;
+        EXPECT_EQ(it->second.first, e.key);
+        it->second.second += e.is_final();
         EXPECT_TRUE(e.status == 0 || (!post && e.status == 77) || e.status == KRO_ERR_CLOSED) << e.status;
     }
-    for (const auto &g : issued[0]) EXPECT_EQ(1, finals[0][g.first]) << "final events of async get " << g.first;
-    for (const auto &f : finals[1]) EXPECT_EQ(1, f.second) << "final image events of post " << f.first;
+    for (const auto &g : issued[0]) EXPECT_EQ(1, g.second.second) << "final events of async get " << g.first;
+    for (const auto &p : issued[1]) EXPECT_GE(1, p.second.second) << "final image events of post " << p.first;
     EXPECT_LT(0u, issued[0].size());
     EXPECT_LT(0u, issued[1].size());
 }

@@ -4,19 +4,13 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <future>
 #include <string>
 #include <thread>
 
-#include <gtest/gtest.h>
-
+#include "client_harness.h"
 #include "kro_cond.h"
 #include "kro_llist.h"
 #include "kro_socket.h"
@@ -24,28 +18,8 @@
 
 namespace {
 
-constexpr int kBoundSeconds = 15; // bound of every test that waits, and of a peer's socket calls
-
-// Ends the process unless destroyed within the bound: every test that waits
-// holds one, so a hang fails fast instead of blocking on objects in use.
-class Watchdog {
-    std::promise<void> done_;
-    std::thread thread_{[done = done_.get_future()] {
-        if (done.wait_for(std::chrono::seconds(kBoundSeconds)) == std::future_status::ready) return;
-        fputs("watchdog: the test hung\n", stderr);
-        abort();
-    }};
-
-public:
-    ~Watchdog() { done_.set_value(), thread_.join(); }
-};
-
-struct Flag { // a one-shot event
-    std::promise<void> promise;
-    std::future<void> future = promise.get_future();
-    void raise() { promise.set_value(); }
-    void wait() { future.wait(); }
-};
+using hspace::test::Signal;
+using hspace::test::Watchdog; // every test that waits holds one, peer-side socket calls included
 
 // What a test shares with the kro threads it starts.
 struct ThreadCtx {
@@ -56,21 +30,12 @@ struct ThreadCtx {
     bool same_at_start = false;               // current() == handle at the entry's first instruction
     t_kro_error self_join = 99, self_destroy = 99;
     t_kro_thread before = NULL, after = NULL; // current() around the self destroy
-    Flag release, done;
+    Signal release, done;
 };
-
-// Peer-side descriptors never block past the bound.
-int bounded(int fd)
-{
-    struct timeval tv = {kBoundSeconds, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    return fd;
-}
 
 // A TCP socket bound to 127.0.0.1 on an ephemeral port; listening unless asked not to.
 struct Listener {
-    explicit Listener(bool listening = true) : fd(bounded(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)))
+    explicit Listener(bool listening = true) : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
         struct sockaddr_in addr = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t len = sizeof addr;
@@ -80,7 +45,7 @@ struct Listener {
         EXPECT_TRUE(!listening || listen(fd, 8) == 0);
     }
     ~Listener() { close(fd); }
-    int accept_one() { return bounded(accept4(fd, NULL, NULL, SOCK_CLOEXEC)); }
+    int accept_one() { return accept4(fd, NULL, NULL, SOCK_CLOEXEC); }
     int fd;
     t_kro_ushort port;
 };
@@ -247,7 +212,7 @@ TEST_F(Connected, ReadFillsTheFreeSpaceAndWriteSendsTheWindow)
 
 TEST_F(Connected, InterruptEndsABlockedReadAndStays)
 {
-    static Flag reading;
+    static Signal reading;
     static t_kro_error result = 99;
     std::thread reader([this] {
         reading.raise();

@@ -1,5 +1,5 @@
 /* The library's wire code, white-box, against the service codec: every
- * encoder, the reply info accessors, the handshake reply decoder, the
+ * encoder, the reply info bits, the handshake reply decoder, the
  * packet reader, the scanner, the filing of subheaders by type. */
 #include "qel_hspace.cpp"
 
@@ -96,18 +96,13 @@ struct BareHandle {
 // subheader), flag masks, triggers, timeout, value window, empty strings.
 TEST(Encoders, EveryRequestMatchesTheCodec)
 {
-    InitLibrary();
     BareHandle hs;
     hs.h.service_ltp = 9;
     t_qel_hspace h = &hs.h;
     const t_kro_int4 all = -1;
-    t_kro_buf data = NULL;
-    t_qel_hspace_object window = NULL, bare = NULL;
-    kro_buf_create(&data, 12, 0);
-    memcpy(data->ptr, "0123456789AB", 12);
-    data->pos = 3, data->lim = 10;
-    ASSERT_EQ(0u, qel_hspace_object_create("key", data, &window));
-    ASSERT_EQ(0u, qel_hspace_object_create("key", NULL, &bare));
+    UserObject object("key", "0123456789AB"), no_value("key");
+    object.buf->pos = 3, object.buf->lim = 10;
+    t_qel_hspace_object window = object.obj, bare = no_value.obj;
     Bytes handshake, empty;
     codec::encode_handshake_request(handshake, "data", "anonymous", "default");
     codec::encode_handshake_request(empty, "", "", "");
@@ -136,32 +131,40 @@ TEST(Encoders, EveryRequestMatchesTheCodec)
         {remove(h, "", HSPACE_REMOVE_NOREPLY, 7, 0), Req(kOpRemove, kSemNoReply, "", {})},
     };
     for (const auto &c : cases) EXPECT_EQ(c.expected, Take(c.packet)) << &c - cases;
-    EXPECT_TRUE(data->pos == 3 && data->lim == 10 && data->refcount == 1); // read, not moved
-    EXPECT_EQ(0u, qel_hspace_object_destroy(&window));
-    EXPECT_EQ(0u, qel_hspace_object_destroy(&bare));
-    kro_buf_release(&data);
+    EXPECT_TRUE(object.buf->pos == 3 && object.buf->lim == 10 && object.buf->refcount == 1); // read, not moved
 }
 
-TEST(PacketLayout, ReplyInfoBitLayouts)
+// The reply info words as the codec builds them, byte for byte, and as the
+// codec's and the library's accessors read them (reserved bits 30..27 ignored).
+TEST(PacketLayout, ReplyInfoBits)
 {
     using Info = std::tuple<t_kro_byte, t_kro_bool, uint32_t, uint32_t, uint32_t>; // reply, success, count, num, error
+    using codec::RrSubheader;
+    const uint32_t id = 0xCAFEF00D, max = codec::kMaxCount;
     const struct {
+        RrSubheader rr;
         uint32_t w1, w2;
         Info info;
     } cases[] = {
-        {0x04000001, 0x40000002, Info{1, 1, 10, 2, 0}},
-        {0x00000000, 0xFFFFFFFF, Info{1, 0, 0, 0, 0xFFFFFFFF}},
-        {0x07FFFFFF, 0xE0000000, Info{1, 1, 0x1FFFFFFF, 0, 0}},
-        {0x7C000000, 0x1FFFFFFF, Info{1, 1, 0, 0x1FFFFFFF, 0}}, // reserved bits 30..27 ignored
-        {0x80000000, 0x00000000, Info{0, 0, 0, 0, 0}},          // what a request carries
+        {RrSubheader::success(id, 10, 2), 0x04000001, 0x40000002, Info{1, 1, 10, 2, 0}},
+        {RrSubheader::success(id, max, 0), 0x07FFFFFF, 0xE0000000, Info{1, 1, max, 0, 0}},
+        {RrSubheader::success(id, max, max), 0x07FFFFFF, 0xFFFFFFFF, Info{1, 1, max, max, 0}},
+        {RrSubheader::failure(id, 2), 0, 2, Info{1, 0, 0, 0, 2}},
+        {RrSubheader::failure(id, 0xFFFFFFFF), 0, 0xFFFFFFFF, Info{1, 0, 0, 0, 0xFFFFFFFF}},
+        {RrSubheader{id, 0x7C000000, 0x1FFFFFFF}, 0x7C000000, 0x1FFFFFFF, Info{1, 1, 0, max, 0}},
+        {RrSubheader::request(id), 0x80000000, 0, Info{0, 0, 0, 0, 0}},
     };
     for (const auto &c : cases) {
-        Bytes rr;
-        codec::put_rr_subheader(rr, codec::RrSubheader{0xCAFEF00D, c.w1, c.w2});
+        Bytes rr, words;
+        codec::put_rr_subheader(rr, c.rr);
+        for (uint32_t w : {c.w1, c.w2})
+            for (int shift = 24; shift >= 0; shift -= 8) words += (char)(w >> shift);
+        EXPECT_EQ(words, rr.substr(16, 8)) << c.w1;
+        EXPECT_EQ(c.info, Info(!c.rr.is_request(), c.rr.is_success(), c.rr.count(), c.rr.num(), c.rr.error())) << c.w1;
         t_kro_uint4 corrid = 0, count = 99, num = 99, error = 99;
         t_kro_bool success = 99;
         qel_hspace_pkt_get_reply_info_from_rr_subheader(Ptr(rr), &corrid, &success, &count, &num, &error);
-        EXPECT_EQ(0xCAFEF00Du, corrid);
+        EXPECT_EQ(id, corrid);
         EXPECT_EQ(c.info, Info(qel_hspace_pkt_is_reply(Ptr(rr)), success, count, num, error)) << c.w1;
     }
 }
@@ -193,20 +196,36 @@ TEST(HandshakeReply, DecodesTheNameOfExactLengthAndRefusesWhatDoesNotFit)
 }
 
 // The packet reader, on a connection to the fake service.
-// The service sends (bytewise: one byte per write) from another thread, the
-// reader returns the packets in reads; an error: the service then closes,
-// and the next read fails so. size: the read buffer's at the end.
-struct ReaderCase { const char *name; Bytes sent; bool bytewise; std::vector<Bytes> reads; t_kro_error error; t_kro_uint4 size; };
+using Reader = LibraryTest;
 
-class Reader : public LibraryTest {
-protected:
-    void Run(const ReaderCase &c)
-    {
+TEST_F(Reader, AssemblesSplitsAndGrowsOnlyAsBytesArrive)
+{
+    auto object = [](uint32_t corrid, size_t len) {
+        return Pkt(Rr(corrid) + Hs(codec::kOpGet, "k"), 2, codec::kTypeObject, Bytes(len, 'x'));
+    };
+    const Bytes a = object(1, 10), b = object(2, 300), mid = object(3, 9000);
+    const Bytes big = Pkt("", 0, codec::kTypeObject, Bytes(20000 - 40, 'z'));
+    const Bytes exact = Pkt("", 0, codec::kTypeObject, Bytes(HSPACE_PKT_READBUF_SIZE - 40, 'e'));
+    // The service sends (bytewise: one byte per write) from another thread,
+    // the reader returns the packets in reads; an error: the service then
+    // closes, and the next read fails so. size: the read buffer's at the end.
+    const struct { const char *name; Bytes sent; bool bytewise; std::vector<Bytes> reads; t_kro_error error; t_kro_uint4 size; } cases[] = {
+        {"two packets, then the close", a + b, false, {a, b}, KRO_ERR_PEER_CLOSED, 8192},
+        {"one byte per write", a + b, true, {a, b}, 0, 8192},
+        {"doubles twice for 20000 bytes and stays", big + a, false, {big, a}, 0, 32768},
+        {"doubles once for 9000 bytes", mid, false, {mid}, 0, 16384},
+        {"exactly the buffer size", exact + exact, false, {exact, exact}, 0, 8192},
+        {"close mid-packet", a.substr(0, 50), false, {}, KRO_ERR_PEER_CLOSED, 8192},
+        {"1 GiB announced, nothing allocated", Header(HSPACE_PKT_MAX_LEN).substr(0, 8), false, {}, KRO_ERR_PEER_CLOSED, 8192},
+        {"invalid after valid", a + Bytes(8, 0), false, {a}, KRO_ERR_INVALID_PACKET, 8192},
+    };
+    FakeService svc;
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         BareHandle hs;
-        ASSERT_EQ(0u, qel_hspace_socket_create(svc_.url().c_str(), &hs.h.socket));
+        ASSERT_EQ(0u, qel_hspace_socket_create(svc.url().c_str(), &hs.h.socket));
         ASSERT_EQ(0u, kro_socket_connect(hs.h.socket));
-        FakeConnection peer = svc_.accept();
+        FakeConnection peer = svc.accept();
         std::thread writer([&] {
             EXPECT_TRUE(c.bytewise ? peer.send_raw_bytewise(c.sent) : peer.send_raw(c.sent));
             if (c.error != 0) peer.close();
@@ -226,29 +245,6 @@ protected:
         ASSERT_NE(nullptr, hs.h.readbuf);
         EXPECT_EQ(c.size, hs.h.readbuf->size);
     }
-
-    FakeService svc_;
-};
-
-TEST_F(Reader, AssemblesSplitsAndGrowsOnlyAsBytesArrive)
-{
-    auto object = [](uint32_t corrid, size_t len) {
-        return Pkt(Rr(corrid) + Hs(codec::kOpGet, "k"), 2, codec::kTypeObject, Bytes(len, 'x'));
-    };
-    const Bytes a = object(1, 10), b = object(2, 300), mid = object(3, 9000);
-    const Bytes big = Pkt("", 0, codec::kTypeObject, Bytes(20000 - 40, 'z'));
-    const Bytes exact = Pkt("", 0, codec::kTypeObject, Bytes(HSPACE_PKT_READBUF_SIZE - 40, 'e'));
-    const ReaderCase cases[] = {
-        {"two packets, then the close", a + b, false, {a, b}, KRO_ERR_PEER_CLOSED, 8192},
-        {"one byte per write", a + b, true, {a, b}, 0, 8192},
-        {"doubles twice for 20000 bytes and stays", big + a, false, {big, a}, 0, 32768},
-        {"doubles once for 9000 bytes", mid, false, {mid}, 0, 16384},
-        {"exactly the buffer size", exact + exact, false, {exact, exact}, 0, 8192},
-        {"close mid-packet", a.substr(0, 50), false, {}, KRO_ERR_PEER_CLOSED, 8192},
-        {"1 GiB announced, nothing allocated", Header(HSPACE_PKT_MAX_LEN).substr(0, 8), false, {}, KRO_ERR_PEER_CLOSED, 8192},
-        {"invalid after valid", a + Bytes(8, 0), false, {a}, KRO_ERR_INVALID_PACKET, 8192},
-    };
-    for (const ReaderCase &c : cases) Run(c);
 }
 
 // The library's scanner and the codec's framer apply one set of rules:
