@@ -1,8 +1,9 @@
 /*
- * endings_test.cpp - how a connection ends, white-box: the service sending
- * bytes that are no packet, close (and destroy) inside a reply callback,
- * close and destroy inside the link-failure callback. A close from another
- * thread and a dropped connection are in operations/cut_test.cpp.
+ * endings_test.cpp - how a connection ends, white-box: close (and destroy)
+ * inside a reply callback, close and destroy inside the link-failure
+ * callback. Bytes that are no packet are in hostile/hostile_test.cpp; a
+ * close from another thread and a dropped connection are in
+ * operations/cut_test.cpp.
  */
 #include <string.h>
 
@@ -89,51 +90,6 @@ static t_kro_error qel_test_watched_free(void *variable)
 }
 
 namespace {
-
-// A good packet in the same write as the bad bytes is still delivered; the
-// blocked caller and the link failure get the framing error.
-TEST_F(Endings, BytesThatAreNoPacketFailTheLinkWithInvalidPacket)
-{
-    std::string past_end, short_section, short_body;
-    codec::put_header(past_end, 48, 0, 0, 1, codec::kTypeReply);
-    codec::put_preamble(past_end, codec::kTypeRr, 24);
-    past_end.append(16, '\0');
-    codec::put_preamble(past_end, codec::kTypeReply, 8);
-    // A 4-byte rr section whose length field the next section's preamble
-    // overlaps; it frames exactly only if the short section is taken.
-    codec::put_header(short_section, 44, 0, 0, 1, codec::kTypeReply);
-    codec::put_preamble(short_section, codec::kTypeRr, 4);
-    short_section.append("\0\0\0\x08", 4);
-    codec::put_header(short_body, 44, 0, 0, 0, codec::kTypeReply);
-    codec::put_preamble(short_body, codec::kTypeReply, 8);
-    short_body.append(4, '\0'); // wirelen 44: 4 bytes past the body
-    const std::pair<const char *, std::string> inputs[] = {
-        {"bad magic", "GARBAGE!GARBAGE!GARBAGE!GARBAGE!GARBAGE!"},
-        {"sections past wirelen", past_end},
-        {"section shorter than a preamble", short_section},
-        {"sections short of wirelen", short_body}};
-    FakeService svc;
-    for (const auto &input : inputs) {
-        SCOPED_TRACE(input.first);
-        Client c(svc);
-        ASSERT_TRUE(c.open());
-        Call remove([&] { return qel_hspace_remove(c.h, "k", HSPACE_REMOVE_SYNC, 0); });
-        c.conn.next_packet();
-        c.conn.batch();
-        c.conn.notify("before", 2);
-        c.conn.send_raw(input.second);
-        ASSERT_TRUE(c.conn.flush());
-        EXPECT_EQ(KRO_ERR_INVALID_PACKET, remove.result());
-        ASSERT_TRUE(c.events.wait_count(2));
-        EXPECT_EQ(HSPACE_STATE_FAILED, State(c.h));
-        EXPECT_EQ(0u, qel_hspace_close(c.h)); // joins the reader: no event follows
-        std::vector<Event> ev = c.events.events();
-        ASSERT_EQ(2u, ev.size());
-        EXPECT_EQ(HSPACE_EVENT_POST_NOTIFICATION, ev[0].type);
-        EXPECT_EQ(HSPACE_EVENT_LINK_FAIL, ev[1].type);
-        EXPECT_EQ(KRO_ERR_INVALID_PACKET, ev[1].status);
-    }
-}
 
 // Close (and, with destroy, destroy) inside the first reply callback: the
 // packet in hand is finished, the next one buffered is never processed, the
