@@ -77,6 +77,24 @@ typedef enum qel_hspace_remove_semantic {
 #define HSPACE_POST_FLAG_NO_IMAGE 0x2  /* no initial image */
 #define HSPACE_POST_FLAG_KEY_ONLY 0x4  /* image and notifications without values */
 
+/* Statuses the service answers with besides the library's own codes
+ * (2 no match, 12 invalid argument, 14 not supported, 20 exists); each has
+ * a text in qel_hspace_error_get_text. */
+#define HSPACE_STATUS_STORE_UNAVAILABLE 1101u   /* the service cannot reach its store; retry later */
+#define HSPACE_STATUS_STORE_TIMEOUT 1102u       /* the service's store did not answer in time */
+#define HSPACE_STATUS_STORE_TOO_LARGE 1103u     /* the value is larger than the service's store accepts */
+#define HSPACE_STATUS_PERMISSION_DENIED 1104u   /* the client's groups may not do this to this key */
+#define HSPACE_STATUS_IDENTITY_REFUSED 1105u    /* the handshake claims a name or group the client's certificate does not hold */
+#define HSPACE_STATUS_TOO_MANY_SUBSCRIPTIONS 1106u /* the connection holds as many subscriptions as the service allows */
+#define HSPACE_STATUS_CONNECTION_LIMIT 1107u    /* the service serves as many connections as it allows */
+
+/* The trigger of a change notification (the mask of qel_hspace_post
+ * selects stored and removed by these bits; 0 selects both). */
+#define HSPACE_TRIGGER_STORED 1  /* a put stored the key */
+#define HSPACE_TRIGGER_REMOVED 2 /* a remove deleted the key */
+#define HSPACE_TRIGGER_ENDED 4   /* the service ended the subscription of the notification's key; its
+                                    value, when there is one, says why */
+
 typedef enum qel_hspace_event {
     HSPACE_EVENT_LINK_FAIL = 1,        /* t_qel_hspace_fail_event_data_struct */
     HSPACE_EVENT_GET_REPLY = 2,        /* t_qel_hspace_reply_image_event_data_struct */

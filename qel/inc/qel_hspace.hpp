@@ -47,6 +47,19 @@ enum class error : int {
     would_deadlock = KRO_ERR_WOULD_DEADLOCK, // a blocking call from the Client's own callback
     not_connected = KRO_ERR_NOT_CONNECTED,   // the link is down and being re-established
     timeout = KRO_ERR_TIMEOUT,               // the call's deadline passed
+    tls_handshake = KRO_ERR_TLS_HANDSHAKE,   // no TLS peer, or no common version or cipher
+    tls_verify = KRO_ERR_TLS_VERIFY,         // the service's certificate failed verification
+    tls_client_cert = KRO_ERR_TLS_CLIENT_CERT, // the service wants a client certificate, or refused ours
+    tls_config = KRO_ERR_TLS_CONFIG,         // a CA, certificate or key file could not be used
+    tls_timeout = KRO_ERR_TLS_TIMEOUT,       // the TLS handshake did not finish in time
+    // Statuses of the service.
+    store_unavailable = HSPACE_STATUS_STORE_UNAVAILABLE, // the service cannot reach its store
+    store_timeout = HSPACE_STATUS_STORE_TIMEOUT,         // the store did not answer in time
+    store_too_large = HSPACE_STATUS_STORE_TOO_LARGE,     // the value is larger than the store accepts
+    permission_denied = HSPACE_STATUS_PERMISSION_DENIED, // the client's groups may not do this here
+    identity_refused = HSPACE_STATUS_IDENTITY_REFUSED,   // the claimed name or group is not the certificate's
+    too_many_subscriptions = HSPACE_STATUS_TOO_MANY_SUBSCRIPTIONS,
+    connection_limit = HSPACE_STATUS_CONNECTION_LIMIT,
 };
 
 // The category of every code the library, the runtime or the service

@@ -65,6 +65,11 @@ typedef int32_t t_kro_bool;     /* 0 false, anything else true (the library writ
 #define KRO_ERR_OS 1008u             /* an operating-system call failed (see kro_em_os_error_get) */
 #define KRO_ERR_TIMEOUT 1009u        /* a timed wait ran out */
 #define KRO_ERR_NO_MEMORY 1010u      /* an allocation failed */
+#define KRO_ERR_TLS_HANDSHAKE 1011u  /* the TLS handshake failed: no TLS peer, no common version or cipher */
+#define KRO_ERR_TLS_VERIFY 1012u     /* the service's certificate failed verification (chain, expiry or name) */
+#define KRO_ERR_TLS_CLIENT_CERT 1013u /* the service asked for a client certificate, or refused the one sent */
+#define KRO_ERR_TLS_CONFIG 1014u     /* a CA, certificate or key file could not be read or used */
+#define KRO_ERR_TLS_TIMEOUT 1015u    /* the TLS handshake did not finish before the deadline */
 
 /* Start and stop the runtime. kro_initialize takes the value 1; any other
  * value is accepted and means the same. */

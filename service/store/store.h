@@ -34,7 +34,9 @@ struct Options;
 
 // Statuses a store completes with (the client library's codes).
 constexpr uint32_t kStatusNoMatch = 2;           // nothing stored under the key
-constexpr uint32_t kStatusStoreUnavailable = 1007; // the store cannot be reached or failed; retry later
+constexpr uint32_t kStatusStoreUnavailable = 1101; // the store cannot be reached or failed; retry later
+constexpr uint32_t kStatusStoreTimeout = 1102;   // the store did not answer within --store-timeout
+constexpr uint32_t kStatusStoreTooLarge = 1103;  // the store refuses a value of this size
 
 // Trigger values of changes; a post's mask selects them by these bits.
 constexpr uint8_t kTriggerStored = 1;            // a put stored the key

@@ -79,6 +79,20 @@ extern "C" KRO_API t_kro_error qel_hspace_error_get_text(t_kro_error error, cons
     case KRO_ERR_OS: *text = "operating system error"; break;
     case KRO_ERR_TIMEOUT: *text = "timed out"; break;
     case KRO_ERR_NO_MEMORY: *text = "out of memory"; break;
+    case KRO_ERR_TLS_HANDSHAKE: *text = "TLS handshake failed"; break;
+    case KRO_ERR_TLS_VERIFY: *text = "certificate verify failed"; break;
+    case KRO_ERR_TLS_CLIENT_CERT: *text = "the service asked for a client certificate, or refused ours"; break;
+    case KRO_ERR_TLS_CONFIG: *text = "a TLS certificate, key or CA file could not be used"; break;
+    case KRO_ERR_TLS_TIMEOUT: *text = "TLS handshake timed out"; break;
+    case HSPACE_STATUS_STORE_UNAVAILABLE: *text = "the service's store is unavailable"; break;
+    case HSPACE_STATUS_STORE_TIMEOUT: *text = "the service's store did not answer in time"; break;
+    case HSPACE_STATUS_STORE_TOO_LARGE: *text = "the value is too large for the service's store"; break;
+    case HSPACE_STATUS_PERMISSION_DENIED: *text = "permission denied"; break;
+    case HSPACE_STATUS_IDENTITY_REFUSED:
+        *text = "the service refused the client's name or group: its certificate does not hold them";
+        break;
+    case HSPACE_STATUS_TOO_MANY_SUBSCRIPTIONS: *text = "too many subscriptions on the connection"; break;
+    case HSPACE_STATUS_CONNECTION_LIMIT: *text = "the service is at its connection limit"; break;
     default: *text = "error status reported by the service"; break;
     }
     return 0;
