@@ -2,7 +2,7 @@
  * main.cpp - hspaced, the reference hspace service as a program.
  *
  * Listens until SIGINT or SIGTERM, then closes every connection and exits
- * 0. Prints "hspaced listening on tcp://HOST:PORT" on stdout once it
+ * 0; SIGHUP asks the service to reload its configuration files. Prints "hspaced listening on tcp://HOST:PORT" on stdout once it
  * listens (so a script can learn the port chosen for --port 0) and one
  * line per connection event on stderr. Exit status: 0 stopped by a signal,
  * 1 cannot listen or use the store, 2 usage error.
@@ -15,7 +15,9 @@
 #include <stdio.h>
 #include <stdint.h>
 #include <string.h>
+#include <sys/resource.h>
 
+#include <functional>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -45,11 +47,20 @@ const char kFooter[] =
     "  wait.\n"
     "  With --store etcd://, etcd's own limit on a request (--max-request-bytes,\n"
     "  1.5 MiB by default) also bounds values: a put over it is answered with 12.\n"
+    "  What any client can make the service hold is bounded: a packet longer than\n"
+    "  a handshake can be (196655 bytes) before the handshake, or than --max-queue\n"
+    "  plus 65621 bytes after it, closes the connection as soon as its header is in;\n"
+    "  --max-memory bounds the read buffers and unsent packets of all connections\n"
+    "  together (past half of it, a connection holding more than its share reads no\n"
+    "  request until it has sent; past it, the connection holding the most is\n"
+    "  dropped); --max-connections, --max-subscriptions and --handshake-timeout\n"
+    "  bound the rest. Out of file descriptors, accepting pauses with backoff.\n"
     "\n"
     "Output:\n"
     "  Prints \"hspaced listening on tcp://HOST:PORT\" on standard output when ready, one\n"
-    "  line per connection event on standard error (unless --quiet), and stops cleanly\n"
-    "  on SIGINT or SIGTERM.\n"
+    "  line per connection event on standard error (unless --quiet; lines about\n"
+    "  refused and dropped connections are rate-limited), and stops cleanly on SIGINT\n"
+    "  or SIGTERM. SIGHUP reloads the configuration files (none yet: it is logged).\n"
     "\n"
     "Exit status:\n"
     "  0 stopped by SIGINT or SIGTERM, 1 cannot listen or use the store, 2 usage error.";
@@ -101,6 +112,37 @@ std::string check_number(const std::string &text, unsigned long long min, unsign
     return std::string();
 }
 
+// Checks a number of seconds: digits with an optional fraction (5, 0.5),
+// at most 86400. Empty text when it is one, else why not.
+std::string check_seconds(const std::string &text)
+{
+    size_t digits = text.find_first_not_of("0123456789"), point = text.find('.');
+    bool decimal = digits != 0 && (digits == std::string::npos ||
+                                   (digits == point && point + 1 < text.size() &&
+                                    text.find_first_not_of("0123456789", point + 1) == std::string::npos));
+    if (!decimal) return "'" + text + "' is not a number of seconds (like 5 or 0.5)";
+    size_t whole = digits == std::string::npos ? text.size() : digits;
+    if (whole > 5 || std::stod(text) > 86400) return text + " is out of range; at most 86400 seconds";
+    return std::string();
+}
+
+// Raises the soft limit on open descriptors toward the hard one, enough for
+// max_connections and some to spare; says so when it stays under that.
+void raise_descriptor_limit(size_t max_connections, bool log)
+{
+    const rlim_t want = static_cast<rlim_t>(max_connections) + 64;
+    struct rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= want) return;
+    rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = limit.rlim_max == RLIM_INFINITY ? want : std::min(want, limit.rlim_max);
+    if (limit.rlim_cur > before && setrlimit(RLIMIT_NOFILE, &limit) != 0) limit.rlim_cur = before;
+    if (limit.rlim_cur < want && log)
+        fprintf(stderr,
+                "hspaced: the limit of %llu open descriptors is under --max-connections %zu plus 64: past it, "
+                "accepting fails and pauses\n",
+                static_cast<unsigned long long>(limit.rlim_cur), max_connections);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -110,6 +152,9 @@ int main(int argc, char **argv)
     options.log = true;
     bool quiet = false;
     std::string port = std::to_string(options.port), max_queue = std::to_string(options.max_queue);
+    std::string max_memory = std::to_string(options.max_memory);
+    std::string handshake_timeout = "5", max_connections = std::to_string(options.max_connections);
+    std::string max_subscriptions = std::to_string(options.max_subscriptions);
 
     CLI::App app(kDescription, "hspaced");
     app.footer(kFooter);
@@ -130,6 +175,24 @@ int main(int argc, char **argv)
                    "bytes that may wait to be sent to one client; also bounds the values accepted (default 67108864)")
         ->option_text("BYTES")
         ->check([](const std::string &text) { return check_number(text, 1024, SIZE_MAX >> 1); });
+    app.add_option("--max-memory", max_memory,
+                   "bytes that the read buffers and unsent packets of all clients may hold together; past half of "
+                   "it a client holding more than its share waits, past it the one holding the most is dropped "
+                   "(default 1073741824)")
+        ->option_text("BYTES")
+        ->check([](const std::string &text) { return check_number(text, 1 << 20, SIZE_MAX >> 1); });
+    app.add_option("--max-connections", max_connections,
+                   "clients served at once; one more is answered with status 1107 and closed (default 10000)")
+        ->option_text("N")
+        ->check([](const std::string &text) { return check_number(text, 1, 10000000); });
+    app.add_option("--max-subscriptions", max_subscriptions,
+                   "subscriptions one client may hold; a post over it is answered with status 1106 (default 10000)")
+        ->option_text("N")
+        ->check([](const std::string &text) { return check_number(text, 1, UINT32_MAX); });
+    app.add_option("--handshake-timeout", handshake_timeout,
+                   "seconds a new client has to send its handshake before it is closed; 0: no limit (default 5)")
+        ->option_text("SECONDS")
+        ->check([](const std::string &text) { return check_seconds(text); });
     app.add_option("--store", options.store,
                    "where the objects live: memory (default) or etcd://HOST:PORT[,HOST:PORT...], every member of "
                    "an etcd cluster, tried in turn")
@@ -152,6 +215,12 @@ int main(int argc, char **argv)
     }
     options.port = static_cast<uint16_t>(std::stoul(port));
     options.max_queue = static_cast<size_t>(std::stoull(max_queue));
+    options.max_memory = static_cast<size_t>(std::stoull(max_memory));
+    options.max_connections = static_cast<size_t>(std::stoull(max_connections));
+    options.max_subscriptions = static_cast<size_t>(std::stoull(max_subscriptions));
+    // A nonzero timeout is at least 1 ms: 0 would mean no limit.
+    double seconds = std::stod(handshake_timeout);
+    options.handshake_timeout_ms = seconds == 0 ? 0 : std::max(1u, static_cast<unsigned>(seconds * 1000));
     options.log = !quiet;
 
     // A host name is resolved here, to IPv4 only, so that the URL printed
@@ -170,15 +239,12 @@ int main(int argc, char **argv)
         options.host = results.begin()->endpoint().address().to_string();
     }
 
-    // The signal set is in place before any thread exists, so SIGINT and
-    // SIGTERM reach it from the first moment the service listens.
+    // The signal set is in place before any thread exists, so SIGINT,
+    // SIGTERM and SIGHUP reach it from the first moment the service listens.
     asio::io_context signals_io;
-    asio::signal_set signals(signals_io, SIGINT, SIGTERM);
-    int caught = 0;
-    signals.async_wait([&caught](const asio::error_code &error, int signo) {
-        if (!error) caught = signo;
-    });
+    asio::signal_set signals(signals_io, SIGINT, SIGTERM, SIGHUP);
     signal(SIGPIPE, SIG_IGN);
+    raise_descriptor_limit(options.max_connections, options.log);
 
     hspace::service::Server server(options);
     std::string error;
@@ -191,6 +257,19 @@ int main(int argc, char **argv)
         return 1;
     }
 
+    // SIGHUP reloads and waits on; SIGINT or SIGTERM ends the wait.
+    int caught = 0;
+    std::function<void(const asio::error_code &, int)> on_signal = [&](const asio::error_code &e, int signo) {
+        if (e) return;
+        if (signo != SIGHUP) {
+            caught = signo;
+            return;
+        }
+        if (options.log) fprintf(stderr, "hspaced: SIGHUP, reloading\n");
+        server.reload();
+        signals.async_wait(on_signal);
+    };
+    signals.async_wait(on_signal);
     signals_io.run();
     if (options.log) fprintf(stderr, "hspaced: %s, stopping\n", caught == SIGINT ? "SIGINT" : "SIGTERM");
     server.stop();

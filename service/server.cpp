@@ -14,14 +14,28 @@
  * its own answers pace it and never disconnect it; only unsent
  * notifications over max_queue do.
  *
+ * What a stranger can make the service hold is bounded: connections
+ * (max_connections, each refused one closed at once), the time to the
+ * handshake (handshake_timeout_ms), a packet's length (checked at its
+ * header: a handshake's longest, or max_queue plus a key and headers),
+ * subscriptions per connection (max_subscriptions), and the bytes all
+ * connections hold (max_memory: see Engine::trim and Connection::backlogged).
+ * A failing accept (no descriptor left) pauses accepting, with backoff.
+ *
  * Bytes on the wire are framed, decoded and encoded by the hspace codec.
  */
 #include "server.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
+#include <sys/socket.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <chrono>
 #include <deque>
 #include <map>
 #include <optional>
@@ -33,6 +47,7 @@
 #include <asio.hpp>
 
 #include "hspace_codec.h"
+#include "read_buffer.h"
 #include "store/store.h"
 
 namespace hspace {
@@ -45,9 +60,29 @@ namespace {
 constexpr uint32_t kStatusTooLarge = 12;       // a put's value could never be sent back under max_queue
 constexpr uint32_t kStatusNotSupported = 14;   // unknown opcode
 constexpr uint32_t kStatusExists = 20;         // the connection already subscribes to the key
+constexpr uint32_t kStatusTooManySubscriptions = 1106; // the connection holds max_subscriptions already
+constexpr uint32_t kStatusConnectionLimit = 1107; // answers the handshake of a connection over max_connections
 
-constexpr size_t kReadChunk = 64 * 1024;       // bytes asked of each read
 constexpr size_t kMaxGather = 64;              // queued packets handed to one write
+
+// The longest handshake request the codec can carry: packet header, body
+// preamble, the two fixed fields and three strings of kMaxString bytes with
+// their 16-bit lengths (196,655 bytes). A longer first packet is refused at
+// its header.
+constexpr size_t kMaxHandshake = codec::kHeaderSize + codec::kPreambleSize + 4 + 3 * (2 + codec::kMaxString);
+// Headers of a request with a key: packet header, hspace subheader without
+// its key, rr subheader, body preamble (86 bytes).
+constexpr size_t kRequestHeaders =
+    codec::kHeaderSize + codec::kHspaceSectionBase + codec::kRrSectionSize + codec::kPreambleSize;
+
+// Pauses of the accept loop while accepting fails, doubling from the first.
+constexpr std::chrono::milliseconds kAcceptPauseFirst{10};
+constexpr std::chrono::milliseconds kAcceptPauseMax{1000};
+
+// Log lines about refused and dropped connections: at most kLogBurst of a
+// kind per kLogWindow; the rest are counted and summed up in one line.
+constexpr unsigned kLogBurst = 5;
+constexpr std::chrono::seconds kLogWindow{1};
 
 using Bytes = std::shared_ptr<const std::string>; // an encoded packet, shared between subscribers
 
@@ -122,6 +157,21 @@ struct Op {
 
 class Connection;
 
+// The kinds of log line that a stranger can make repeat: each is
+// rate-limited on its own (Engine::log_limited), so that one flood does not
+// hide the others.
+enum class Repeat {
+    AcceptError,                               // an accept failed for the connection's own sake
+    OverCap,                                   // a connection refused over max_connections
+    NoDescriptor,                              // a connection refused for want of a descriptor
+    Invalid,                                   // a connection closed for an invalid packet
+    Oversized,                                 // a connection closed for a length over the bound
+    Slow,                                      // a connection dropped for unsent notifications
+    Memory,                                    // a connection dropped over max_memory
+    Timeout,                                   // a connection closed for no handshake in time
+    Count
+};
+
 } // namespace
 
 // The listener, the connections and the store. Everything but start(),
@@ -133,8 +183,30 @@ public:
     bool start(std::string *error);
     void stop();
 
-    // I/O thread: the connection asks to be forgotten (it has closed).
-    void forget(uint64_t id, const std::string &why);
+    // I/O thread: c asks to be forgotten (it has closed) for why; logged
+    // as one of the kind of line repeat when it is one, else as an event.
+    void forget(const Connection &c, const std::string &why, std::optional<Repeat> repeat);
+    // I/O thread: one line of a kind a stranger can make repeat, rate-limited.
+    void log_limited(Repeat kind, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+    // I/O thread: n more bytes held by some connection (read buffers, unsent
+    // packets), or n fewer.
+    void hold(size_t n);
+    void unhold(size_t n);
+    // I/O thread: while over max_memory, drops the connection holding the
+    // most, until under. May close any connection, the caller's too: only
+    // where no loop over connections or subscriptions runs.
+    void trim();
+    // I/O thread: more than half of max_memory is held; a connection's fair
+    // share of it then.
+    bool memory_tight() const { return memory_ > options_.max_memory / 2; }
+    size_t fair_share() const { return options_.max_memory / (2 * std::max<size_t>(conns_.size(), 1)); }
+    // I/O thread: the hook of reload(): rereads the configuration files.
+    void reload();
+    // Any thread: runs reload() on the I/O thread, while it runs.
+    void post_reload()
+    {
+        if (thread_.joinable()) asio::post(io_, [this] { reload(); });
+    }
     // I/O thread: one decoded packet from a connection.
     void handle(Connection &c, const codec::Packet &p);
     // I/O thread: one line on stderr when logging is on.
@@ -150,12 +222,22 @@ public:
     void on_feed_ended(const std::string &why) override;
 
     const Options options_;                    // as given; read-only
+    // The longest packet a connection may announce after its handshake: a
+    // put of the longest key whose value is max_queue, which is answered
+    // with kStatusTooLarge; a longer one closes the connection at its header.
+    const size_t request_limit_ = std::min<size_t>(options_.max_queue + codec::kMaxString + kRequestHeaders,
+                                                   codec::kMaxPacket);
     Stats stats_;                              // counters, any thread
     uint16_t port_ = 0;                        // listening port; set by start() before the thread
     std::string host_;                         // listening address as text; set by start()
 
 private:
     void accept();
+    void admit(asio::ip::tcp::socket socket);
+    void refuse(asio::ip::tcp::socket socket, Repeat kind, const char *why);
+    void accept_failed(const asio::error_code &ec);
+    void expire_handshakes();
+    void flush_log_limits();
     void shutdown();
     void send_objects(Connection &c, uint32_t corrid, uint8_t opcode, bool key_only,
                       const std::vector<ObjectView> &objects);
@@ -168,6 +250,29 @@ private:
     bool started_ = false;                     // owning thread: start() succeeded once
     uint64_t next_id_ = 1;                     // I/O thread: id of the next connection
     std::map<uint64_t, std::shared_ptr<Connection>> conns_; // I/O thread: open connections by id
+
+    // I/O thread, the connection limits.
+    size_t memory_ = 0;                        // bytes held by all connections (Stats::memory's source)
+    asio::steady_timer accept_timer_{io_};     // ends a pause of the accept loop
+    std::chrono::milliseconds accept_pause_{0}; // the current pause; 0 while accepting works
+    uint64_t accept_failures_ = 0;             // failed accepts in the current pause episode
+    uint64_t accept_refusals_ = 0;             // connections accepted with the spare and closed in it
+    int spare_fd_ = -1;                        // a descriptor held back: given up to accept and close a
+                                               // connection while the process has none left
+    asio::steady_timer handshake_timer_{io_};  // fires at the first deadline of awaiting_
+    bool handshake_timer_armed_ = false;       // handshake_timer_ waits
+    // Connections by handshake deadline, which is their accept order; an
+    // entry whose connection has shaken hands or gone is skipped when due.
+    std::deque<std::pair<std::chrono::steady_clock::time_point, uint64_t>> awaiting_;
+    struct LogLimit {
+        std::chrono::steady_clock::time_point since; // start of the current window
+        unsigned printed = 0;                  // lines printed in it
+        uint64_t suppressed = 0;               // lines counted, not printed, in it
+    };
+    std::array<LogLimit, static_cast<size_t>(Repeat::Count)> log_limits_; // by Repeat
+    asio::steady_timer log_timer_{io_};        // sums up suppressed lines when a window ends
+    bool log_timer_armed_ = false;             // log_timer_ waits
+    bool trim_posted_ = false;                 // a trim() is posted
     size_t subscriptions_ = 0;                 // I/O thread: subscriptions of all connections
     bool following_ = false;                   // I/O thread: the store's feed is asked for
     // Declared after io_: destroyed first, while the context its calls
@@ -181,13 +286,20 @@ namespace {
 // asynchronous operation holds it. I/O thread only.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
-    Connection(Engine &engine, asio::ip::tcp::socket socket, uint64_t id)
-        : engine_(engine), socket_(std::move(socket)), id_(id)
+    Connection(Engine &engine, asio::ip::tcp::socket socket, uint64_t id, const asio::ip::tcp::endpoint &peer)
+        : engine_(engine), socket_(std::move(socket)), id_(id), peer_(peer)
     {
     }
 
     uint64_t id() const { return id_; }
     bool closed() const { return closed_; }
+    // The client's address and port, as accepted.
+    const asio::ip::tcp::endpoint &peer() const { return peer_; }
+    // Bytes the connection holds, counted in the engine's memory: its read
+    // buffer and its unsent packets. 0 once closed.
+    size_t footprint() const { return closed_ ? 0 : in_.capacity() + queued_; }
+    // Bytes waiting to be sent to it.
+    size_t unsent() const { return queued_; }
 
     // Starts reading.
     void start() { read(); }
@@ -204,10 +316,15 @@ public:
     void notify(Bytes bytes) { queue(std::move(bytes), true); }
 
     // Closes the socket (once) and leaves the engine's table. abortive
-    // resets the connection instead of letting the kernel drain it.
-    void close(const std::string &why, bool abortive = false)
+    // resets the connection instead of letting the kernel drain it. repeat
+    // names the kind of log line when a stranger could make the close
+    // repeat (rate-limited); none logs it as a connection event.
+    void close(const std::string &why, bool abortive = false, std::optional<Repeat> repeat = std::nullopt)
     {
         if (closed_) return;
+        // Its buffers go with the object, once its aborted operations have
+        // returned; they are not counted from here on.
+        engine_.unhold(footprint());
         closed_ = true;
         asio::error_code ignored;
         if (abortive) socket_.set_option(asio::socket_base::linger(true, 0), ignored);
@@ -216,7 +333,7 @@ public:
         subs.clear();
         folded.clear();
         held.clear();
-        engine_.forget(id_, why);
+        engine_.forget(*this, why, repeat);
         engine_.dropped_subscriptions(n);
     }
 
@@ -247,72 +364,110 @@ public:
     std::unordered_set<std::string> folded;    // fold_key of every key in subs: a post's duplicate test
     Op op;                                     // the request of the outstanding store call
     std::vector<Held> held;                    // changes held while a post is starting
+    bool warned_subscriptions = false;         // a post over max_subscriptions was logged
 
 private:
     void queue(Bytes bytes, bool notification)
     {
         if (closed_) return;
-        queued_ += bytes->size();
-        if (notification) notified_ += bytes->size();
+        size_t n = bytes->size();
+        queued_ += n;
+        if (notification) notified_ += n;
         out_.push_back(Outbound{std::move(bytes), notification});
+        engine_.hold(n);
         if (notified_ > engine_.options_.max_queue) {
             engine_.stats_.dropped_slow++;
-            close("outbound queue over " + std::to_string(engine_.options_.max_queue) + " bytes", true);
+            close("outbound queue over " + std::to_string(engine_.options_.max_queue) + " bytes", true,
+                  Repeat::Slow);
             return;
         }
         if (in_flight_ == 0) write();
     }
 
-    bool backlogged() const { return queued_ > engine_.options_.max_queue; }
-
-    void read()
+    // No request is handled while this holds: more than max_queue bytes
+    // unsent, or, while the service holds over half of max_memory, more
+    // than this connection's share of it. It holds only while a write is
+    // outstanding, whose completion (on_write) looks again.
+    bool backlogged() const
     {
-        reading_ = true;
-        size_t have = in_.size();
-        in_.resize(have + kReadChunk);
-        auto self = shared_from_this();
-        socket_.async_read_some(asio::buffer(&in_[have], kReadChunk),
-                                [self, have](const asio::error_code &ec, size_t n) { self->on_read(ec, have, n); });
+        if (queued_ > engine_.options_.max_queue) return true;
+        return queued_ > engine_.fair_share() && engine_.memory_tight();
     }
 
-    void on_read(const asio::error_code &ec, size_t have, size_t n)
+    // Reads into the space the read buffer offers (see ReadBuffer). Not
+    // while a read is outstanding.
+    void read()
+    {
+        size_t before = in_.capacity(), space = 0;
+        uint8_t *at = in_.prepare(&space);
+        if (in_.capacity() > before)
+            engine_.hold(in_.capacity() - before);
+        else
+            engine_.unhold(before - in_.capacity());
+        reading_ = true;
+        auto self = shared_from_this();
+        socket_.async_read_some(asio::buffer(at, space),
+                                [self](const asio::error_code &ec, size_t n) { self->on_read(ec, n); });
+    }
+
+    void on_read(const asio::error_code &ec, size_t n)
     {
         reading_ = false;
         if (closed_) return;
-        in_.resize(have + n);
         if (ec) {
             close(ec == asio::error::eof ? std::string("peer closed") : ec.message());
             return;
         }
+        in_.commit(n);
         pump();
     }
 
     // Serves the complete requests in in_ until one waits for the store or
-    // the outbound queue is over max_queue, then reads more if neither holds.
+    // the connection is backlogged, then reads more if neither holds.
     // Whatever stops it calls again: resume() when the store call completes,
-    // on_write once the queue is back under max_queue. Not reentrant: a store
-    // call completed inside handle() lets the loop below go on.
+    // on_write once no longer backlogged. Not reentrant: a store call
+    // completed inside handle() lets the loop below go on. Never runs while
+    // a read is outstanding (reads start only here and in on_write, when
+    // neither busy nor backlogged). A packet is refused as soon as its
+    // header's length is in: no longer than a handshake can be before the
+    // handshake, than the engine's request_limit_ after it.
     void pump()
     {
         if (pumping_ || closed_) return;
         pumping_ = true;
         size_t off = 0;
         while (!closed_ && !busy_ && !backlogged()) {
-            const uint8_t *data = reinterpret_cast<const uint8_t *>(in_.data()) + off;
-            codec::FrameResult f = codec::frame(data, in_.size() - off);
+            const uint8_t *data = in_.data() + off;
+            size_t avail = in_.size() - off;
+            if (avail >= ReadBuffer::kLengthEnd) {
+                size_t wire = ReadBuffer::announced_at(data);
+                size_t limit = handshaken ? engine_.request_limit_ : kMaxHandshake;
+                if (wire > limit) {
+                    engine_.stats_.dropped_invalid++;
+                    close("a packet of " + std::to_string(wire) + " bytes announced, over the " +
+                              std::to_string(limit) + " bytes " +
+                              (handshaken ? "a request may have" : "a handshake may have"),
+                          true, Repeat::Oversized);
+                    return;
+                }
+            }
+            codec::FrameResult f = codec::frame(data, avail);
             if (f.status == codec::FrameStatus::NeedMore) break;
             codec::Packet p;
             if (f.status == codec::FrameStatus::Invalid || !codec::decode(data, f.wirelen, p)) {
                 engine_.stats_.dropped_invalid++;
-                close("invalid packet");
+                close("invalid packet", false, Repeat::Invalid);
                 return;
             }
             off += f.wirelen;
             engine_.handle(*this, p);
+            engine_.trim();
         }
         pumping_ = false;
         if (closed_) return;
-        in_.erase(0, off);
+        size_t before = in_.capacity();
+        in_.consume(off);
+        engine_.unhold(before - in_.capacity());
         if (!busy_ && !reading_ && !backlogged()) read();
     }
 
@@ -320,7 +475,7 @@ private:
     void write()
     {
         std::vector<asio::const_buffer> buffers;
-        for (size_t i = 0; i < out_.size() && i < kMaxGather; i++)
+        for (size_t i = out_head_; i < out_.size() && buffers.size() < kMaxGather; i++)
             buffers.push_back(asio::buffer(*out_[i].bytes));
         in_flight_ = buffers.size();
         auto self = shared_from_this();
@@ -334,29 +489,48 @@ private:
             close(ec.message());
             return;
         }
-        for (; in_flight_ > 0; in_flight_--) {
-            queued_ -= out_.front().bytes->size();
-            if (out_.front().notification) notified_ -= out_.front().bytes->size();
-            out_.pop_front();
+        size_t sent = 0;
+        for (; in_flight_ > 0; in_flight_--, out_head_++) {
+            Outbound &o = out_[out_head_];
+            sent += o.bytes->size();
+            if (o.notification) notified_ -= o.bytes->size();
+            o.bytes.reset();
         }
-        if (!out_.empty()) write();
-        // pump() stopped at the bound with no read outstanding: go on.
+        queued_ -= sent;
+        engine_.unhold(sent);
+        // The queue's vector is emptied when all is sent, and compacted
+        // when the sent entries at its front outnumber the unsent ones.
+        if (out_head_ == out_.size()) {
+            if (out_.capacity() > kMaxGather)
+                std::vector<Outbound>().swap(out_);
+            else
+                out_.clear();
+            out_head_ = 0;
+        } else if (out_head_ >= kMaxGather && out_head_ * 2 >= out_.size()) {
+            out_.erase(out_.begin(), out_.begin() + static_cast<ptrdiff_t>(out_head_));
+            out_head_ = 0;
+        }
+        if (out_head_ < out_.size()) write();
+        // pump() stopped backlogged with no read outstanding: go on.
         if (!reading_ && !busy_ && !backlogged()) pump();
     }
 
     struct Outbound {
-        Bytes bytes;                           // an encoded packet
+        Bytes bytes;                           // an encoded packet; null once sent
         bool notification;                     // counted in notified_
     };
 
     Engine &engine_;                           // the owner of the table this connection is in
     asio::ip::tcp::socket socket_;             // the client's socket
     const uint64_t id_;                        // number in logs and in the table
-    std::string in_;                           // received bytes not yet framed (plus read space)
-    std::deque<Outbound> out_;                 // queued packets; the first in_flight_ are being written
+    const asio::ip::tcp::endpoint peer_;       // the client's address, for logs
+    ReadBuffer in_;                            // received bytes not yet framed
+    std::vector<Outbound> out_;                // queued packets from out_head_; the first in_flight_ of
+                                               // them are being written
+    size_t out_head_ = 0;                      // index of the first unsent packet in out_
     size_t in_flight_ = 0;                     // packets of out_ handed to the current write
-    size_t queued_ = 0;                        // bytes in out_
-    size_t notified_ = 0;                      // bytes of the notifications in out_
+    size_t queued_ = 0;                        // bytes of the unsent packets
+    size_t notified_ = 0;                      // bytes of the unsent notifications
     bool reading_ = false;                     // a read is outstanding
     bool closed_ = false;                      // close() ran
     bool busy_ = false;                        // a store call for op is outstanding
@@ -375,6 +549,76 @@ void Engine::log(const char *fmt, ...)
     vsnprintf(line, sizeof line, fmt, ap);
     va_end(ap);
     fprintf(stderr, "hspaced: %s\n", line);
+}
+
+// The first kLogBurst lines of a kind in a window are printed; the rest
+// are counted, and one line sums them up when the window ends.
+void Engine::log_limited(Repeat kind, const char *fmt, ...)
+{
+    if (!options_.log) return;
+    LogLimit &l = log_limits_[static_cast<size_t>(kind)];
+    auto now = std::chrono::steady_clock::now();
+    if (now - l.since >= kLogWindow && l.suppressed == 0) {
+        l.since = now;
+        l.printed = 0;
+    }
+    if (l.printed >= kLogBurst) {
+        l.suppressed++;
+        if (!log_timer_armed_ && acceptor_.is_open()) {
+            log_timer_armed_ = true;
+            log_timer_.expires_at(l.since + kLogWindow);
+            log_timer_.async_wait([this](const asio::error_code &ec) {
+                log_timer_armed_ = false;
+                if (!ec) flush_log_limits();
+            });
+        }
+        return;
+    }
+    l.printed++;
+    char line[512];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(line, sizeof line, fmt, ap);
+    va_end(ap);
+    fprintf(stderr, "hspaced: %s\n", line);
+}
+
+// Sums up the lines suppressed in windows that have ended, and waits for
+// the end of those still open.
+void Engine::flush_log_limits()
+{
+    static const char *const kWhat[] = {
+        "accepts failed",
+        "connections refused over --max-connections",
+        "connections refused for want of a descriptor",
+        "connections closed for an invalid packet",
+        "connections closed for a length over the bound",
+        "connections dropped for unsent notifications",
+        "connections dropped over --max-memory",
+        "connections closed for no handshake",
+    };
+    static_assert(sizeof kWhat / sizeof kWhat[0] == static_cast<size_t>(Repeat::Count), "a text for each kind");
+    auto now = std::chrono::steady_clock::now();
+    std::optional<std::chrono::steady_clock::time_point> next;
+    for (size_t i = 0; i < log_limits_.size(); i++) {
+        LogLimit &l = log_limits_[i];
+        if (l.suppressed == 0) continue;
+        if (now - l.since < kLogWindow) {
+            next = next ? std::min(*next, l.since + kLogWindow) : l.since + kLogWindow;
+            continue;
+        }
+        fprintf(stderr, "hspaced: %llu more %s (lines suppressed)\n", static_cast<unsigned long long>(l.suppressed),
+                kWhat[i]);
+        l = LogLimit{now, 0, 0};
+    }
+    if (!acceptor_.is_open()) next.reset(); // stopping: no timer may outlive shutdown()
+    if (!next) return;
+    log_timer_armed_ = true;
+    log_timer_.expires_at(*next);
+    log_timer_.async_wait([this](const asio::error_code &ec) {
+        log_timer_armed_ = false;
+        if (!ec) flush_log_limits();
+    });
 }
 
 bool Engine::start(std::string *error)
@@ -400,6 +644,8 @@ bool Engine::start(std::string *error)
     if (!ec) acceptor_.set_option(asio::socket_base::reuse_address(true), ec);
     if (!ec) acceptor_.bind(endpoint, ec);
     if (!ec) acceptor_.listen(asio::socket_base::max_listen_connections, ec);
+    // Accepting with the spare descriptor (accept_failed) must not block.
+    if (!ec) acceptor_.non_blocking(true, ec);
     if (!ec) port_ = acceptor_.local_endpoint(ec).port();
     if (ec) {
         asio::error_code ignored;
@@ -407,6 +653,7 @@ bool Engine::start(std::string *error)
         return fail("cannot listen on " + options_.host + ":" + std::to_string(options_.port) + ": " + ec.message());
     }
     host_ = address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
+    spare_fd_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     accept();
     started_ = true;
     thread_ = std::thread([this] { io_.run(); });
@@ -420,45 +667,217 @@ void Engine::stop()
     thread_.join();
 }
 
-// I/O thread: closes the listener and every connection; the I/O thread's
-// run() returns once their aborted operations have finished.
+// I/O thread: closes the listener and every connection and ends the
+// timers; the I/O thread's run() returns once their aborted operations
+// have finished.
 void Engine::shutdown()
 {
     asio::error_code ignored;
     acceptor_.close(ignored);
+    accept_timer_.cancel();
+    handshake_timer_.cancel();
+    log_timer_.cancel();
+    if (spare_fd_ >= 0) ::close(spare_fd_);
+    spare_fd_ = -1;
     std::vector<std::shared_ptr<Connection>> all;
     for (auto &entry : conns_) all.push_back(entry.second);
     for (auto &c : all) c->close("service stopping");
     store_->close();
 }
 
+void Engine::reload()
+{
+    stats_.reloads++;
+    log("reload: nothing to reload");
+}
+
+// Accepts the next connection. A failed accept is handled by accept_failed,
+// which calls again, after a pause unless the failure consumed a pending
+// connection.
 void Engine::accept()
 {
     acceptor_.async_accept([this](const asio::error_code &ec, asio::ip::tcp::socket socket) {
         if (!acceptor_.is_open()) return;
         if (ec) {
-            log("accept failed: %s", ec.message().c_str());
-        } else {
-            asio::error_code ignored;
-            socket.set_option(asio::ip::tcp::no_delay(true), ignored);
-            asio::ip::tcp::endpoint peer = socket.remote_endpoint(ignored);
-            auto c = std::make_shared<Connection>(*this, std::move(socket), next_id_++);
-            conns_[c->id()] = c;
-            stats_.accepted++;
-            stats_.open++;
-            log("conn %llu accepted from %s:%u", static_cast<unsigned long long>(c->id()),
-                peer.address().to_string().c_str(), peer.port());
-            c->start();
+            accept_failed(ec);
+            return;
         }
+        if (accept_pause_.count() != 0) {
+            log("accepting again after %llu failed accepts; %llu connections refused meanwhile",
+                static_cast<unsigned long long>(accept_failures_), static_cast<unsigned long long>(accept_refusals_));
+            accept_pause_ = std::chrono::milliseconds(0);
+            accept_failures_ = accept_refusals_ = 0;
+        }
+        admit(std::move(socket));
         accept();
     });
 }
 
-void Engine::forget(uint64_t id, const std::string &why)
+// A connection that went away while waiting (aborted, a protocol error, a
+// firewall's refusal) has left the queue: accepting goes on at once, and
+// the line is rate-limited. Anything else (no descriptor, no memory) would
+// fail again at once: accepting pauses, from kAcceptPauseFirst doubling to
+// kAcceptPauseMax, logged once when it starts and once when it ends. Out of
+// descriptors, each pause first gives up the spare descriptor to accept one
+// waiting connection and close it, so that its client learns at once
+// instead of waiting in the queue, and takes it back.
+void Engine::accept_failed(const asio::error_code &ec)
 {
-    if (conns_.erase(id) == 0) return;
+    const int e = ec.value();
+    if (ec.category() == asio::error::get_system_category() &&
+        (e == ECONNABORTED || e == EPROTO || e == EPERM || e == EINTR || e == ENETDOWN || e == ENONET ||
+         e == EHOSTUNREACH || e == EOPNOTSUPP || e == ENETUNREACH || e == EHOSTDOWN || e == ETIMEDOUT)) {
+        log_limited(Repeat::AcceptError, "accept failed: %s", ec.message().c_str());
+        accept();
+        return;
+    }
+    accept_failures_++;
+    if (accept_pause_.count() == 0) {
+        stats_.accept_pauses++;
+        accept_pause_ = kAcceptPauseFirst;
+        log("accept failed: %s; %zu connections open; accepting pauses, then retries with backoff (logged again "
+            "when it works)",
+            ec.message().c_str(), conns_.size());
+    } else {
+        accept_pause_ = std::min(accept_pause_ * 2, kAcceptPauseMax);
+    }
+    if ((e == EMFILE || e == ENFILE) && spare_fd_ >= 0) {
+        ::close(spare_fd_);
+        asio::error_code aec;
+        asio::ip::tcp::socket socket = acceptor_.accept(aec);
+        if (!aec) {
+            accept_refusals_++;
+            refuse(std::move(socket), Repeat::NoDescriptor, "no file descriptor left");
+        }
+        spare_fd_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    }
+    accept_timer_.expires_after(accept_pause_);
+    accept_timer_.async_wait([this](const asio::error_code &tec) {
+        if (!tec && acceptor_.is_open()) accept();
+    });
+}
+
+// Serves a new connection, or refuses it when max_connections are served.
+// A connection not shaken hands by its deadline is closed (expire_handshakes).
+void Engine::admit(asio::ip::tcp::socket socket)
+{
+    if (conns_.size() >= options_.max_connections) {
+        refuse(std::move(socket), Repeat::OverCap, "the service serves --max-connections connections");
+        return;
+    }
+    asio::error_code ignored;
+    socket.set_option(asio::ip::tcp::no_delay(true), ignored);
+    asio::ip::tcp::endpoint peer = socket.remote_endpoint(ignored);
+    auto c = std::make_shared<Connection>(*this, std::move(socket), next_id_++, peer);
+    conns_[c->id()] = c;
+    stats_.accepted++;
+    stats_.open++;
+    log("conn %llu accepted from %s:%u", static_cast<unsigned long long>(c->id()), peer.address().to_string().c_str(),
+        peer.port());
+    if (options_.handshake_timeout_ms > 0) {
+        awaiting_.emplace_back(std::chrono::steady_clock::now() +
+                                   std::chrono::milliseconds(options_.handshake_timeout_ms),
+                               c->id());
+        if (!handshake_timer_armed_) expire_handshakes();
+    }
+    c->start();
+}
+
+// Answers a connection that is not served with kStatusConnectionLimit (the
+// answer its handshake gets), then closes it at once: what it sent is read
+// off first, so that the close is a normal end of stream, not a reset that
+// could overtake the answer. Plain system calls on the descriptor: this
+// runs when descriptors run out, where nothing may need one more.
+void Engine::refuse(asio::ip::tcp::socket socket, Repeat kind, const char *why)
+{
+    stats_.refused++;
+    asio::error_code ec;
+    asio::ip::tcp::endpoint peer = socket.remote_endpoint(ec);
+    log_limited(kind, "connection from %s:%u refused: %s", peer.address().to_string().c_str(), peer.port(), why);
+    std::string out;
+    codec::encode_reply(out, 0, kStatusConnectionLimit);
+    const int fd = socket.native_handle();
+    if (::send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(out.size()) &&
+        ::shutdown(fd, SHUT_WR) == 0) {
+        char sink[4096];
+        for (int i = 0; i < 4 && ::recv(fd, sink, sizeof sink, MSG_DONTWAIT) > 0; i++) {
+        }
+    }
+    socket.close(ec);
+}
+
+// Closes the connections whose handshake deadline has passed without a
+// handshake, then waits for the next deadline.
+void Engine::expire_handshakes()
+{
+    if (!acceptor_.is_open()) awaiting_.clear(); // stopping: no timer may outlive shutdown()
+    auto now = std::chrono::steady_clock::now();
+    while (!awaiting_.empty() && awaiting_.front().first <= now) {
+        auto it = conns_.find(awaiting_.front().second);
+        awaiting_.pop_front();
+        if (it == conns_.end() || it->second->handshaken) continue;
+        std::shared_ptr<Connection> c = it->second;
+        stats_.dropped_handshake++;
+        c->close("no handshake within " + std::to_string(options_.handshake_timeout_ms) + " ms", true, Repeat::Timeout);
+    }
+    handshake_timer_armed_ = !awaiting_.empty();
+    if (!handshake_timer_armed_) return;
+    handshake_timer_.expires_at(awaiting_.front().first);
+    handshake_timer_.async_wait([this](const asio::error_code &ec) {
+        handshake_timer_armed_ = false;
+        if (!ec) expire_handshakes();
+    });
+}
+
+void Engine::forget(const Connection &c, const std::string &why, std::optional<Repeat> repeat)
+{
+    if (conns_.erase(c.id()) == 0) return;
     stats_.open--;
-    log("conn %llu closed: %s", static_cast<unsigned long long>(id), why.c_str());
+    if (!repeat) {
+        log("conn %llu closed: %s", static_cast<unsigned long long>(c.id()), why.c_str());
+        return;
+    }
+    log_limited(*repeat, "conn %llu from %s:%u closed: %s", static_cast<unsigned long long>(c.id()),
+                c.peer().address().to_string().c_str(), c.peer().port(), why.c_str());
+}
+
+void Engine::hold(size_t n)
+{
+    memory_ += n;
+    stats_.memory.store(memory_, std::memory_order_relaxed);
+    // A trim from here could close a connection inside a loop over them:
+    // it is left to the connection's pump, or to a handler of its own.
+    if (memory_ > options_.max_memory && !trim_posted_) {
+        trim_posted_ = true;
+        asio::post(io_, [this] {
+            trim_posted_ = false;
+            trim();
+        });
+    }
+}
+
+void Engine::unhold(size_t n)
+{
+    memory_ -= n;
+    stats_.memory.store(memory_, std::memory_order_relaxed);
+}
+
+// Drops the connection holding the most until max_memory holds again. The
+// scan over the connections is paid only while over the bound, which takes
+// bytes sent or left unread by the connections dropped.
+void Engine::trim()
+{
+    while (memory_ > options_.max_memory) {
+        std::shared_ptr<Connection> heaviest;
+        for (auto &entry : conns_)
+            if (!heaviest || entry.second->footprint() > heaviest->footprint()) heaviest = entry.second;
+        if (!heaviest || heaviest->footprint() == 0) return;
+        stats_.dropped_memory++;
+        std::string why = "holds " + std::to_string(heaviest->footprint()) + " bytes (" +
+                          std::to_string(heaviest->unsent()) + " unsent), the most while all connections hold " +
+                          std::to_string(memory_) + ", over --max-memory " + std::to_string(options_.max_memory);
+        heaviest->close(why, true, Repeat::Memory);
+    }
 }
 
 void Engine::handle(Connection &c, const codec::Packet &p)
@@ -466,7 +885,7 @@ void Engine::handle(Connection &c, const codec::Packet &p)
     if (!c.handshaken) {
         if (!p.handshake_request || p.handshake_request->service_type != "data") {
             stats_.dropped_invalid++;
-            c.close("first packet is no handshake for service type \"data\"");
+            c.close("first packet is no handshake for service type \"data\"", false, Repeat::Invalid);
             return;
         }
         std::string out;
@@ -528,6 +947,15 @@ void Engine::handle(Connection &c, const codec::Packet &p)
     case codec::kOpPost: {
         if (c.folded.count(fold_key(h.key)) != 0) {
             if (answer) codec::encode_reply(out, *corrid, kStatusExists);
+            break;
+        }
+        if (c.subs.size() >= options_.max_subscriptions) {
+            if (!c.warned_subscriptions)
+                log("conn %llu post refused: it holds %zu subscriptions, the --max-subscriptions limit (logged once "
+                    "per connection)",
+                    static_cast<unsigned long long>(c.id()), c.subs.size());
+            c.warned_subscriptions = true;
+            if (answer) codec::encode_reply(out, *corrid, kStatusTooManySubscriptions);
             break;
         }
         c.op.image = answer && (h.flags & codec::kFlagNoImage) == 0;
@@ -765,6 +1193,11 @@ bool Server::start(std::string *error)
 void Server::stop()
 {
     engine_->stop();
+}
+
+void Server::reload()
+{
+    engine_->post_reload();
 }
 
 uint16_t Server::port() const

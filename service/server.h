@@ -28,6 +28,10 @@ namespace service {
 
 constexpr uint16_t kDefaultPort = 7521;                 // hspaced's port when none is given
 constexpr size_t kDefaultMaxQueue = size_t(64) << 20;   // bytes a connection may have queued, unsent
+constexpr size_t kDefaultMaxMemory = size_t(1) << 30;   // bytes all connections may hold together
+constexpr unsigned kDefaultHandshakeTimeoutMs = 5000;   // time a new connection has to send its handshake
+constexpr size_t kDefaultMaxConnections = 10000;        // connections served at once
+constexpr size_t kDefaultMaxSubscriptions = 10000;      // subscriptions of one connection
 
 struct Options {
     std::string host = "127.0.0.1";            // address to listen on (numeric IPv4 or IPv6)
@@ -36,6 +40,16 @@ struct Options {
     uint16_t ltp = 1;                          // service_ltp sent in the handshake reply; nonzero
     size_t max_queue = kDefaultMaxQueue;       // unsent bytes per connection: notifications over it drop the
                                                // connection, answers over it hold its requests; bounds values too
+    size_t max_memory = kDefaultMaxMemory;     // bytes held for all connections together: their read buffers and
+                                               // unsent packets. Past half of it, a connection holding more than
+                                               // its share reads no request until it has sent; past all of it,
+                                               // the connection holding the most is dropped
+    unsigned handshake_timeout_ms = kDefaultHandshakeTimeoutMs; // a connection that has not sent its handshake
+                                               // this long after it was accepted is closed; 0: no deadline
+    size_t max_connections = kDefaultMaxConnections; // connections served at once; one more is answered with
+                                               // status 1107 and closed at once
+    size_t max_subscriptions = kDefaultMaxSubscriptions; // subscriptions of one connection; a post over it is
+                                               // answered with status 1106
     bool log = false;                          // one line per connection event on stderr
     // Where the objects live: "memory" (embedded, the default) or
     // "etcd://HOST:PORT[,HOST:PORT...]" (every member of an etcd cluster,
@@ -51,6 +65,13 @@ struct Stats {
     std::atomic<uint64_t> open{0};             // connections open now
     std::atomic<uint64_t> dropped_invalid{0};  // connections closed for an invalid packet or handshake
     std::atomic<uint64_t> dropped_slow{0};     // connections closed for unsent notifications over max_queue
+    std::atomic<uint64_t> dropped_memory{0};   // connections dropped as the heaviest while over max_memory
+    std::atomic<uint64_t> dropped_handshake{0}; // connections closed for no handshake within the timeout
+    std::atomic<uint64_t> refused{0};          // connections closed at accept: over max_connections, or
+                                               // while the process had no descriptor left
+    std::atomic<uint64_t> accept_pauses{0};    // times accepting failed and paused (e.g. out of descriptors)
+    std::atomic<uint64_t> memory{0};           // bytes held for all connections now (see max_memory)
+    std::atomic<uint64_t> reloads{0};          // reload() requests the I/O thread has run
 };
 
 // The service's machinery, private to server.cpp.
@@ -72,6 +93,11 @@ public:
     // Closes the listener and every connection, then joins the I/O thread.
     // Idempotent; not from the I/O thread.
     void stop();
+
+    // Asks the service to reload its configuration from its files, as
+    // SIGHUP does to hspaced; runs on the I/O thread, after this returns.
+    // Any thread, between start() and stop() (not concurrently with them).
+    void reload();
 
     // The listening port, after a successful start.
     uint16_t port() const;
