@@ -1,12 +1,14 @@
 /*
  * read_buffer.h - a connection's inbound bytes: the bytes received and not
  * yet framed, in one block sized by what arrives. A connection that has sent
- * nothing holds a small block (kFirstRead); a read that fills its space
- * doubles the next one up to kMaxChunk, reads that stay small halve it back;
- * a packet longer than that grows the block with its bytes, doubling it at
- * most as far as the packet's length, and reading at most as much as is
- * held per read, so a length announced in a header costs nothing until the
- * bytes come; a block left much larger than what it holds is given back.
+ * nothing holds a small block (kFirstRead). Reads ask for the block's free
+ * space, at least the chunk size: a read reaching the chunk size doubles it
+ * up to kMaxChunk, reads under a quarter of it halve it, and an empty block
+ * over four chunks is shrunk to one. A packet whose header is in gets room
+ * for its rest at once up to kMaxChunk; a longer one grows the block with
+ * its bytes, at most by as much as is held per read and never past its
+ * length, so a length announced in a header costs nothing until the bytes
+ * come. Once framed, a block over kMaxChunk is given back.
  *
  * Not thread-safe: one connection's I/O thread. Pure memory; no sockets.
  */
@@ -45,20 +47,21 @@ public:
         return (size_t(p[4]) << 24) | (size_t(p[5]) << 16) | (size_t(p[6]) << 8) | size_t(p[7]);
     }
 
-    // The space the next read may fill, after the bytes held: room for
-    // the rest of the packet being received (at most as much as is held
-    // already) or for a read of the current chunk size, whichever is more.
-    // May move the bytes to a block of another size; data() and capacity()
-    // change accordingly. Never while a read into the last space runs.
+    // The space the next read may fill, after the bytes held: at least
+    // room for the rest of the packet being received (beyond kMaxChunk, at
+    // most as much as is held already) or for a read of the chunk size,
+    // whichever is more. May move the bytes to a block of another size;
+    // data() and capacity() change accordingly. Never while a read into the
+    // last space runs.
     uint8_t *prepare(size_t *space)
     {
         size_t want = chunk_;
         size_t wire = announced();
-        if (wire > len_) want = std::max(want, std::min(wire - len_, len_));
+        if (wire > len_) want = std::max(want, std::min(wire - len_, std::max(len_, kMaxChunk)));
         size_t need = len_ + want;
         if (need > cap_)
             refit(std::min(std::max(need, 2 * cap_), std::max(need, wire))); // doubling, within the packet
-        else if ((len_ == 0 && cap_ > need) || (cap_ > kMaxChunk && cap_ / 2 > need))
+        else if ((len_ == 0 && cap_ > 4 * need) || (cap_ > kMaxChunk && cap_ / 2 > need))
             refit(need);
         *space = cap_ - len_;
         return block_.get() + len_;
