@@ -2,10 +2,11 @@
  * main.cpp - hspaced, the reference hspace service as a program.
  *
  * Listens until SIGINT or SIGTERM, then closes every connection and exits
- * 0; SIGHUP asks the service to reload its configuration files. Prints "hspaced listening on tcp://HOST:PORT" on stdout once it
- * listens (so a script can learn the port chosen for --port 0) and one
- * line per connection event on stderr. Exit status: 0 stopped by a signal,
- * 1 cannot listen or use the store, 2 usage error.
+ * 0; SIGHUP reloads the configuration files. Prints "hspaced listening on
+ * tcp://HOST:PORT" on stdout once it listens (so a script can learn the
+ * port chosen for --port 0) and one line per connection event on stderr.
+ * Exit status: 0 stopped by a signal, 1 cannot listen or use the store, 2
+ * usage error.
  *
  * Options are parsed with CLI11; --help and --version print on stdout and
  * exit 0 (help2man builds the manual page from them).
@@ -257,19 +258,21 @@ int main(int argc, char **argv)
         return 1;
     }
 
-    // SIGHUP reloads and waits on; SIGINT or SIGTERM ends the wait.
+    // SIGHUP reloads the configuration files (the server logs how it went)
+    // and waits on; SIGINT and SIGTERM end the wait.
     int caught = 0;
-    std::function<void(const asio::error_code &, int)> on_signal = [&](const asio::error_code &e, int signo) {
-        if (e) return;
-        if (signo != SIGHUP) {
-            caught = signo;
-            return;
-        }
-        if (options.log) fprintf(stderr, "hspaced: SIGHUP, reloading\n");
-        server.reload();
-        signals.async_wait(on_signal);
+    std::function<void()> wait = [&] {
+        signals.async_wait([&](const asio::error_code &error, int signo) {
+            if (error) return;
+            if (signo != SIGHUP) {
+                caught = signo;
+                return;
+            }
+            server.reload();
+            wait();
+        });
     };
-    signals.async_wait(on_signal);
+    wait();
     signals_io.run();
     if (options.log) fprintf(stderr, "hspaced: %s, stopping\n", caught == SIGINT ? "SIGINT" : "SIGTERM");
     server.stop();

@@ -37,6 +37,7 @@
 #include <array>
 #include <chrono>
 #include <deque>
+#include <future>
 #include <map>
 #include <optional>
 #include <thread>
@@ -200,13 +201,8 @@ public:
     // share of it then.
     bool memory_tight() const { return memory_ > options_.max_memory / 2; }
     size_t fair_share() const { return options_.max_memory / (2 * std::max<size_t>(conns_.size(), 1)); }
-    // I/O thread: the hook of reload(): rereads the configuration files.
-    void reload();
-    // Any thread: runs reload() on the I/O thread, while it runs.
-    void post_reload()
-    {
-        if (thread_.joinable()) asio::post(io_, [this] { reload(); });
-    }
+    // Owning thread: Server::reload(), done on the I/O thread while it runs.
+    bool reload(std::string *error);
     // I/O thread: one decoded packet from a connection.
     void handle(Connection &c, const codec::Packet &p);
     // I/O thread: one line on stderr when logging is on.
@@ -685,10 +681,21 @@ void Engine::shutdown()
     store_->close();
 }
 
-void Engine::reload()
+bool Engine::reload(std::string * /*error*/)
 {
-    stats_.reloads++;
-    log("reload: nothing to reload");
+    // What rereads the configuration files goes here, on the I/O thread.
+    auto apply = [this] { log("reload: nothing to reload"); };
+    if (!thread_.joinable()) {
+        apply();
+        return true;
+    }
+    std::promise<void> applied;
+    asio::post(io_, [&] {
+        apply();
+        applied.set_value();
+    });
+    applied.get_future().wait();
+    return true;
 }
 
 // Accepts the next connection. A failed accept is handled by accept_failed,
@@ -824,8 +831,9 @@ void Engine::expire_handshakes()
     if (!handshake_timer_armed_) return;
     handshake_timer_.expires_at(awaiting_.front().first);
     handshake_timer_.async_wait([this](const asio::error_code &ec) {
+        if (ec) return; // stopping; a new deadline is set only while none waits
         handshake_timer_armed_ = false;
-        if (!ec) expire_handshakes();
+        expire_handshakes();
     });
 }
 
@@ -1195,9 +1203,9 @@ void Server::stop()
     engine_->stop();
 }
 
-void Server::reload()
+bool Server::reload(std::string *error)
 {
-    engine_->post_reload();
+    return engine_->reload(error);
 }
 
 uint16_t Server::port() const

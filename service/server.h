@@ -71,7 +71,6 @@ struct Stats {
                                                // while the process had no descriptor left
     std::atomic<uint64_t> accept_pauses{0};    // times accepting failed and paused (e.g. out of descriptors)
     std::atomic<uint64_t> memory{0};           // bytes held for all connections now (see max_memory)
-    std::atomic<uint64_t> reloads{0};          // reload() requests the I/O thread has run
 };
 
 // The service's machinery, private to server.cpp.
@@ -94,10 +93,11 @@ public:
     // Idempotent; not from the I/O thread.
     void stop();
 
-    // Asks the service to reload its configuration from its files, as
-    // SIGHUP does to hspaced; runs on the I/O thread, after this returns.
-    // Any thread, between start() and stop() (not concurrently with them).
-    void reload();
+    // Reloads the service's configuration files, as SIGHUP does to hspaced
+    // (there are none yet: it logs so), on the I/O thread while it runs,
+    // and returns once done; false, with why in *error, when a file could
+    // not be used. The owning thread, not concurrently with start() or stop().
+    bool reload(std::string *error = nullptr);
 
     // The listening port, after a successful start.
     uint16_t port() const;

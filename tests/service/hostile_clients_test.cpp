@@ -731,14 +731,14 @@ TEST_F(HostileClients, ConnectionsOverTheCapAreRefusedAtOnce)
     EXPECT_TRUE(c.served());
 }
 
-// SIGHUP reloads (nothing to reload yet: logged) and the service goes on;
+// SIGHUP reloads the configuration (logged) and the service goes on;
 // SIGTERM then stops it cleanly.
 TEST_F(HostileClients, SighupReloadsAndServesOn)
 {
     start({});
     for (int i = 1; i <= 3; i++) {
         daemon_->signal(SIGHUP);
-        ASSERT_TRUE(daemon_->wait_line("reload: nothing to reload", static_cast<size_t>(i)));
+        ASSERT_TRUE(daemon_->wait_line("reload: ", static_cast<size_t>(i)));
         EXPECT_TRUE(good_->served());
     }
     daemon_->signal(SIGTERM);
