@@ -714,6 +714,7 @@ void Engine::accept()
                 static_cast<unsigned long long>(accept_failures_), static_cast<unsigned long long>(accept_refusals_));
             accept_pause_ = std::chrono::milliseconds(0);
             accept_failures_ = accept_refusals_ = 0;
+            if (spare_fd_ < 0) spare_fd_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
         }
         admit(std::move(socket));
         accept();
@@ -733,7 +734,8 @@ void Engine::accept_failed(const asio::error_code &ec)
     const int e = ec.value();
     if (ec.category() == asio::error::get_system_category() &&
         (e == ECONNABORTED || e == EPROTO || e == EPERM || e == EINTR || e == ENETDOWN || e == ENONET ||
-         e == EHOSTUNREACH || e == EOPNOTSUPP || e == ENETUNREACH || e == EHOSTDOWN || e == ETIMEDOUT)) {
+         e == ENOPROTOOPT || e == EHOSTUNREACH || e == EOPNOTSUPP || e == ENETUNREACH || e == EHOSTDOWN ||
+         e == ETIMEDOUT)) {
         log_limited(Repeat::AcceptError, "accept failed: %s", ec.message().c_str());
         accept();
         return;

@@ -173,6 +173,12 @@ done <<'EOF'
 --port 010x|not a decimal number
 --port 0x10|not a decimal number
 --max-queue 10|out of range
+--max-memory 1000|out of range
+--max-connections 0|out of range
+--max-subscriptions x|not a decimal number
+--handshake-timeout .5|not a number of seconds
+--handshake-timeout 5s|not a number of seconds
+--handshake-timeout 86401|out of range
 EOF
 expect_exit 3 "$HSPACE" --url tcp://127.0.0.1:1 get k
 expect_err "cannot connect to tcp://127.0.0.1:1: connection refused"
