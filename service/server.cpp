@@ -283,14 +283,14 @@ namespace {
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
     Connection(Engine &engine, asio::ip::tcp::socket socket, uint64_t id, const asio::ip::tcp::endpoint &peer)
-        : engine_(engine), socket_(std::move(socket)), id_(id), peer_(peer)
+        : engine_(engine), socket_(std::move(socket)), id_(id), remote_(peer)
     {
     }
 
     uint64_t id() const { return id_; }
     bool closed() const { return closed_; }
     // The client's address and port, as accepted.
-    const asio::ip::tcp::endpoint &peer() const { return peer_; }
+    const asio::ip::tcp::endpoint &remote() const { return remote_; }
     // Bytes the connection holds, counted in the engine's memory: its read
     // buffer and its unsent packets. 0 once closed.
     size_t footprint() const { return closed_ ? 0 : in_.capacity() + queued_; }
@@ -519,7 +519,7 @@ private:
     Engine &engine_;                           // the owner of the table this connection is in
     asio::ip::tcp::socket socket_;             // the client's socket
     const uint64_t id_;                        // number in logs and in the table
-    const asio::ip::tcp::endpoint peer_;       // the client's address, for logs
+    const asio::ip::tcp::endpoint remote_;     // the client's address and port, for logs
     ReadBuffer in_;                            // received bytes not yet framed
     std::vector<Outbound> out_;                // queued packets from out_head_; the first in_flight_ of
                                                // them are being written
@@ -848,7 +848,7 @@ void Engine::forget(const Connection &c, const std::string &why, std::optional<R
         return;
     }
     log_limited(*repeat, "conn %llu from %s:%u closed: %s", static_cast<unsigned long long>(c.id()),
-                c.peer().address().to_string().c_str(), c.peer().port(), why.c_str());
+                c.remote().address().to_string().c_str(), c.remote().port(), why.c_str());
 }
 
 void Engine::hold(size_t n)
