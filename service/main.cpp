@@ -217,6 +217,13 @@ int main(int argc, char **argv)
     options.port = static_cast<uint16_t>(std::stoul(port));
     options.max_queue = static_cast<size_t>(std::stoull(max_queue));
     options.max_memory = static_cast<size_t>(std::stoull(max_memory));
+    if (options.max_memory < options.max_queue) {
+        fprintf(stderr,
+                "hspaced: --max-memory %zu is under --max-queue %zu: a client's largest answer or put could not be "
+                "held\nRun 'hspaced --help' for the options.\n",
+                options.max_memory, options.max_queue);
+        return 2;
+    }
     options.max_connections = static_cast<size_t>(std::stoull(max_connections));
     options.max_subscriptions = static_cast<size_t>(std::stoull(max_subscriptions));
     // A nonzero timeout is at least 1 ms: 0 would mean no limit.

@@ -174,6 +174,7 @@ done <<'EOF'
 --port 0x10|not a decimal number
 --max-queue 10|out of range
 --max-memory 1000|out of range
+--max-queue 4194304 --max-memory 2097152|under --max-queue
 --max-connections 0|out of range
 --max-subscriptions x|not a decimal number
 --handshake-timeout .5|not a number of seconds
