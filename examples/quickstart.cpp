@@ -51,7 +51,7 @@ int main(int argc, char **argv)
                 "greeting/*",
                 [](qh::Image &&image) { printf("image: %zu object(s)\n", image.objects.size()); },
                 [&](qh::Change &&c) {
-                    printf("change %d: %.*s\n", c.trigger, int(c.object.key().size()), c.object.key().data());
+                    printf("change %d: %.*s\n", int(c.trigger), int(c.object.key().size()), c.object.key().data());
                     std::lock_guard<std::mutex> lock(m);
                     changes++;
                     cv.notify_all();

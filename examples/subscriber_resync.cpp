@@ -82,7 +82,7 @@ int main(int argc, char **argv)
                 copy[key] = std::string(c.object.value());
             else
                 copy.erase(key);
-            printf("change %d: %s%s%.*s\n", c.trigger, key.c_str(), c.object.has_value() ? " = " : "",
+            printf("change %d: %s%s%.*s\n", int(c.trigger), key.c_str(), c.object.has_value() ? " = " : "",
                    int(c.object.value().size()), c.object.value().data());
             fflush(stdout);
             if (++changes == limit) pthread_kill(main_thread, SIGUSR1);

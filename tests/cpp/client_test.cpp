@@ -33,7 +33,7 @@ struct Seen {
     }
     qh::Client::ChangeHandler changes()
     {
-        return [this](qh::Change &&c) { add("change:" + std::to_string(c.trigger) + ":" + std::string(c.object.key()) + "=" + std::string(c.object.value())); };
+        return [this](qh::Change &&c) { add("change:" + std::to_string(int(c.trigger)) + ":" + std::string(c.object.key()) + "=" + std::string(c.object.value())); };
     }
 };
 
