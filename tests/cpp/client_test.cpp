@@ -121,6 +121,7 @@ TEST_F(CppTest, OverlappingSubscriptionsEachGetTheirSelection)
         {"s/b", {removed}, {"image:0:", "change:2:s/b"}},
         {"s/b*", {stored, true}, {"change:1:s/b=3"}},
         {"s/a/deeper*", {}, {"image:0:"}},
+        {"S/c", {}, {"image:0:", "change:1:S/c=6"}}, // the patterns above take only their own letters
         {"t/x", {qh::Trigger::stored | qh::Trigger::removed}, {"image:0:", "change:1:t/x=0"}},
     };
     constexpr size_t n = std::size(cases);
@@ -138,6 +139,7 @@ TEST_F(CppTest, OverlappingSubscriptionsEachGetTheirSelection)
     writer.put("s/b", "3");
     writer.remove("s/a");
     writer.remove("s/b");
+    writer.put("S/c", "6");
     writer.put("t/x", "0");
     ASSERT_TRUE(seen[n - 1].wait_for("change:1:t/x=0")); // the last: the others have theirs by then
     for (size_t i = 0; i < n; i++) EXPECT_EQ(cases[i].log, seen[i].lines()) << cases[i].key;

@@ -6,7 +6,8 @@
  * a registry and routes the event: get answers by urid to the waiting call,
  * subscription images by urid, notifications through an index of the live
  * subscriptions (key subscriptions by key; patterns by prefix, probed once
- * per prefix length in use), so neither routing nor a cancel looks at the
+ * per prefix length in use; both by the key with its letters folded, as
+ * duplicates are judged), so neither routing nor a cancel looks at the
  * subscriptions a key does not concern. urids are 64-bit ids drawn from the
  * Client, never pointers, so a late answer for a forgotten id is found by
  * nobody and its objects are freed.
@@ -153,6 +154,32 @@ std::string fold(std::string_view key)
     return folded;
 }
 
+// fold(key) without allocating for keys up to 191 bytes.
+class Folded {
+public:
+    explicit Folded(std::string_view key)
+    {
+        char *to = small_;
+        if (key.size() >= sizeof(small_)) {
+            big_.resize(key.size());
+            to = &big_[0];
+        }
+        for (size_t i = 0; i < key.size(); i++) {
+            char ch = key[i];
+            to[i] = ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch + ('a' - 'A')) : ch;
+        }
+        view_ = std::string_view(to, key.size());
+    }
+    Folded(const Folded &) = delete;
+    Folded &operator=(const Folded &) = delete;
+    std::string_view view() const { return view_; }
+
+private:
+    char small_[192];       // the folded copy of a short key
+    std::string big_;       // that of a long key
+    std::string_view view_; // one of them
+};
+
 void *to_urid(uint64_t id) { return reinterpret_cast<void *>(static_cast<uintptr_t>(id)); }
 uint64_t from_urid(void *urid) { return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(urid)); }
 
@@ -263,7 +290,7 @@ struct __attribute__((visibility("hidden"))) Subscription::State_ {
 
     const std::weak_ptr<Client::Impl> client; // the Client; expired once it is gone
     const std::string key;                    // key or pattern as subscribed
-    const std::string folded;                 // fold(key): what a duplicate is judged by
+    const std::string folded;                 // fold(key): what a duplicate is judged by, the index's key
     const bool pattern;                       // key ends in '*'
     const SubscribeOptions options;
     const Client::ImageHandler on_image;
@@ -279,7 +306,7 @@ struct __attribute__((visibility("hidden"))) Subscription::State_ {
     t_kro_error refused = 0;     // mu: the status the service refused its first image with
     Objects image;               // mu: objects of the open image (reader thread fills it)
 
-    std::string_view prefix() const { return std::string_view(key).substr(0, key.size() - 1); } // pattern
+    std::string_view prefix() const { return std::string_view(folded).substr(0, key.size() - 1); } // pattern: folded
 };
 
 // One get answered through events: a get with a deadline, get_async.
@@ -345,9 +372,10 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     // by urid; entries of gets already answered are dropped from the front.
     std::deque<std::pair<Clock::time_point, uint64_t>> get_deadlines;
     std::unordered_map<uint64_t, Sub> images;          // mu: posts awaiting image or start event, by urid
-    std::unordered_map<std::string_view, Sub> by_folded; // mu: every live subscription, by its folded key
-    std::unordered_map<std::string_view, Sub> exact;   // mu: live key subscriptions, by key
-    std::unordered_map<std::string_view, Sub> prefixes; // mu: live pattern subscriptions, by prefix
+    // mu: the live subscriptions, keys by folded key and patterns by folded
+    // prefix (the key without its '*'); a folded key has one at most.
+    std::unordered_map<std::string_view, Sub> exact;
+    std::unordered_map<std::string_view, Sub> prefixes;
     std::map<size_t, size_t> prefix_lengths;           // mu: prefix length -> patterns of it
     std::deque<Sub> retry;                             // mu: subscriptions to post again at retry_at
     Clock::time_point retry_at{};                      // mu: when, while retry is not empty
@@ -384,8 +412,10 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
 
     // ---- subscriptions (mu held) ----
 
+    bool indexed(const Subscription::State_ &s) const;
     void index(const Sub &s);
     void unindex(const Sub &s);
+    std::vector<Sub> live() const;
     void route(std::string_view key, int trigger, uint64_t g, std::vector<Sub> &out);
     Sub find_subscribed(std::string_view key);
     void queue_cancel(const Subscription::State_ &s);
@@ -549,60 +579,76 @@ void Client::Impl::retire(Link *l)
 
 // ---- subscriptions ----
 
-// Makes s live in the indexes. Its key (any letter case) is not there.
+// Whether a live subscription has key (any letter case).
+bool Client::Impl::indexed(const Subscription::State_ &s) const
+{
+    return s.pattern ? prefixes.count(s.prefix()) != 0 : exact.count(s.folded) != 0;
+}
+
+// Makes s live in the index. Its key (any letter case) is not there.
 void Client::Impl::index(const Sub &s)
 {
-    by_folded.emplace(s->folded, s);
     if (s->pattern) {
         prefixes.emplace(s->prefix(), s);
         prefix_lengths[s->prefix().size()]++;
     } else {
-        exact.emplace(s->key, s);
+        exact.emplace(s->folded, s);
     }
 }
 
-// Takes s out of the indexes, if it is there.
+// Takes s out of the index, if it is there.
 void Client::Impl::unindex(const Sub &s)
 {
-    auto it = by_folded.find(s->folded);
-    if (it == by_folded.end() || it->second != s) return;
-    by_folded.erase(it);
+    auto &map = s->pattern ? prefixes : exact;
+    auto it = map.find(s->pattern ? s->prefix() : std::string_view(s->folded));
+    if (it == map.end() || it->second != s) return;
+    map.erase(it);
     if (s->pattern) {
-        prefixes.erase(s->prefix());
         auto n = prefix_lengths.find(s->prefix().size());
         if (--n->second == 0) prefix_lengths.erase(n);
-    } else {
-        exact.erase(s->key);
     }
 }
 
 // Appends to out the subscriptions a change of key with trigger, received on
 // link g, reaches: the key's own and every pattern over it whose image on g
-// is complete and whose trigger mask selects the trigger.
+// is complete and whose trigger mask selects the trigger. The index is
+// probed with the folded key; a subscription selects by its exact letters.
 void Client::Impl::route(std::string_view key, int trigger, uint64_t g, std::vector<Sub> &out)
 {
-    auto take = [&](const Sub &s) {
-        if (s->ready && s->link_gen == g && (s->options.triggers == 0 || (s->options.triggers & trigger) != 0))
+    Folded f(key);
+    auto take = [&](const Sub &s, size_t length) {
+        if (s->ready && s->link_gen == g && (s->options.triggers == 0 || (s->options.triggers & trigger) != 0) &&
+            key.compare(0, length, s->key, 0, length) == 0)
             out.push_back(s);
     };
-    auto e = exact.find(key);
-    if (e != exact.end()) take(e->second);
+    auto e = exact.find(f.view());
+    if (e != exact.end()) take(e->second, key.size());
     for (const auto &length : prefix_lengths) {
         if (length.first > key.size()) break;
-        auto p = prefixes.find(key.substr(0, length.first));
-        if (p != prefixes.end()) take(p->second);
+        auto p = prefixes.find(f.view().substr(0, length.first));
+        if (p != prefixes.end()) take(p->second, length.first);
     }
 }
 
-// The live subscription of exactly key (a key or a pattern), or null.
+// The live subscription of exactly key (a key or a pattern, in its
+// letters), or null.
 Client::Impl::Sub Client::Impl::find_subscribed(std::string_view key)
 {
-    if (!key.empty() && key.back() == '*') {
-        auto p = prefixes.find(key.substr(0, key.size() - 1));
-        return p != prefixes.end() ? p->second : nullptr;
-    }
-    auto e = exact.find(key);
-    return e != exact.end() ? e->second : nullptr;
+    Folded f(key);
+    bool pattern = !key.empty() && key.back() == '*';
+    auto &map = pattern ? prefixes : exact;
+    auto it = map.find(pattern ? f.view().substr(0, key.size() - 1) : f.view());
+    return it != map.end() && it->second->key == key ? it->second : nullptr;
+}
+
+// Every live subscription.
+std::vector<Client::Impl::Sub> Client::Impl::live() const
+{
+    std::vector<Sub> all;
+    all.reserve(exact.size() + prefixes.size());
+    for (const auto &entry : exact) all.push_back(entry.second);
+    for (const auto &entry : prefixes) all.push_back(entry.second);
+    return all;
 }
 
 // Hands the cancel of s's post on s.link_gen to the worker, unless one of
@@ -1031,13 +1077,11 @@ void Client::Impl::relink(Link *failed, std::error_code cause)
             link = l;
             if (failed_meanwhile(l)) return; // the next relink is queued
             retry.clear();
-            again.reserve(by_folded.size());
-            for (const auto &entry : by_folded) {
-                const Sub &s = entry.second;
+            again = live();
+            for (const Sub &s : again) {
                 s->ready = false;
                 s->retrying = false;
                 s->cancel_first = false;
-                again.push_back(s);
             }
         }
         for (const Sub &s : again) {
@@ -1092,8 +1136,7 @@ void Client::Impl::shutdown()
         if (closed) return;
         closed = true;
         state = State::closed;
-        for (auto &entry : by_folded) entry.second->live = false;
-        by_folded.clear();
+        for (const Sub &s : live()) s->live = false;
         exact.clear();
         prefixes.clear();
         prefix_lengths.clear();
@@ -1374,6 +1417,7 @@ Subscription Client::subscribe(std::string_view key, ImageHandler on_image, Chan
     if (key.empty() || memchr(key.data(), 0, key.size()) != nullptr)
         return ec = make_error_code(error::invalid_argument), Subscription();
     Impl &m = *impl_;
+    if (t_in_callback == &m) return ec = make_error_code(error::would_deadlock), Subscription();
     Deadline d = m.deadline(call);
     auto s = std::make_shared<Subscription::State_>(impl_, key, options, std::move(on_image), std::move(on_change));
     std::unique_lock<std::mutex> lock(m.mu);
@@ -1382,7 +1426,7 @@ Subscription Client::subscribe(std::string_view key, ImageHandler on_image, Chan
     // it holds another of the key.
     for (;;) {
         if (m.closed) return ec = make_error_code(error::closed), Subscription();
-        if (m.by_folded.count(s->folded) != 0) return ec = make_error_code(error::exists), Subscription();
+        if (m.indexed(*s)) return ec = make_error_code(error::exists), Subscription();
         auto it = m.cancels.find(s->folded);
         if (it == m.cancels.end()) break;
         if (it->second.sending) {
@@ -1392,7 +1436,7 @@ Subscription Client::subscribe(std::string_view key, ImageHandler on_image, Chan
         }
         Impl::PendingCancel pending = std::move(it->second);
         m.cancels.erase(it);
-        if (m.link == nullptr || m.link->gen != pending.gen || t_in_callback == &m) continue;
+        if (m.link == nullptr || m.link->gen != pending.gen) continue;
         Impl::Link *l = m.link;
         l->users++;
         lock.unlock();
@@ -1427,7 +1471,7 @@ Subscription Client::subscribe(std::string_view key, ImageHandler on_image, Chan
     if (!settled && m.delivering == s.get()) // its image arrived in time and is being delivered
         m.cv.wait(lock, [&] { return s->settled || !s->live; });
     if (m.closed) return ec = make_error_code(error::closed), Subscription();
-    if (!s->live) return ec = make_error_code(s->refused), Subscription();
+    if (!s->live) return ec = make_error_code(s->refused != 0 ? s->refused : KRO_ERR_CLOSED), Subscription();
     if (!s->settled) {
         lock.unlock();
         m.cancel(s);
