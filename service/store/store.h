@@ -43,6 +43,16 @@ constexpr uint8_t kTriggerStored = 1;            // a put stored the key
 constexpr uint8_t kTriggerRemoved = 2;           // a remove deleted the key
 constexpr uint8_t kTriggerEnded = 4;             // the service ended the subscription (never masked)
 
+// How a call ended: code 0, kStatusNoMatch or a failure status above; for
+// a failure, detail is the store's own account of it (the service logs it
+// beside the status and never sends it to a client). detail views bytes
+// that live only while the completion runs.
+struct Outcome {
+    Outcome(uint32_t c = 0, std::string_view d = std::string_view()) : code(c), detail(d) {}
+    uint32_t code;
+    std::string_view detail;
+};
+
 struct ObjectView {
     std::string_view key;
     std::string_view value;                      // empty when key-only
@@ -57,15 +67,16 @@ public:
     // The feed stopped for good (the store was unreachable for longer than
     // its retry allows, or its history was compacted past the feed): no
     // change after the last one delivered will be seen until follow(true)
-    // starts it again.
+    // starts it again. why is the cause in a few words ("store history
+    // compacted"), sent to every subscriber as it is: never a value's bytes.
     virtual void on_feed_ended(const std::string &why) = 0;
 };
 
 class Store {
 public:
-    using Done = std::function<void(uint32_t status)>;
-    // status, the revision the objects were read at, the objects in key order.
-    using Read = std::function<void(uint32_t status, int64_t revision, const std::vector<ObjectView> &objects)>;
+    using Done = std::function<void(Outcome outcome)>;
+    // How it ended, the revision the objects were read at, the objects in key order.
+    using Read = std::function<void(Outcome outcome, int64_t revision, const std::vector<ObjectView> &objects)>;
 
     virtual ~Store() = default;
 
