@@ -167,9 +167,9 @@ public:
     // I/O thread: one line on stderr when logging is on.
     void log(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
     // I/O thread: the store call of c's op completed.
-    void finish(Connection &c, const Outcome &outcome);
-    void finish_read(Connection &c, const Outcome &outcome, const std::vector<ObjectView> &objects);
-    void finish_post(Connection &c, const Outcome &outcome, int64_t revision, const std::vector<ObjectView> &objects);
+    void finish(Connection &c, const StoreStatus &outcome);
+    void finish_read(Connection &c, const StoreStatus &outcome, const std::vector<ObjectView> &objects);
+    void finish_post(Connection &c, const StoreStatus &outcome, int64_t revision, const std::vector<ObjectView> &objects);
     // I/O thread: c is closing; its subscriptions end.
     void drop_all(Connection &c);
 
@@ -188,7 +188,7 @@ private:
                       const std::vector<ObjectView> &objects);
     void send_held(Connection &c, const Held &e, bool begun_only);
     void drop(Subscription &s);
-    void failed(Connection &c, const char *what, const Outcome &outcome);
+    void failed(Connection &c, const char *what, const StoreStatus &outcome);
     void refollow();
     static size_t largest_packet(const std::string &key, size_t value_size);
 
@@ -539,17 +539,17 @@ void Engine::handle(Connection &c, const codec::Packet &p)
             break;
         }
         c.suspend();
-        store_->put(h.key, p.body, [cp](Outcome outcome) { cp->engine().finish(*cp, outcome); });
+        store_->put(h.key, p.body, [cp](const StoreStatus &outcome) { cp->engine().finish(*cp, outcome); });
         break;
     }
     case codec::kOpRemove:
         c.suspend();
-        store_->remove(h.key, [cp](Outcome outcome) { cp->engine().finish(*cp, outcome); });
+        store_->remove(h.key, [cp](const StoreStatus &outcome) { cp->engine().finish(*cp, outcome); });
         break;
     case codec::kOpGet:
         if (!answer) break;
         c.suspend();
-        store_->read(h.key, c.op.key_only, [cp](Outcome outcome, int64_t, const std::vector<ObjectView> &objects) {
+        store_->read(h.key, c.op.key_only, [cp](const StoreStatus &outcome, int64_t, const std::vector<ObjectView> &objects) {
             cp->engine().finish_read(*cp, outcome, objects);
         });
         break;
@@ -566,7 +566,7 @@ void Engine::handle(Connection &c, const codec::Packet &p)
         refollow();
         c.suspend();
         store_->begin(h.key, c.op.key_only, c.op.image,
-                      [cp](Outcome outcome, int64_t revision, const std::vector<ObjectView> &objects) {
+                      [cp](const StoreStatus &outcome, int64_t revision, const std::vector<ObjectView> &objects) {
                           cp->engine().finish_post(*cp, outcome, revision, objects);
                       });
         break;
@@ -597,16 +597,16 @@ size_t Engine::largest_packet(const std::string &key, size_t value_size)
 }
 
 // Logs a store call that failed, with the store's own account of it.
-void Engine::failed(Connection &c, const char *what, const Outcome &outcome)
+void Engine::failed(Connection &c, const char *what, const StoreStatus &outcome)
 {
     if (outcome.code == 0 || outcome.code == kStatusNoMatch) return;
     log("conn %llu %s failed: %s (%u)%s%.*s", static_cast<unsigned long long>(c.id()), what,
-        status_text(outcome.code), outcome.code, outcome.detail.empty() ? "" : ": ",
-        static_cast<int>(std::min<size_t>(outcome.detail.size(), 300)), outcome.detail.data());
+        status_text(outcome.code), outcome.code, outcome.why.empty() ? "" : ": ",
+        static_cast<int>(std::min<size_t>(outcome.why.size(), 300)), outcome.why.data());
 }
 
 // Answers a put or a remove with the store's status.
-void Engine::finish(Connection &c, const Outcome &outcome)
+void Engine::finish(Connection &c, const StoreStatus &outcome)
 {
     failed(c, c.op.opcode == codec::kOpPut ? "put" : "remove", outcome);
     if (!c.closed() && c.op.corrid) {
@@ -617,7 +617,7 @@ void Engine::finish(Connection &c, const Outcome &outcome)
     c.resume();
 }
 
-void Engine::finish_read(Connection &c, const Outcome &outcome, const std::vector<ObjectView> &objects)
+void Engine::finish_read(Connection &c, const StoreStatus &outcome, const std::vector<ObjectView> &objects)
 {
     failed(c, "get", outcome);
     if (!c.closed()) {
@@ -648,7 +648,7 @@ void Engine::send_held(Connection &c, const Held &e, bool begun_only)
 // order: the held changes up to revision that the connection's other
 // subscriptions select; the reply; the image; the held changes after
 // revision that any of them selects, the new one included.
-void Engine::finish_post(Connection &c, const Outcome &outcome, int64_t revision,
+void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revision,
                          const std::vector<ObjectView> &objects)
 {
     Subscription *sub = c.starting;
@@ -663,8 +663,8 @@ void Engine::finish_post(Connection &c, const Outcome &outcome, int64_t revision
     c.held.clear();
     std::string feed_lost(std::move(c.feed_lost));
     c.feed_lost.clear();
-    Outcome result = outcome;
-    if (result.code == 0 && !feed_lost.empty()) result = Outcome(kStatusStoreUnavailable, feed_lost);
+    StoreStatus result = outcome;
+    if (result.code == 0 && !feed_lost.empty()) result = StoreStatus(kStatusStoreUnavailable, std::move(feed_lost));
     failed(c, "post", result);
     if (result.code != 0) {
         drop(*sub);

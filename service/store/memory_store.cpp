@@ -34,7 +34,7 @@ public:
     {
         auto it = objects_.find(key);
         if (it == objects_.end()) {
-            done(Outcome(kStatusNoMatch));
+            done(kStatusNoMatch);
             return;
         }
         auto node = objects_.extract(it);

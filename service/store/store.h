@@ -21,6 +21,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace asio {
@@ -43,16 +44,6 @@ constexpr uint8_t kTriggerStored = 1;            // a put stored the key
 constexpr uint8_t kTriggerRemoved = 2;           // a remove deleted the key
 constexpr uint8_t kTriggerEnded = 4;             // the service ended the subscription (never masked)
 
-// How a call ended: code 0, kStatusNoMatch or a failure status above; for
-// a failure, detail is the store's own account of it (the service logs it
-// beside the status and never sends it to a client). detail views bytes
-// that live only while the completion runs.
-struct Outcome {
-    Outcome(uint32_t c = 0, std::string_view d = std::string_view()) : code(c), detail(d) {}
-    uint32_t code;
-    std::string_view detail;
-};
-
 struct ObjectView {
     std::string_view key;
     std::string_view value;                      // empty when key-only
@@ -64,19 +55,32 @@ public:
     virtual ~Listener() = default;
     // One change: value is null for a removal.
     virtual void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision) = 0;
-    // The feed stopped for good (the store was unreachable for longer than
-    // its retry allows, or its history was compacted past the feed): no
-    // change after the last one delivered will be seen until follow(true)
-    // starts it again. why is the cause in a few words ("store history
-    // compacted"), sent to every subscriber as it is: never a value's bytes.
+    // The feed stopped for good: the store no longer holds the changes
+    // after the last one delivered (etcd compacted them while the feed was
+    // broken), so none after it will be seen until follow(true) starts it
+    // again. why says so in a line fit for a client ("etcd compacted
+    // revision N; the changes after R are lost"). A store that cannot be
+    // reached does not end the feed: it resumes where it stopped.
     virtual void on_feed_ended(const std::string &why) = 0;
+};
+
+// How a store call ended: its status and, for a failure, the store's own
+// words for it (for the log beside the status; empty otherwise). Converts
+// from and to the bare status, so a completion that wants only the number
+// takes a uint32_t.
+struct StoreStatus {
+    StoreStatus(uint32_t code = 0, std::string why = std::string()) : code(code), why(std::move(why)) {}
+    operator uint32_t() const { return code; }
+    uint32_t code;
+    std::string why;
 };
 
 class Store {
 public:
-    using Done = std::function<void(Outcome outcome)>;
-    // How it ended, the revision the objects were read at, the objects in key order.
-    using Read = std::function<void(Outcome outcome, int64_t revision, const std::vector<ObjectView> &objects)>;
+    using Done = std::function<void(const StoreStatus &status)>;
+    // status, the revision the objects were read at, the objects in key order.
+    using Read =
+        std::function<void(const StoreStatus &status, int64_t revision, const std::vector<ObjectView> &objects)>;
 
     virtual ~Store() = default;
 

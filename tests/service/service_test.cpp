@@ -594,7 +594,8 @@ TEST_P(ServiceTest, PostsAmidWritesSendTheChangesUpToTheImageBeforeTheReplyAndOn
     ASSERT_GE(written, 20);
     const std::string last = std::to_string(written - 1);
     for (auto [raw, log] : {std::pair<RawClient *, std::vector<Seen> *>{&a, &log_a}, {&b, &log_b}})
-        while (log->empty() || !log->back().note || log->back().value != last) {
+        for (bool got = std::any_of(log->begin(), log->end(), [&](const Seen &s) { return s.note && s.value == last; });
+             !got; got = log->back().note && log->back().value == last) {
             log->push_back(seen(raw->next()));
             ASSERT_FALSE(log->back().key.empty() && log->back().corrid == 0) << "stream ended";
         }
