@@ -61,12 +61,16 @@ constexpr uint32_t kStatusExists = 20;         // the connection already subscri
 
 constexpr size_t kReadChunk = 64 * 1024;       // bytes asked of each read
 constexpr size_t kMaxGather = 64;              // queued packets handed to one write
+// Values of this many bytes or more are sent from the store's own string
+// when it shares it (ObjectView::shared), after a packet's first bytes,
+// instead of being copied into the packet.
+constexpr size_t kShareFrom = 16 * 1024;
 
 using Bytes = std::shared_ptr<const std::string>; // an encoded packet, shared between subscribers
 
 // The key with ASCII letters lowered: keys the client compares as equal
 // (without regard to letter case) fold to the same bytes.
-std::string fold_key(const std::string &key)
+std::string fold_key(std::string_view key)
 {
     std::string folded(key);
     for (char &ch : folded)
@@ -91,7 +95,7 @@ const char *status_text(uint32_t status)
 
 // s with every byte outside printable ASCII replaced by '?', so that a log
 // line stays one line whatever a client sends.
-std::string printable(const std::string &s)
+std::string printable(std::string_view s)
 {
     std::string out(s);
     for (char &ch : out)
@@ -109,8 +113,8 @@ class Connection;
 // One post of one connection, indexed under its key while it lives. Owned
 // by its connection's table (Connection::subs).
 struct Subscription : SubscriptionIndex::Entry {
-    Subscription(Connection *c, const std::string &k, uint8_t t, bool ko)
-        : Entry(k), conn(c), folded(fold_key(k)), triggers(t), key_only(ko)
+    Subscription(Connection *c, std::string_view k, uint8_t t, bool ko)
+        : Entry(std::string(k)), conn(c), folded(fold_key(k)), triggers(t), key_only(ko)
     {
     }
     Connection *const conn;                    // the owner
@@ -163,7 +167,7 @@ public:
     // I/O thread: the connection asks to be forgotten (it has closed).
     void forget(uint64_t id, const std::string &why);
     // I/O thread: one decoded packet from a connection.
-    void handle(Connection &c, const codec::Packet &p);
+    void handle(Connection &c, const codec::PacketView &p);
     // I/O thread: one line on stderr when logging is on.
     void log(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
     // I/O thread: the store call of c's op completed.
@@ -173,7 +177,8 @@ public:
     // I/O thread: c is closing; its subscriptions end.
     void drop_all(Connection &c);
 
-    void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision) override;
+    void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision,
+                   const SharedValue &shared) override;
     void on_feed_ended(const std::string &why) override;
 
     const Options options_;                    // as given; read-only
@@ -190,9 +195,8 @@ private:
     void drop(Subscription &s);
     void failed(Connection &c, const char *what, const StoreStatus &outcome);
     void refollow();
-    static size_t largest_packet(const std::string &key, size_t value_size);
 
-    asio::io_context io_;                      // runs every handler, on thread_
+    asio::io_context io_{1};                   // runs every handler, on thread_ (one thread: the hint)
     asio::ip::tcp::acceptor acceptor_{io_};    // the listener
     std::thread thread_;                       // the I/O thread; joinable from start() to stop()
     bool started_ = false;                     // owning thread: start() succeeded once
@@ -229,6 +233,8 @@ public:
     // unsent, no further request of this connection is handled (see
     // pump), so they are bounded by max_queue plus one answer.
     void send(std::string bytes) { queue(make_bytes(std::move(bytes)), false); }
+    // The same for bytes shared with others (a value the store shares).
+    void send(Bytes bytes) { queue(std::move(bytes), false); }
 
     // Queues a notification. Closes the connection, abortively, when its
     // unsent notification bytes would exceed the engine's max_queue: a
@@ -329,7 +335,7 @@ private:
             const uint8_t *data = reinterpret_cast<const uint8_t *>(in_.data()) + off;
             codec::FrameResult f = codec::frame(data, in_.size() - off);
             if (f.status == codec::FrameStatus::NeedMore) break;
-            codec::Packet p;
+            codec::PacketView p;
             if (f.status == codec::FrameStatus::Invalid || !codec::decode(data, f.wirelen, p)) {
                 engine_.stats_.dropped_invalid++;
                 close("invalid packet");
@@ -489,10 +495,10 @@ void Engine::forget(uint64_t id, const std::string &why)
     log("conn %llu closed: %s", static_cast<unsigned long long>(id), why.c_str());
 }
 
-void Engine::handle(Connection &c, const codec::Packet &p)
+void Engine::handle(Connection &c, const codec::PacketView &p)
 {
     if (!c.handshaken) {
-        if (!p.handshake_request || p.handshake_request->service_type != "data") {
+        if (p.body_type != codec::kTypeHandshakeRequest || p.strings[0] != "data") {
             stats_.dropped_invalid++;
             c.close("first packet is no handshake for service type \"data\"");
             return;
@@ -501,7 +507,7 @@ void Engine::handle(Connection &c, const codec::Packet &p)
         codec::encode_handshake_reply(out, 1, options_.ltp, options_.name);
         c.handshaken = true;
         log("conn %llu handshake: client \"%s\" group \"%s\"", static_cast<unsigned long long>(c.id()),
-            printable(p.handshake_request->client_name).c_str(), printable(p.handshake_request->client_group).c_str());
+            printable(p.strings[1]).c_str(), printable(p.strings[2]).c_str());
         c.send(std::move(out));
         return;
     }
@@ -518,7 +524,7 @@ void Engine::handle(Connection &c, const codec::Packet &p)
         }
         return;
     }
-    const codec::HspaceSubheader &h = *p.hspace;
+    const codec::HspaceView &h = *p.hspace;
     const bool answer = corrid && h.semantic != codec::kSemNoReply;
     c.op = Op{};
     if (answer) c.op.corrid = corrid;
@@ -529,7 +535,9 @@ void Engine::handle(Connection &c, const codec::Packet &p)
 
     switch (h.opcode) {
     case codec::kOpPut: {
-        size_t largest = largest_packet(h.key, p.body.size());
+        // The largest packet that would carry the value: an object
+        // answering a get or a post (a notification is smaller).
+        size_t largest = codec::object_size(h.key.size(), p.body.size());
         if (largest > options_.max_queue) {
             log("conn %llu put refused: value of %zu bytes under key \"%s\" would make packets of %zu bytes, over "
                 "the %zu-byte queue bound",
@@ -585,17 +593,6 @@ void Engine::handle(Connection &c, const codec::Packet &p)
     if (!out.empty()) c.send(std::move(out));
 }
 
-// The size of the largest packet that carries a value of value_size bytes
-// stored under key: an object answering a get or a post, or a notification.
-size_t Engine::largest_packet(const std::string &key, size_t value_size)
-{
-    static const std::string one(1, 'x');
-    std::string object, notification;
-    codec::encode_object(object, ~0u, codec::kOpPost, key, one, ~0u, ~0u, ~0);
-    codec::encode_notification(notification, key, kTriggerRemoved, one);
-    return std::max(object.size(), notification.size()) - 1 + value_size;
-}
-
 // Logs a store call that failed, with the store's own account of it.
 void Engine::failed(Connection &c, const char *what, const StoreStatus &outcome)
 {
@@ -640,7 +637,7 @@ void Engine::send_held(Connection &c, const Held &e, bool begun_only)
     if (!e.by.begun && !fresh) return;
     bool value = e.value && (e.by.begun_value || (fresh && e.by.fresh_value));
     std::string out;
-    codec::encode_notification(out, e.key, e.trigger, value ? *e.value : std::string());
+    codec::encode_notification(out, e.key, e.trigger, value ? std::string_view(*e.value) : std::string_view());
     c.notify(make_bytes(std::move(out)));
 }
 
@@ -727,17 +724,31 @@ void Engine::refollow()
 void Engine::send_objects(Connection &c, uint32_t corrid, uint8_t opcode, bool key_only,
                           const std::vector<ObjectView> &objects)
 {
+    // Values the store shares from kShareFrom bytes are queued as they are
+    // after their packet's first bytes; the rest is copied into packets.
+    auto shared = [key_only](const ObjectView &o) {
+        return !key_only && o.shared && o.value.size() >= kShareFrom && o.value.data() == o.shared->data() &&
+               o.value.size() == o.shared->size();
+    };
     std::string out;
     if (objects.empty()) codec::encode_reply(out, corrid, kStatusNoMatch);
+    size_t total = 0;
+    for (const ObjectView &o : objects)
+        total += codec::object_size(o.key.size(), key_only || shared(o) ? 0 : o.value.size());
+    out.reserve(total);
     uint32_t n = static_cast<uint32_t>(objects.size());
-    static const std::string none;
-    std::string key, value;
     for (uint32_t i = 0; i < n; i++) {
-        key.assign(objects[i].key.data(), objects[i].key.size());
-        if (!key_only) value.assign(objects[i].value.data(), objects[i].value.size());
-        codec::encode_object(out, corrid, opcode, key, key_only ? none : value, n, i + 1);
+        const ObjectView &o = objects[i];
+        if (!shared(o)) {
+            codec::encode_object(out, corrid, opcode, o.key, key_only ? std::string_view() : o.value, n, i + 1);
+            continue;
+        }
+        codec::encode_object_head(out, corrid, opcode, o.key, o.value.size(), n, i + 1);
+        c.send(std::move(out));
+        c.send(o.shared);
+        out.clear();
     }
-    c.send(std::move(out));
+    if (!out.empty()) c.send(std::move(out));
 }
 
 // Sends a notification of the change of key to every connection with a
@@ -746,7 +757,8 @@ void Engine::send_objects(Connection &c, uint32_t corrid, uint8_t opcode, bool k
 // subscriptions are not all key-only. A connection whose post is starting
 // holds the change until the post has begun. The subscriptions are found
 // through the index: the cost is that of the selecting ones.
-void Engine::on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision)
+void Engine::on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision,
+                       const SharedValue &shared)
 {
     const uint64_t change = ++changes_;
     targets_.clear();
@@ -775,6 +787,10 @@ void Engine::on_change(std::string_view key, uint8_t trigger, const std::string_
     // and the index: each target is kept alive while it is served, and the
     // list is moved aside in case a close reenters.
     std::vector<std::pair<Connection *, Selection>> targets(std::move(targets_));
+    // A large value the store shares follows its packet's first bytes as
+    // it is (value_bytes) instead of being copied into the packet.
+    bool share = value != nullptr && shared && value->size() >= kShareFrom && value->data() == shared->data() &&
+                 value->size() == shared->size();
     Bytes with_value, without_value;
     for (auto &[cp, by] : targets) {
         std::shared_ptr<Connection> c = cp->shared_from_this();
@@ -788,10 +804,14 @@ void Engine::on_change(std::string_view key, uint8_t trigger, const std::string_
         Bytes &bytes = send_value ? with_value : without_value;
         if (!bytes) {
             std::string out;
-            codec::encode_notification(out, std::string(key), trigger, send_value ? std::string(*value) : std::string());
+            if (send_value && share)
+                codec::encode_notification_head(out, key, trigger, value->size());
+            else
+                codec::encode_notification(out, key, trigger, send_value ? *value : std::string_view());
             bytes = make_bytes(std::move(out));
         }
         c->notify(bytes);
+        if (send_value && share) c->notify(shared);
     }
     targets.clear();
     targets_ = std::move(targets);

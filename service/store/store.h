@@ -44,17 +44,24 @@ constexpr uint8_t kTriggerStored = 1;            // a put stored the key
 constexpr uint8_t kTriggerRemoved = 2;           // a remove deleted the key
 constexpr uint8_t kTriggerEnded = 4;             // the service ended the subscription (never masked)
 
+// A value's bytes as a string that whoever holds this keeps valid: a store
+// that can hand out its values so lets the service send them without a copy.
+using SharedValue = std::shared_ptr<const std::string>;
+
 struct ObjectView {
     std::string_view key;
     std::string_view value;                      // empty when key-only
+    SharedValue shared = nullptr;                // value's bytes, kept valid by holding it; null: copy them
 };
 
 // Receives the change feed while it is followed. I/O thread.
 class Listener {
 public:
     virtual ~Listener() = default;
-    // One change: value is null for a removal.
-    virtual void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision) = 0;
+    // One change: value is null for a removal. shared, when not null, holds
+    // value's bytes for as long as it is kept (see ObjectView).
+    virtual void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision,
+                           const SharedValue &shared = nullptr) = 0;
     // The feed stopped for good: the store no longer holds the changes
     // after the last one delivered (etcd compacted them while the feed was
     // broken), so none after it will be seen until follow(true) starts it
@@ -87,6 +94,10 @@ public:
     // Stores or replaces the value under key. When the feed is followed,
     // done runs after the Listener has seen the change.
     virtual void put(std::string_view key, std::string_view value, Done done) = 0;
+    // The same with a value the store may take over (it is left
+    // unspecified): a large value moves from the request into the store
+    // without a copy. By default a put of the bytes.
+    virtual void put_owned(std::string_view key, std::string &&value, Done done) { put(key, value, std::move(done)); }
     // Deletes key; kStatusNoMatch when nothing was stored. When the feed is
     // followed, done runs after the Listener has seen the change.
     virtual void remove(std::string_view key, Done done) = 0;

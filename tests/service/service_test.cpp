@@ -489,6 +489,37 @@ TEST_P(ServiceTest, ValuesAreBoundedAndAnswersOverTheBoundArePaced)
     EXPECT_EQ(server_->stats().dropped_slow.load(), 0u);
 }
 
+TEST_P(ServiceTest, QueuedAnswersKeepTheValuesTheyWereMadeWith)
+{
+    // Pipelined by a client that reads nothing until all is sent: the
+    // answer to the first get still waits to be sent when the next put
+    // replaces the value (large values are sent from the stored string
+    // itself), and must go out as it was; a subscriber's notifications too.
+    RawClient raw(server_->port(), 4096), sub(server_->port(), 4096);
+    sub.send(request(codec::kOpPost, "big", 1u, codec::kSemSync, codec::kFlagNoImage));
+    ASSERT_TRUE(sub.next().rr->is_success());
+    const std::string a(200 * 1024, 'a'), b(200 * 1024, 'b'), c(100, 'c');
+    raw.send(request(codec::kOpPut, "big", 1u, codec::kSemSync, 0, a) + request(codec::kOpGet, "big", 2u) +
+             request(codec::kOpPut, "big", 3u, codec::kSemSync, 0, b) + request(codec::kOpGet, "big", 4u) +
+             request(codec::kOpPut, "big", 5u, codec::kSemSync, 0, c) + request(codec::kOpGet, "big", 6u) +
+             request(codec::kOpRemove, "big", 7u) + request(codec::kOpGet, "big", 8u));
+    const std::pair<uint32_t, const std::string *> answers[] = {{1, nullptr}, {2, &a}, {3, nullptr}, {4, &b},
+                                                                {5, nullptr}, {6, &c}, {7, nullptr}, {8, nullptr}};
+    for (const auto &[corrid, value] : answers) {
+        codec::Packet p = raw.next();
+        ASSERT_TRUE(p.rr.has_value()) << corrid;
+        EXPECT_EQ(p.rr->corrid, corrid);
+        EXPECT_EQ(p.rr->error(), corrid == 8 ? KRO_ERR_NO_MATCH : 0u) << corrid;
+        EXPECT_TRUE(value == nullptr || p.body == *value) << corrid << ": " << p.body.substr(0, 8);
+    }
+    for (const std::string *value : {&a, &b, &c}) {
+        codec::Packet p = sub.next();
+        EXPECT_TRUE(p.hspace && p.hspace->triggers == 1 && p.body == *value) << p.body.substr(0, 8);
+    }
+    codec::Packet removed = sub.next();
+    EXPECT_TRUE(removed.hspace && removed.hspace->triggers == 2 && removed.body.empty());
+}
+
 // What a raw connection received: notifications, replies and objects in
 // arrival order.
 struct Seen {
