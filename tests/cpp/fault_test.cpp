@@ -129,6 +129,46 @@ TEST_F(FaultTest, EveryCallReturnsAtItsDeadline)
     EXPECT_TRUE(never.lines().empty());
 }
 
+// The link fails under calls waiting without deadline: each returns the
+// link's error at once, except a subscribe waiting for its image when the
+// Client reconnects: its post goes out on the new link, and that image
+// (not a resync: the first it delivers) ends the wait.
+TEST_F(FaultTest, ALinkFailureEndsOrCarriesTheWaitingCalls)
+{
+    for (bool reconnect : {false, true}) {
+        SCOPED_TRACE(reconnect ? "reconnecting" : "not reconnecting");
+        qh::Options o = TestOptions(reconnect);
+        o.call_timeout = qh::no_deadline;
+        open(o);
+        Seen seen;
+        Async<std::error_code> get([&] { std::error_code ec; client_->get("g", ec); return ec; });
+        expect(codec::kOpGet, "g");
+        std::error_code subscribed;
+        Async<qh::Subscription> sub([&] { return client_->subscribe("s", seen.images(), nullptr, {}, subscribed); });
+        conn_.reply(expect(codec::kOpPost, "s")); // its image never comes on this link
+        if (reconnect)
+            svc_.serve([](FakeConnection &c) {
+                c.handshake();
+                Packet p = c.next_packet();
+                EXPECT_TRUE(p.hspace && p.rr && p.hspace->opcode == codec::kOpPost && p.hspace->key == "s");
+                c.reply(p.rr->corrid), c.objects(p.rr->corrid, codec::kOpPost, {{"s", "new"}});
+            });
+        conn_.close();
+        EXPECT_EQ(Errc::connection_reset, get.wait()); // the peer closed the connection
+        qh::Subscription s = sub.wait();
+        EXPECT_EQ(reconnect, bool(s));
+        if (reconnect) {
+            EXPECT_EQ(std::vector<std::string>{"image:0:s=new,"}, seen.lines());
+            ASSERT_TRUE(svc_.join());
+            conn_ = svc_.take_connection();
+        } else {
+            EXPECT_EQ(Errc::connection_reset, subscribed);
+        }
+        s.reset();
+        client_.reset();
+    }
+}
+
 // Frozen: the service neither reads nor answers. Resetting a
 // Subscription and destroying the Client return at once; no callback of
 // them runs afterwards, though the reader goes on serving the others.

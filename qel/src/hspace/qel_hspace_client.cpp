@@ -744,9 +744,10 @@ void Client::Impl::on_image_event(t_qel_hspace_reply_image_event_data_struct *d,
     images.erase(it);
     if (d->status != 0) {
         // The end of the link ends the image too: the post goes out again
-        // on the next link, or the Client closes.
+        // on the next link, or the Client closes, or, without reconnection,
+        // a subscribe still waiting for its first image fails with it.
         s->image.clear();
-        if (is_link_error(d->status)) return;
+        if (is_link_error(d->status) && (options.reconnect.enabled || s->settled)) return;
         // The service refused the image, which ended the post: the first
         // one fails its subscribe; later, the subscription is posted again.
         if (!s->settled) {
