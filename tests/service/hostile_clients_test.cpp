@@ -597,8 +597,8 @@ TEST_F(HostileClients, LengthNoPacketCanHaveClosesAtTheHeader)
 // hold: each answered 2, the connection's present subscriptions still
 // there, and another client answered meanwhile. Over --max-subscriptions a
 // post is refused with 1106 (a duplicate is still 20), and a cancel makes
-// room again.
-TEST_F(HostileClients, ManySubscriptionsThenCancelsOfAbsentKeys)
+// room again. Then all of them cancelled, while another client is served.
+TEST_F(HostileClients, ManySubscriptionsThenCancels)
 {
     const size_t subs = 100000 / kScaleDown, cancels = 1000 / kScaleDown;
     start({"--max-subscriptions", std::to_string(subs)});
@@ -631,6 +631,16 @@ TEST_F(HostileClients, ManySubscriptionsThenCancelsOfAbsentKeys)
     EXPECT_EQ(p.call(codec::kOpPost, "one/too/many", 7, "", codec::kFlagNoImage), 0u);
     EXPECT_TRUE(good_->served());
     expect_peak_within(128 * kMiB, "subscriptions");
+
+    // Then every one of them cancelled, in the order posted; the one
+    // cancelled before is no longer there.
+    batch.clear();
+    for (size_t i = 0; i < subs; i++) batch += request(codec::kOpCancel, "SUB/" + std::to_string(i), 8);
+    ASSERT_TRUE(p.send(batch));
+    EXPECT_TRUE(good_->served());
+    for (size_t i = 0; i < subs; i++) ASSERT_EQ(p.status_of(8), i == subs / 2 ? kStatusNoMatch : 0u) << i;
+    EXPECT_EQ(p.call(codec::kOpCancel, "one/too/many", 9), 0u);
+    EXPECT_EQ(p.call(codec::kOpCancel, "one/too/many", 10), kStatusNoMatch);
     EXPECT_EQ(daemon_->count("post refused"), 1u) << "logged once per connection";
 }
 
