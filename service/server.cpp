@@ -45,6 +45,7 @@
 #include <asio.hpp>
 
 #include "hspace_codec.h"
+#include "keyed_hash.h"
 #include "store/store.h"
 #include "subscription_index.h"
 
@@ -274,7 +275,7 @@ public:
     bool handshaken = false;                   // the handshake was answered
     // This connection's subscriptions by Subscription::folded, which the
     // key views: a post's duplicate test and a cancel are one lookup.
-    std::unordered_map<std::string_view, std::unique_ptr<Subscription>> subs;
+    std::unordered_map<std::string_view, std::unique_ptr<Subscription>, KeyedHash> subs;
     Subscription *starting = nullptr;          // the one whose post waits for the store, if any
     std::vector<Held> held;                    // changes held while starting is set
     std::string feed_lost;                     // why the store's feed ended while starting was set
@@ -540,7 +541,7 @@ void Engine::handle(Connection &c, const codec::PacketView &p)
         size_t largest = codec::object_size(h.key.size(), p.body.size());
         if (largest > options_.max_queue) {
             log("conn %llu put refused: value of %zu bytes under key \"%s\" would make packets of %zu bytes, over "
-                "the %zu-byte queue bound",
+                "--max-queue (%zu bytes)",
                 static_cast<unsigned long long>(c.id()), p.body.size(), printable(h.key).c_str(), largest,
                 options_.max_queue);
             if (answer) codec::encode_reply(out, *corrid, kStatusTooLarge);
