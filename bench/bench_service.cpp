@@ -11,9 +11,12 @@
  *     either client library in the figures;
  *   - put-to-notification latency with 0 and 100,000 subscriptions held by
  *     another connection (exact keys and patterns that never select the
- *     key written).
+ *     key written);
+ *   - the service's peak resident memory over its idle size while a value
+ *     of 60 MiB is put, then got back, then a second one notified to a
+ *     subscriber, less the values stored.
  *
- *   bench_rows_service [--quick] [--only peers|subs]
+ *   bench_rows_service [--quick] [--only peers|subs|memory]
  *   bench_rows_service --load PORT [--redis] [--ops N]
  *
  * --load only drives an hspaced (or with --redis a redis-server) already
@@ -408,6 +411,53 @@ void SubscriptionFigures()
         b[b.size() / 2], "us", -1, "svc.notify.0", "<= 1.10");
 }
 
+// Peak resident bytes of process pid (VmHWM).
+double PeakBytes(pid_t pid)
+{
+    char path[64], line[256];
+    snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(pid));
+    FILE *f = fopen(path, "r");
+    double kb = 0;
+    while (f != nullptr && fgets(line, sizeof line, f) != nullptr)
+        if (sscanf(line, "VmHWM: %lf kB", &kb) == 1) break;
+    if (f != nullptr) fclose(f);
+    return kb * 1024;
+}
+
+void MemoryFigures()
+{
+    const char *section = "hspaced: memory for one large value";
+    const double mib = 1024.0 * 1024.0;
+    const std::string value(60 << 20, 'v');
+    Child hs = ForkHspaced();
+    int c = HspaceConnect(hs.port), sub = HspaceConnect(hs.port);
+    std::string buf, sbuf;
+    SendAll(c, HspaceRequest(codec::kOpGet, "none", 1));
+    ReadAnswer(c, buf, HspacePacket);
+    double base = PeakBytes(hs.pid);
+    SendAll(c, HspaceRequest(codec::kOpPut, "big", 2, value));
+    ReadAnswer(c, buf, HspacePacket);
+    double put = PeakBytes(hs.pid);
+    SendAll(c, HspaceRequest(codec::kOpGet, "big", 3));
+    ReadAnswer(c, buf, HspacePacket);
+    double get = PeakBytes(hs.pid);
+    SendAll(sub, HspaceRequest(codec::kOpPost, "big2", 1, "", codec::kFlagNoImage));
+    ReadAnswer(sub, sbuf, HspacePacket);
+    SendAll(c, HspaceRequest(codec::kOpPut, "big2", 4, value));
+    ReadAnswer(sub, sbuf, HspacePacket);
+    ReadAnswer(c, buf, HspacePacket);
+    double notify = PeakBytes(hs.pid);
+    close(c);
+    close(sub);
+    Stop(hs);
+    const double n = static_cast<double>(value.size());
+    Row("svc.mem.put", section, "peak memory over idle, put of 60 MiB, less the value", (put - base - n) / mib, "MiB",
+        -1, "-", "<= 16");
+    Row("svc.mem.get", section, "the same, then a get of it", (get - base - n) / mib, "MiB", -1, "-", "<= 16");
+    Row("svc.mem.notify", section, "the same, then a second value notified to a subscriber, less both values",
+        (notify - base - 2 * n) / mib, "MiB", -1, "-", "<= 16");
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -428,8 +478,8 @@ int main(int argc, char **argv)
         } else if (strcmp(argv[i], "--ops") == 0 && i + 1 < argc) {
             ops = atol(argv[++i]);
         } else {
-            fprintf(stderr,
-                    "usage: bench_rows_service [--quick] [--only peers|subs] | --load PORT [--redis] [--ops N]\n");
+            fprintf(stderr, "usage: bench_rows_service [--quick] [--only peers|subs|memory] | --load PORT [--redis] "
+                            "[--ops N]\n");
             return 2;
         }
     }
@@ -450,5 +500,6 @@ int main(int argc, char **argv)
     }
     if (only.empty() || only == "peers") PeerFigures();
     if (only.empty() || only == "subs") SubscriptionFigures();
+    if (only.empty() || only == "memory") MemoryFigures();
     return 0;
 }

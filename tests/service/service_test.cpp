@@ -520,6 +520,38 @@ TEST_P(ServiceTest, QueuedAnswersKeepTheValuesTheyWereMadeWith)
     EXPECT_TRUE(removed.hspace && removed.hspace->triggers == 2 && removed.body.empty());
 }
 
+TEST_P(ServiceTest, LongPacketsAreReceivedWholeWhateverFollowsThem)
+{
+    // Packets over a MiB are received into a string of their own, from
+    // which a put's value moves into the store: the requests sent behind one
+    // in the same write, a long packet that is no put, one refused for the
+    // bound and one cut short by a close all behave as short ones do.
+    server_ = serve(options(1536 * 1024));
+    RawClient raw(server_->port());
+    std::string value(1280 * 1024, 'x');
+    for (size_t i = 0; i < value.size(); i += 999) value[i] = static_cast<char>(i / 999);
+    const std::string over(1536 * 1024 + 1000, 'o'); // over the bound, under the longest request
+    raw.send(request(codec::kOpPut, "long", 1u, codec::kSemSync, 0, value) + request(codec::kOpGet, "long", 2u) +
+             request(codec::kOpGet, "long", 3u, codec::kSemSync, 0, std::string(1100 * 1024, 'g')) +
+             request(codec::kOpPut, "long", 4u, codec::kSemSync, 0, over) + request(codec::kOpGet, "long", 5u));
+    const std::pair<uint32_t, uint32_t> answers[] = {{1, 0}, {2, 0}, {3, 0}, {4, KRO_ERR_INVALID_ARG}, {5, 0}};
+    for (const auto &[corrid, status] : answers) {
+        codec::Packet p = raw.next();
+        ASSERT_TRUE(p.rr.has_value()) << corrid;
+        EXPECT_EQ(p.rr->corrid, corrid);
+        EXPECT_EQ(p.rr->error(), status) << corrid;
+        EXPECT_TRUE(corrid == 1 || corrid == 4 || p.body == value) << corrid;
+    }
+    {
+        std::string cut = request(codec::kOpPut, "cut", 6u, codec::kSemSync, 0, value);
+        RawClient(server_->port()).send(cut.substr(0, cut.size() / 2));
+    }
+    raw.send(request(codec::kOpGet, "cut", 7u));
+    codec::Packet none = raw.next();
+    EXPECT_TRUE(none.rr && none.rr->corrid == 7u && none.rr->error() == KRO_ERR_NO_MATCH);
+    EXPECT_EQ(server_->stats().dropped_invalid.load(), 0u);
+}
+
 // What a raw connection received: notifications, replies and objects in
 // arrival order.
 struct Seen {
