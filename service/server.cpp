@@ -180,7 +180,8 @@ public:
     // I/O thread: the store call of c's op completed.
     void finish(Connection &c, const StoreStatus &outcome);
     void finish_read(Connection &c, const StoreStatus &outcome, const std::vector<ObjectView> &objects);
-    void finish_post(Connection &c, const StoreStatus &outcome, int64_t revision, const std::vector<ObjectView> &objects);
+    void finish_post(Connection &c, const StoreStatus &outcome, int64_t revision,
+                     const std::vector<ObjectView> &objects);
     // I/O thread: c is closing; its subscriptions end.
     void drop_all(Connection &c);
 
@@ -634,9 +635,10 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
     case codec::kOpGet:
         if (!answer) break;
         c.suspend();
-        store_->read(h.key, c.op.key_only, [cp](const StoreStatus &outcome, int64_t, const std::vector<ObjectView> &objects) {
-            cp->engine().finish_read(*cp, outcome, objects);
-        });
+        store_->read(h.key, c.op.key_only,
+                     [cp](const StoreStatus &outcome, int64_t, const std::vector<ObjectView> &objects) {
+                         cp->engine().finish_read(*cp, outcome, objects);
+                     });
         break;
     case codec::kOpPost: {
         std::unique_ptr<Subscription> sub(new Subscription(&c, h.key, h.triggers, c.op.key_only));
