@@ -27,6 +27,7 @@
  * redis-server executed), so its CPU is its own.
  */
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -147,23 +148,26 @@ int HspaceConnect(uint16_t port)
     return fd;
 }
 
-// CPU seconds the process pid has used (user + system); 0 for pid 0.
+// CPU seconds the threads of process pid have run, to the nanosecond (the
+// scheduler's own count in /proc/PID/task/TID/schedstat); 0 for pid 0.
 double ProcessCpu(pid_t pid)
 {
     if (pid <= 0) return 0;
     char path[64];
-    snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-    FILE *f = fopen(path, "r");
-    if (f == nullptr) return 0;
-    char line[1024];
-    size_t n = fread(line, 1, sizeof line - 1, f);
-    fclose(f);
-    line[n] = '\0';
-    const char *p = strrchr(line, ')');
-    unsigned long utime = 0, stime = 0;
-    if (p != nullptr)
-        sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime, &stime);
-    return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+    snprintf(path, sizeof path, "/proc/%d/task", static_cast<int>(pid));
+    DIR *dir = opendir(path);
+    if (dir == nullptr) return 0;
+    double total = 0;
+    while (dirent *e = readdir(dir)) {
+        if (e->d_name[0] == '.') continue;
+        std::string stat = std::string(path) + "/" + e->d_name + "/schedstat";
+        FILE *f = fopen(stat.c_str(), "r");
+        unsigned long long ns = 0;
+        if (f != nullptr && fscanf(f, "%llu", &ns) == 1) total += static_cast<double>(ns) / 1e9;
+        if (f != nullptr) fclose(f);
+    }
+    closedir(dir);
+    return total;
 }
 
 struct Child {
