@@ -486,8 +486,8 @@ bool Engine::start(std::string *error)
     };
     if (started_) return fail("already started");
     std::string why;
-    store_ = make_store(options_, io_, *this, &why);
-    if (!store_) return fail(why);
+    store_ = options_.store_factory ? options_.store_factory(*this) : make_store(options_, io_, *this, &why);
+    if (!store_) return fail(why.empty() ? std::string("no store was made") : why);
     asio::error_code ec;
     asio::ip::address address = asio::ip::make_address(options_.host, ec);
     if (ec) {

@@ -714,6 +714,136 @@ std::string store_name(const ::testing::TestParamInfo<std::string> &info) { retu
 INSTANTIATE_TEST_SUITE_P(Stores, ServiceTest,
                          ::testing::ValuesIn(QEL_TEST_ETCD ? Lines{"memory", "etcd"} : Lines{"memory"}), store_name);
 
+// The memory store, except that a subscription's begin completes only
+// after the next put or remove has been told to the listener: with its
+// image read at the begin (early) or after that change (late), alternately,
+// the first early. So a change arrives while a post starts, on one side of
+// its image or the other, in an order the test fixes (the etcd store does
+// the same at the mercy of timing).
+class LateBeginStore final : public hspace::service::Store {
+public:
+    // Tells the test thread that a begin waits for its change.
+    struct Gate {
+        std::mutex mutex;
+        std::condition_variable cond;
+        int begun = 0; // begins called so far
+        bool wait_for(int n)
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            return cond.wait_for(lock, kBound, [&] { return begun >= n; });
+        }
+    };
+    LateBeginStore(hspace::service::Listener &listener, Gate &gate)
+        : inner_(hspace::service::make_memory_store(listener)), gate_(gate)
+    {
+    }
+    void put(std::string_view key, std::string_view value, Done done) override
+    {
+        inner_->put(key, value, [this, done](const hspace::service::StoreStatus &s) { release(), done(s); });
+    }
+    void remove(std::string_view key, Done done) override
+    {
+        inner_->remove(key, [this, done](const hspace::service::StoreStatus &s) { release(), done(s); });
+    }
+    void read(std::string_view key, bool key_only, Read done) override { inner_->read(key, key_only, done); }
+    void follow(bool on) override { inner_->follow(on); }
+    void begin(std::string_view key, bool key_only, bool with_objects, Read done) override
+    {
+        pending_ = Pending{std::string(key), key_only, with_objects, (begins_++ % 2) == 1, std::move(done), 0, {}};
+        if (!pending_->late)
+            inner_->begin(key, key_only, with_objects,
+                          [this](const hspace::service::StoreStatus &, int64_t revision,
+                                 const std::vector<hspace::service::ObjectView> &objects) {
+                              pending_->revision = revision;
+                              for (const auto &o : objects) pending_->image.emplace_back(o.key, o.value);
+                          });
+        std::lock_guard<std::mutex> lock(gate_.mutex);
+        gate_.begun = begins_;
+        gate_.cond.notify_all();
+    }
+    void close() override { inner_->close(); }
+    const char *kind() const override { return "late-begin memory"; }
+
+private:
+    void release()
+    {
+        if (!pending_) return;
+        Pending p = std::move(*pending_);
+        pending_.reset();
+        if (p.late) return inner_->begin(p.key, p.key_only, p.with_objects, p.done);
+        std::vector<hspace::service::ObjectView> image;
+        for (const auto &[k, v] : p.image) image.push_back(hspace::service::ObjectView{k, v});
+        p.done(0, p.revision, image);
+    }
+    struct Pending {
+        std::string key;
+        bool key_only, with_objects, late;
+        Read done;
+        int64_t revision;                                   // early: the image's
+        std::vector<std::pair<std::string, std::string>> image; // early: read at the begin
+    };
+    std::unique_ptr<hspace::service::Store> inner_;
+    Gate &gate_;
+    std::optional<Pending> pending_;
+    int begins_ = 0;
+};
+
+// A packet in one line: "note 1 o/x=0", "reply 4 0", "object 2 1/1 o/b=1".
+std::string line(const codec::Packet &p)
+{
+    if (p.hspace && p.hspace->opcode == codec::kOpNotification)
+        return "note " + std::to_string(p.hspace->triggers) + " " + p.hspace->key + (p.body.empty() ? "" : "=" + p.body);
+    if (!p.rr) return "?";
+    if (!p.hspace) return "reply " + std::to_string(p.rr->corrid) + " " + std::to_string(p.rr->error());
+    return "object " + std::to_string(p.rr->corrid) + " " + std::to_string(p.rr->num()) + "/" +
+           std::to_string(p.rr->count()) + " " + p.hspace->key + (p.body.empty() ? "" : "=" + p.body);
+}
+
+TEST(ServiceOrder, ChangesWhileAPostStartsGoBeforeItsReplyUpToItsImageAndAfterItBeyond)
+{
+    Watchdog watchdog;
+    LateBeginStore::Gate gate;
+    Options options;
+    options.store_factory = [&gate](hspace::service::Listener &l) {
+        return std::unique_ptr<hspace::service::Store>(new LateBeginStore(l, gate));
+    };
+    Server server(options);
+    ASSERT_TRUE(server.start());
+    RawClient a(server.port()), w(server.port());
+    // Each post of a is begun by the writer's change after it, its image
+    // read before that change (early) or after it (late), alternately.
+    const struct {
+        const char *key;
+        int32_t flags;
+        std::string change;   // the writer's: a put "k=v" or a remove "-k"
+        Lines want;           // what a receives, in this order
+    } steps[] = {
+        {"o/*", codec::kFlagNoImage, "o/x=0", {"reply 1 0", "note 1 o/x=0"}},              // early
+        {"o/b", 0, "o/b=1", {"note 1 o/b=1", "reply 2 0", "object 2 1/1 o/b=1"}},          // late
+        {"o/c", 0, "o/c=2", {"reply 3 0", "reply 3 2", "note 1 o/c=2"}},                   // early
+        {"o*", 0, "-o/b", {"note 2 o/b", "reply 4 0", "object 4 1/2 o/c=2", "object 4 2/2 o/x=0"}}, // late
+        {"o/x", codec::kFlagKeyOnly, "o/x=3", {"reply 5 0", "object 5 1/1 o/x", "note 1 o/x=3"}}, // early
+        {"p/*", 0, "o/c=4", {"note 1 o/c=4", "reply 6 0", "reply 6 2"}},                   // late, beside
+    };
+    uint32_t corrid = 0;
+    for (const auto &step : steps) {
+        a.send(request(codec::kOpPost, step.key, ++corrid, codec::kSemSync, step.flags));
+        ASSERT_TRUE(gate.wait_for(static_cast<int>(corrid))) << step.key;
+        bool put = step.change[0] != '-';
+        size_t eq = step.change.find('=');
+        w.send(put ? request(codec::kOpPut, step.change.substr(0, eq), corrid, codec::kSemSync, 0,
+                             step.change.substr(eq + 1))
+                   : request(codec::kOpRemove, step.change.substr(1), corrid));
+        EXPECT_EQ(line(w.next()), "reply " + std::to_string(corrid) + " 0") << step.key;
+        Lines got;
+        for (size_t i = 0; i < step.want.size(); i++) got.push_back(line(a.next()));
+        EXPECT_EQ(got, step.want) << step.key;
+    }
+    // Nothing else was sent: the next packet is the answer to a cancel.
+    a.send(request(codec::kOpCancel, "o/c", 99u));
+    EXPECT_EQ(line(a.next()), "reply 99 0");
+}
+
 // What only the etcd store does, on the shared member or on a cluster of
 // the case's own.
 class EtcdTest : public ServiceTest {};
