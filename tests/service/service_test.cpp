@@ -13,6 +13,7 @@
 
 #include <memory>
 #include <optional>
+#include <set>
 
 #include "client_harness.h"
 #include "etcd_cluster.h"
@@ -719,7 +720,8 @@ INSTANTIATE_TEST_SUITE_P(Stores, ServiceTest,
 // image read at the begin (early) or after that change (late), alternately,
 // the first early. So a change arrives while a post starts, on one side of
 // its image or the other, in an order the test fixes (the etcd store does
-// the same at the mercy of timing).
+// the same at the mercy of timing). A put of "!end" ends the feed instead,
+// its value the cause, then completes the begin waiting.
 class LateBeginStore final : public hspace::service::Store {
 public:
     // Tells the test thread that a begin waits for its change.
@@ -734,11 +736,16 @@ public:
         }
     };
     LateBeginStore(hspace::service::Listener &listener, Gate &gate)
-        : inner_(hspace::service::make_memory_store(listener)), gate_(gate)
+        : inner_(hspace::service::make_memory_store(listener)), listener_(listener), gate_(gate)
     {
     }
     void put(std::string_view key, std::string_view value, Done done) override
     {
+        if (key == "!end") {
+            listener_.on_feed_ended(std::string(value));
+            release();
+            return done(0);
+        }
         inner_->put(key, value, [this, done](const hspace::service::StoreStatus &s) { release(), done(s); });
     }
     void remove(std::string_view key, Done done) override
@@ -783,6 +790,7 @@ private:
         std::vector<std::pair<std::string, std::string>> image; // early: read at the begin
     };
     std::unique_ptr<hspace::service::Store> inner_;
+    hspace::service::Listener &listener_;
     Gate &gate_;
     std::optional<Pending> pending_;
     int begins_ = 0;
@@ -842,6 +850,23 @@ TEST(ServiceOrder, ChangesWhileAPostStartsGoBeforeItsReplyUpToItsImageAndAfterIt
     // Nothing else was sent: the next packet is the answer to a cancel.
     a.send(request(codec::kOpCancel, "o/c", 99u));
     EXPECT_EQ(line(a.next()), "reply 99 0");
+
+    // The feed ends while a post starts: every begun subscription ends with
+    // trigger 4 and the cause; the post is answered 1101 and holds nothing.
+    a.send(request(codec::kOpPost, "q", ++corrid));
+    ASSERT_TRUE(gate.wait_for(static_cast<int>(corrid)));
+    w.send(request(codec::kOpPut, "!end", 100u, codec::kSemSync, 0, "store history compacted"));
+    EXPECT_EQ(line(w.next()), "reply 100 0");
+    std::set<std::string> want, got;
+    for (const char *key : {"o/*", "o/b", "o*", "o/x", "p/*"}) {
+        want.insert(std::string("note 4 ") + key + "=store history compacted");
+        got.insert(line(a.next()));
+    }
+    EXPECT_EQ(got, want);
+    EXPECT_EQ(line(a.next()), "reply " + std::to_string(corrid) + " " + std::to_string(kStatusStoreUnavailable));
+    a.send(request(codec::kOpCancel, "q", 101u) + request(codec::kOpCancel, "o/*", 102u));
+    EXPECT_EQ(line(a.next()), "reply 101 2");
+    EXPECT_EQ(line(a.next()), "reply 102 2");
 }
 
 // What only the etcd store does, on the shared member or on a cluster of
