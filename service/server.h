@@ -20,11 +20,15 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 
 namespace hspace {
 namespace service {
+
+class Listener;
+class Store;
 
 constexpr uint16_t kDefaultPort = 7521;                 // hspaced's port when none is given
 constexpr size_t kDefaultMaxQueue = size_t(64) << 20;   // bytes a connection may have queued, unsent
@@ -43,6 +47,10 @@ struct Options {
     std::string store = "memory";
     std::string store_prefix = "hspace/";      // etcd: every object's key is stored under this prefix
     unsigned store_timeout_ms = 3000;          // etcd: bound of each call, and of the feed's reconnection
+    // When set, makes the store instead of `store` names (start() calls it
+    // on the owning thread; the store then lives on the I/O thread): for
+    // tests that drive the protocol over a store of their own.
+    std::function<std::unique_ptr<Store>(Listener &listener)> store_factory;
 };
 
 // Counters of the service's life, readable from any thread while it runs.
