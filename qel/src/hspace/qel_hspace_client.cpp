@@ -436,6 +436,7 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     void on_notification(t_qel_hspace h, t_qel_hspace_post_notification_event_data_struct *d);
     void link_failed(std::error_code cause);
     bool failed_meanwhile(Link *l);
+    bool handle_failed(Link *l);
     template <class F> void deliver(const Sub &s, F &&fn, bool settles = false);
 
     // ---- worker ----
@@ -841,6 +842,19 @@ void Client::Impl::link_failed(std::error_code cause)
     push(std::move(t));
 }
 
+// Whether l's handle failed (or was closed) while l is the current link;
+// its failure is then handled here if its reader thread has not yet. The
+// caller holds l as a user.
+bool Client::Impl::handle_failed(Link *l)
+{
+    t_qel_hspace_state s = HSPACE_STATE_OPEN;
+    qel_hspace_get_state(l->h, &s);
+    if (s == HSPACE_STATE_OPEN) return false;
+    std::lock_guard<std::mutex> lock(mu);
+    if (!closed && link == l) link_failed(make_error_code(error::not_connected));
+    return true;
+}
+
 // Right after l was published under mu: true when its reader thread failed
 // before that (its LINK_FAIL found no link and was dropped); the failure is
 // then handled here. Under mu.
@@ -1049,7 +1063,11 @@ void Client::Impl::relink(Link *failed, std::error_code cause)
     auto delay = std::max(r.initial_delay, std::chrono::milliseconds(1));
     for (unsigned attempt = 1;; attempt++) {
         if (r.max_attempts != 0 && attempt > r.max_attempts) {
-            state = State::failed;
+            {
+                std::lock_guard<std::mutex> lock(mu);
+                state = State::failed;
+                cv.notify_all(); // calls waiting for the link
+            }
             report(State::failed, cause);
             return;
         }
@@ -1076,6 +1094,7 @@ void Client::Impl::relink(Link *failed, std::error_code cause)
             }
             l->gen = ++gen;
             link = l;
+            cv.notify_all(); // calls waiting for the link
             if (failed_meanwhile(l)) return; // the next relink is queued
             retry.clear();
             again = live();
@@ -1233,7 +1252,10 @@ void Client::open(std::error_code &ec) noexcept
     m.failed_meanwhile(l);
 }
 
-// Runs fn(handle, ckey, deadline) on a link, with the checks every call shares.
+// Runs fn(handle, ckey, deadline) on a link, with the checks every call
+// shares. A link whose handle failed before the call went out counts as
+// down: the call fails fast with error::not_connected, or waits for the
+// next link.
 template <class F> static void with_link(Client::Impl *impl, std::string_view key, const Call &call,
                                          std::error_code &ec, F &&fn)
 {
@@ -1242,11 +1264,19 @@ template <class F> static void with_link(Client::Impl *impl, std::string_view ke
     CKey ckey(key);
     if (!ckey.valid()) return ec = make_error_code(error::invalid_argument), void();
     Deadline d = impl->deadline(call);
-    Client::Impl::Link *l = impl->acquire(call, d, ec);
-    if (l == nullptr) return;
-    t_kro_error e = fn(l->h, ckey.c_str(), d);
-    impl->release(l);
-    if (e != 0) ec = make_error_code(e);
+    for (;;) {
+        Client::Impl::Link *l = impl->acquire(call, d, ec);
+        if (l == nullptr) return;
+        t_kro_error e = fn(l->h, ckey.c_str(), d);
+        if (e == KRO_ERR_INVALID_STATE && impl->options.reconnect.enabled && impl->handle_failed(l)) {
+            impl->release(l);
+            if (call.wait_for_link) continue;
+            return ec = make_error_code(error::not_connected), void();
+        }
+        impl->release(l);
+        if (e != 0) ec = make_error_code(e);
+        return;
+    }
 }
 
 static t_kro_error put_c(t_qel_hspace h, const char *key, std::string_view value, t_qel_hspace_put_semantic sem,
