@@ -388,7 +388,7 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     bool connecting = false;               // mu: the worker is inside a connection attempt
     std::minstd_rand random{std::random_device{}()}; // mu: backoff jitter
     std::thread worker;                    // started by the first open
-    std::thread::id worker_id;             // set before the worker starts
+    std::thread::id worker_id;             // mu: the worker's, once started
 
     // ---- links ----
 
@@ -1151,9 +1151,11 @@ void Client::Impl::shutdown()
 {
     Link *l;
     bool detach;
+    std::thread::id worker_thread;
     {
         std::lock_guard<std::mutex> lock(mu);
         if (closed) return;
+        worker_thread = worker_id;
         closed = true;
         state = State::closed;
         for (const Sub &s : live()) s->live = false;
@@ -1179,7 +1181,7 @@ void Client::Impl::shutdown()
         self->end_worker(detach);
         if (l != nullptr) self->retire(l);
     };
-    if (on_reader || std::this_thread::get_id() == worker_id)
+    if (on_reader || std::this_thread::get_id() == worker_thread)
         std::thread(finish).detach();
     else
         finish();
