@@ -336,7 +336,7 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     };
     // A cancel the worker is to send for a reset Subscription.
     struct PendingCancel {
-        std::string key;                   // as subscribed
+        Sub sub;                           // the subscription (its key, kept while queued)
         uint64_t gen = 0;                  // the link it was posted on: sent only on that one
         bool sending = false;              // the worker sends it now
     };
@@ -380,8 +380,8 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     std::deque<Sub> retry;                             // mu: subscriptions to post again at retry_at
     Clock::time_point retry_at{};                      // mu: when, while retry is not empty
     std::chrono::milliseconds retry_delay{0};          // mu: backoff of the next round; 0 after a good one
-    std::unordered_map<std::string, PendingCancel> cancels; // mu: cancels to send, by folded key
-    std::deque<std::string> cancel_order;              // mu: their folded keys, oldest first (some gone)
+    std::unordered_map<std::string_view, PendingCancel> cancels; // mu: cancels to send, by folded key
+    std::deque<Sub> cancel_order;                      // mu: their subscriptions, oldest first (some gone)
     const Subscription::State_ *delivering = nullptr;  // mu: whose callback runs now
     std::thread::id delivering_thread;                 // mu: the thread running it
     std::deque<Task> tasks;                            // mu: for the worker
@@ -418,7 +418,7 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     std::vector<Sub> live() const;
     void route(std::string_view key, int trigger, uint64_t g, std::vector<Sub> &out);
     Sub find_subscribed(std::string_view key);
-    void queue_cancel(const Subscription::State_ &s);
+    void queue_cancel(const Sub &s);
     void schedule_retry(const Sub &s);
     std::chrono::milliseconds jitter(std::chrono::milliseconds delay)
     {
@@ -654,10 +654,10 @@ std::vector<Client::Impl::Sub> Client::Impl::live() const
 
 // Hands the cancel of s's post on s.link_gen to the worker, unless one of
 // its key waits already.
-void Client::Impl::queue_cancel(const Subscription::State_ &s)
+void Client::Impl::queue_cancel(const Sub &s)
 {
-    if (!cancels.emplace(s.folded, PendingCancel{s.key, s.link_gen, false}).second) return;
-    cancel_order.push_back(s.folded);
+    if (!cancels.emplace(s->folded, PendingCancel{s, s->link_gen, false}).second) return;
+    cancel_order.push_back(s);
     work_cv.notify_all();
 }
 
@@ -797,7 +797,7 @@ void Client::Impl::on_notification(t_qel_hspace h, t_qel_hspace_post_notificatio
             } else {
                 s->ready = false;
                 unindex(s);
-                queue_cancel(*s);
+                queue_cancel(s);
                 end_for_good = true;
             }
             targets.push_back(std::move(s));
@@ -929,24 +929,23 @@ void Client::Impl::run_worker()
 // around the call.
 void Client::Impl::send_cancel(std::unique_lock<std::mutex> &lock)
 {
-    std::string folded = std::move(cancel_order.front());
+    Sub s = std::move(cancel_order.front());
     cancel_order.pop_front();
-    auto it = cancels.find(folded);
-    if (it == cancels.end() || it->second.sending) return; // a subscribe of the key sent it
+    auto it = cancels.find(s->folded);
+    if (it == cancels.end() || it->second.sub != s) return; // a subscribe of the key sent it
     if (link == nullptr || link->gen != it->second.gen) {
         cancels.erase(it);
         cv.notify_all();
         return;
     }
     it->second.sending = true;
-    const std::string key = it->second.key;
     Link *l = link;
     l->users++;
     lock.unlock();
-    c_cancel(l->h, key.c_str(), Deadline(options.call_timeout));
+    c_cancel(l->h, s->key.c_str(), Deadline(options.call_timeout));
     lock.lock();
     release_locked(l);
-    cancels.erase(folded);
+    cancels.erase(s->folded); // still this one's: no other of the key was queued meanwhile
     cv.notify_all();
 }
 
@@ -1142,7 +1141,7 @@ void Client::Impl::cancel(const Sub &s)
     unindex(s);
     images.erase(s->post_id);
     cv.wait(lock, [&] { return delivering != s.get() || delivering_thread == std::this_thread::get_id(); });
-    if (!closed && link != nullptr && link->gen == s->link_gen) queue_cancel(*s);
+    if (!closed && link != nullptr && link->gen == s->link_gen) queue_cancel(s);
 }
 
 // Ends everything. From the Client's own callback or worker, the part that
@@ -1473,7 +1472,7 @@ Subscription Client::subscribe(std::string_view key, ImageHandler on_image, Chan
         Impl::Link *l = m.link;
         l->users++;
         lock.unlock();
-        c_cancel(l->h, pending.key.c_str(), d);
+        c_cancel(l->h, pending.sub->key.c_str(), d);
         lock.lock();
         m.release_locked(l);
     }
@@ -1496,7 +1495,7 @@ Subscription Client::subscribe(std::string_view key, ImageHandler on_image, Chan
         m.images.erase(id);
         m.unindex(s);
         s->live = false;
-        if (e == KRO_ERR_TIMEOUT && !m.closed && m.link == l) m.queue_cancel(*s); // the service may hold it
+        if (e == KRO_ERR_TIMEOUT && !m.closed && m.link == l) m.queue_cancel(s); // the service may hold it
         ec = make_error_code(e);
         return Subscription();
     }
