@@ -133,6 +133,28 @@ TEST_F(FaultTest, EveryCallReturnsAtItsDeadline)
     EXPECT_TRUE(never.lines().empty());
 }
 
+// A service that accepts and never answers the handshake: open gives up at
+// Options::open_timeout (the C handle's bound unless set) and leaves the
+// Client idle, to be opened again.
+TEST_F(FaultTest, OpenGivesUpOnASilentService)
+{
+    EXPECT_EQ(ms(QEL_HSPACE_OPEN_TIMEOUT_MS), qh::Options().open_timeout);
+    Signal done;
+    svc_.serve([&](FakeConnection &c) { c.expect_handshake(), done.wait(); });
+    svc_.serve([](FakeConnection &c) { c.handshake(); });
+    qh::Options o = TestOptions(false);
+    o.open_timeout = ms(20);
+    client_ = std::make_unique<qh::Client>(svc_.url(), o);
+    std::error_code ec;
+    client_->open(ec);
+    EXPECT_EQ(qh::error::timeout, ec);
+    EXPECT_EQ(qh::State::idle, client_->state());
+    done.raise();
+    client_->open();
+    EXPECT_EQ(qh::State::connected, client_->state());
+    EXPECT_TRUE(svc_.join());
+}
+
 // The link fails under calls waiting without deadline: each returns the
 // link's error at once, except a subscribe waiting for its image when the
 // Client reconnects: its post goes out on the new link, and that image

@@ -336,7 +336,7 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     };
     // A cancel the worker is to send for a reset Subscription.
     struct PendingCancel {
-        std::string key;                   // as subscribed
+        Sub sub;                           // the subscription (its key, kept while queued)
         uint64_t gen = 0;                  // the link it was posted on: sent only on that one
         bool sending = false;              // the worker sends it now
     };
@@ -380,15 +380,15 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     std::deque<Sub> retry;                             // mu: subscriptions to post again at retry_at
     Clock::time_point retry_at{};                      // mu: when, while retry is not empty
     std::chrono::milliseconds retry_delay{0};          // mu: backoff of the next round; 0 after a good one
-    std::unordered_map<std::string, PendingCancel> cancels; // mu: cancels to send, by folded key
-    std::deque<std::string> cancel_order;              // mu: their folded keys, oldest first (some gone)
+    std::unordered_map<std::string_view, PendingCancel> cancels; // mu: cancels to send, by folded key
+    std::deque<Sub> cancel_order;                      // mu: their subscriptions, oldest first (some gone)
     const Subscription::State_ *delivering = nullptr;  // mu: whose callback runs now
     std::thread::id delivering_thread;                 // mu: the thread running it
     std::deque<Task> tasks;                            // mu: for the worker
     bool connecting = false;               // mu: the worker is inside a connection attempt
     std::minstd_rand random{std::random_device{}()}; // mu: backoff jitter
     std::thread worker;                    // started by the first open
-    std::thread::id worker_id;             // set before the worker starts
+    std::thread::id worker_id;             // mu: the worker's, once started
 
     // ---- links ----
 
@@ -418,7 +418,7 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     std::vector<Sub> live() const;
     void route(std::string_view key, int trigger, uint64_t g, std::vector<Sub> &out);
     Sub find_subscribed(std::string_view key);
-    void queue_cancel(const Subscription::State_ &s);
+    void queue_cancel(const Sub &s);
     void schedule_retry(const Sub &s);
     std::chrono::milliseconds jitter(std::chrono::milliseconds delay)
     {
@@ -436,6 +436,7 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     void on_notification(t_qel_hspace h, t_qel_hspace_post_notification_event_data_struct *d);
     void link_failed(std::error_code cause);
     bool failed_meanwhile(Link *l);
+    bool handle_failed(Link *l);
     template <class F> void deliver(const Sub &s, F &&fn, bool settles = false);
 
     // ---- worker ----
@@ -653,10 +654,10 @@ std::vector<Client::Impl::Sub> Client::Impl::live() const
 
 // Hands the cancel of s's post on s.link_gen to the worker, unless one of
 // its key waits already.
-void Client::Impl::queue_cancel(const Subscription::State_ &s)
+void Client::Impl::queue_cancel(const Sub &s)
 {
-    if (!cancels.emplace(s.folded, PendingCancel{s.key, s.link_gen, false}).second) return;
-    cancel_order.push_back(s.folded);
+    if (!cancels.emplace(s->folded, PendingCancel{s, s->link_gen, false}).second) return;
+    cancel_order.push_back(s);
     work_cv.notify_all();
 }
 
@@ -796,7 +797,7 @@ void Client::Impl::on_notification(t_qel_hspace h, t_qel_hspace_post_notificatio
             } else {
                 s->ready = false;
                 unindex(s);
-                queue_cancel(*s);
+                queue_cancel(s);
                 end_for_good = true;
             }
             targets.push_back(std::move(s));
@@ -839,6 +840,19 @@ void Client::Impl::link_failed(std::error_code cause)
         state = State::failed;
     }
     push(std::move(t));
+}
+
+// Whether l's handle failed (or was closed) while l is the current link;
+// its failure is then handled here if its reader thread has not yet. The
+// caller holds l as a user.
+bool Client::Impl::handle_failed(Link *l)
+{
+    t_qel_hspace_state s = HSPACE_STATE_OPEN;
+    qel_hspace_get_state(l->h, &s);
+    if (s == HSPACE_STATE_OPEN) return false;
+    std::lock_guard<std::mutex> lock(mu);
+    if (!closed && link == l) link_failed(make_error_code(error::not_connected));
+    return true;
 }
 
 // Right after l was published under mu: true when its reader thread failed
@@ -915,24 +929,23 @@ void Client::Impl::run_worker()
 // around the call.
 void Client::Impl::send_cancel(std::unique_lock<std::mutex> &lock)
 {
-    std::string folded = std::move(cancel_order.front());
+    Sub s = std::move(cancel_order.front());
     cancel_order.pop_front();
-    auto it = cancels.find(folded);
-    if (it == cancels.end() || it->second.sending) return; // a subscribe of the key sent it
+    auto it = cancels.find(s->folded);
+    if (it == cancels.end() || it->second.sub != s) return; // a subscribe of the key sent it
     if (link == nullptr || link->gen != it->second.gen) {
         cancels.erase(it);
         cv.notify_all();
         return;
     }
     it->second.sending = true;
-    const std::string key = it->second.key;
     Link *l = link;
     l->users++;
     lock.unlock();
-    c_cancel(l->h, key.c_str(), Deadline(options.call_timeout));
+    c_cancel(l->h, s->key.c_str(), Deadline(options.call_timeout));
     lock.lock();
     release_locked(l);
-    cancels.erase(folded);
+    cancels.erase(s->folded); // still this one's: no other of the key was queued meanwhile
     cv.notify_all();
 }
 
@@ -1049,7 +1062,11 @@ void Client::Impl::relink(Link *failed, std::error_code cause)
     auto delay = std::max(r.initial_delay, std::chrono::milliseconds(1));
     for (unsigned attempt = 1;; attempt++) {
         if (r.max_attempts != 0 && attempt > r.max_attempts) {
-            state = State::failed;
+            {
+                std::lock_guard<std::mutex> lock(mu);
+                state = State::failed;
+                cv.notify_all(); // calls waiting for the link
+            }
             report(State::failed, cause);
             return;
         }
@@ -1076,6 +1093,7 @@ void Client::Impl::relink(Link *failed, std::error_code cause)
             }
             l->gen = ++gen;
             link = l;
+            cv.notify_all(); // calls waiting for the link
             if (failed_meanwhile(l)) return; // the next relink is queued
             retry.clear();
             again = live();
@@ -1123,7 +1141,7 @@ void Client::Impl::cancel(const Sub &s)
     unindex(s);
     images.erase(s->post_id);
     cv.wait(lock, [&] { return delivering != s.get() || delivering_thread == std::this_thread::get_id(); });
-    if (!closed && link != nullptr && link->gen == s->link_gen) queue_cancel(*s);
+    if (!closed && link != nullptr && link->gen == s->link_gen) queue_cancel(s);
 }
 
 // Ends everything. From the Client's own callback or worker, the part that
@@ -1132,9 +1150,11 @@ void Client::Impl::shutdown()
 {
     Link *l;
     bool detach;
+    std::thread::id worker_thread;
     {
         std::lock_guard<std::mutex> lock(mu);
         if (closed) return;
+        worker_thread = worker_id;
         closed = true;
         state = State::closed;
         for (const Sub &s : live()) s->live = false;
@@ -1160,7 +1180,7 @@ void Client::Impl::shutdown()
         self->end_worker(detach);
         if (l != nullptr) self->retire(l);
     };
-    if (on_reader || std::this_thread::get_id() == worker_id)
+    if (on_reader || std::this_thread::get_id() == worker_thread)
         std::thread(finish).detach();
     else
         finish();
@@ -1233,7 +1253,10 @@ void Client::open(std::error_code &ec) noexcept
     m.failed_meanwhile(l);
 }
 
-// Runs fn(handle, ckey, deadline) on a link, with the checks every call shares.
+// Runs fn(handle, ckey, deadline) on a link, with the checks every call
+// shares. A link whose handle failed before the call went out counts as
+// down: the call fails fast with error::not_connected, or waits for the
+// next link.
 template <class F> static void with_link(Client::Impl *impl, std::string_view key, const Call &call,
                                          std::error_code &ec, F &&fn)
 {
@@ -1242,11 +1265,19 @@ template <class F> static void with_link(Client::Impl *impl, std::string_view ke
     CKey ckey(key);
     if (!ckey.valid()) return ec = make_error_code(error::invalid_argument), void();
     Deadline d = impl->deadline(call);
-    Client::Impl::Link *l = impl->acquire(call, d, ec);
-    if (l == nullptr) return;
-    t_kro_error e = fn(l->h, ckey.c_str(), d);
-    impl->release(l);
-    if (e != 0) ec = make_error_code(e);
+    for (;;) {
+        Client::Impl::Link *l = impl->acquire(call, d, ec);
+        if (l == nullptr) return;
+        t_kro_error e = fn(l->h, ckey.c_str(), d);
+        if (e == KRO_ERR_INVALID_STATE && impl->options.reconnect.enabled && impl->handle_failed(l)) {
+            impl->release(l);
+            if (call.wait_for_link) continue;
+            return ec = make_error_code(error::not_connected), void();
+        }
+        impl->release(l);
+        if (e != 0) ec = make_error_code(e);
+        return;
+    }
 }
 
 static t_kro_error put_c(t_qel_hspace h, const char *key, std::string_view value, t_qel_hspace_put_semantic sem,
@@ -1441,7 +1472,7 @@ Subscription Client::subscribe(std::string_view key, ImageHandler on_image, Chan
         Impl::Link *l = m.link;
         l->users++;
         lock.unlock();
-        c_cancel(l->h, pending.key.c_str(), d);
+        c_cancel(l->h, pending.sub->key.c_str(), d);
         lock.lock();
         m.release_locked(l);
     }
@@ -1464,7 +1495,7 @@ Subscription Client::subscribe(std::string_view key, ImageHandler on_image, Chan
         m.images.erase(id);
         m.unindex(s);
         s->live = false;
-        if (e == KRO_ERR_TIMEOUT && !m.closed && m.link == l) m.queue_cancel(*s); // the service may hold it
+        if (e == KRO_ERR_TIMEOUT && !m.closed && m.link == l) m.queue_cancel(s); // the service may hold it
         ec = make_error_code(e);
         return Subscription();
     }
