@@ -21,6 +21,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace asio {
@@ -54,18 +55,32 @@ public:
     virtual ~Listener() = default;
     // One change: value is null for a removal.
     virtual void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision) = 0;
-    // The feed stopped for good (the store was unreachable for longer than
-    // its retry allows, or its history was compacted past the feed): no
-    // change after the last one delivered will be seen until follow(true)
-    // starts it again.
+    // The feed stopped for good: the store no longer holds the changes
+    // after the last one delivered (etcd compacted them while the feed was
+    // broken), so none after it will be seen until follow(true) starts it
+    // again. why says so in a line fit for a client ("etcd compacted
+    // revision N; the changes after R are lost"). A store that cannot be
+    // reached does not end the feed: it resumes where it stopped.
     virtual void on_feed_ended(const std::string &why) = 0;
+};
+
+// How a store call ended: its status and, for a failure, the store's own
+// words for it (for the log beside the status; empty otherwise). Converts
+// from and to the bare status, so a completion that wants only the number
+// takes a uint32_t.
+struct StoreStatus {
+    StoreStatus(uint32_t code = 0, std::string why = std::string()) : code(code), why(std::move(why)) {}
+    operator uint32_t() const { return code; }
+    uint32_t code;
+    std::string why;
 };
 
 class Store {
 public:
-    using Done = std::function<void(uint32_t status)>;
+    using Done = std::function<void(const StoreStatus &status)>;
     // status, the revision the objects were read at, the objects in key order.
-    using Read = std::function<void(uint32_t status, int64_t revision, const std::vector<ObjectView> &objects)>;
+    using Read =
+        std::function<void(const StoreStatus &status, int64_t revision, const std::vector<ObjectView> &objects)>;
 
     virtual ~Store() = default;
 
