@@ -40,10 +40,12 @@ public:
     static constexpr const char *kUser = "hspace";       // the secure cluster's user for hspaced
     static constexpr const char *kPassword = "s3cret-pw"; // its password
 
-    // etcd, etcdctl and openssl are on the PATH.
-    static bool installed()
+    // etcd and etcdctl are on the PATH, and openssl too for a secure cluster.
+    static bool installed(Secure secure = Secure::kNo)
     {
-        return system("command -v etcd >/dev/null && command -v etcdctl >/dev/null && command -v openssl >/dev/null") ==
+        return system(secure == Secure::kNo
+                          ? "command -v etcd >/dev/null && command -v etcdctl >/dev/null"
+                          : "command -v etcd >/dev/null && command -v etcdctl >/dev/null && command -v openssl >/dev/null") ==
                0;
     }
 
