@@ -76,6 +76,7 @@ constexpr milliseconds kLinkWait{250};         // bound of an attempt that must 
 constexpr milliseconds kFeedRetryFirst{50};    // first pause before the Watch is reopened, doubled each time
 constexpr milliseconds kFeedRetryMost{1000};   // up to this
 constexpr milliseconds kNudgeEvery{50};        // a member's link is restarted at most this often
+constexpr milliseconds kDeliveryGrace{100};    // least wait for the Watch to deliver a change made
 
 // The first key after every key with the prefix ("\0" for all keys).
 std::string range_end(const std::string &prefix)
@@ -583,6 +584,8 @@ private:
     void after_delivery(int64_t revision, Clock::time_point deadline, std::function<void()> done)
     {
         if (!want_ || revision <= delivered_) return done();
+        // A call answered at its deadline still leaves the Watch a moment.
+        deadline = std::max(deadline, Clock::now() + kDeliveryGrace);
         parked_.emplace(revision, Parked{deadline, std::move(done)});
         arm_sweep(deadline);
     }

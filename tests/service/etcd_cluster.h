@@ -76,17 +76,29 @@ public:
         auto until = std::chrono::steady_clock::now() + watchdog;
         for (size_t i = 0; i < members_.size(); i++)
             if (members_[i].pid <= 0) spawn(i, serve);
-        for (const Member &m : members_) {
+        // Ours, not another etcd that took a port ours wanted: the member
+        // list names our peer port.
+        for (Member &m : members_) {
             std::string probe = "etcdctl " + flags(serve ? m.client : m.admin, !users_made_) +
+                                " --dial-timeout=1s --command-timeout=1s member list 2>/dev/null | grep -q " +
+                                "'127.0.0.1:" + std::to_string(m.peer) + "' && etcdctl " +
+                                flags(serve ? m.client : m.admin, !users_made_) +
                                 " --dial-timeout=1s --command-timeout=1s get health-probe >/dev/null 2>&1";
-            while (system(probe.c_str()) != 0)
+            while (system(probe.c_str()) != 0) {
+                if (m.pid > 0 && waitpid(m.pid, nullptr, WNOHANG) == m.pid) {
+                    m.pid = 0;
+                    fprintf(stderr, "etcd exited at start; its log is in %s\n", dir_.c_str());
+                    return false;
+                }
                 if (std::chrono::steady_clock::now() > until) return false;
+            }
         }
         if (secure_ == Secure::kTlsAndLogin && !users_made_) {
             for (const char *step : {"user add root --new-user-password=root-pw --interactive=false",
                                      "role add hspace", "role grant-permission hspace --prefix=true readwrite hspace/",
                                      "user add hspace --new-user-password=s3cret-pw --interactive=false",
-                                     "user grant-role hspace hspace", "auth enable"})
+                                     "user grant-role hspace hspace", "role add root", "user grant-role root root",
+                                     "auth enable"})
                 if (!ctl_ok(step)) return false;
             users_made_ = true;
         }
@@ -102,9 +114,20 @@ public:
         waitpid(members_[i].pid, nullptr, 0);
         members_[i].pid = 0;
     }
-    // Stops member i where it is (SIGSTOP), or lets it go on (SIGCONT).
-    void freeze(size_t i) { ::kill(members_[i].pid, SIGSTOP); }
-    void thaw(size_t i) { ::kill(members_[i].pid, SIGCONT); }
+    // Stops member i where it is (SIGSTOP), or lets it go on (SIGCONT),
+    // and returns once it has (a signal takes effect after kill returns).
+    void freeze(size_t i)
+    {
+        int status = 0;
+        ::kill(members_[i].pid, SIGSTOP);
+        waitpid(members_[i].pid, &status, WUNTRACED);
+    }
+    void thaw(size_t i)
+    {
+        int status = 0;
+        ::kill(members_[i].pid, SIGCONT);
+        waitpid(members_[i].pid, &status, WCONTINUED);
+    }
 
     // etcdctl with args on member 0's admin port (as root in a secure
     // cluster), input on its standard input: its standard output, or
