@@ -6,13 +6,15 @@
  * from one client and from eight at once. Rows in scripts/bench's format;
  * each hspaced row's ratio is to etcd's (goal: at least 0.90 of etcd's
  * rate). Starts a one-member etcd of its own on loopback (data in /dev/shm
- * or $TMPDIR), or prints why not and no row when etcd is missing.
+ * or $TMPDIR), or prints why not and no row when etcd is missing. The two
+ * sides run in alternating batches, so that a change of the machine's load
+ * weighs on both alike.
  *
  *   bench_rows_etcd [--quick]
  */
 #include <string.h>
 
-#include <atomic>
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>
@@ -117,29 +119,56 @@ struct Direct {
 
 std::string key(long i) { return "k" + std::to_string(i % kKeys); }
 
-// Operations per second of op from one client: median of batches.
-double rate_of(long iters, const std::function<void(long)> &op)
+// Operations per second of etcd's and hspaced's op, from one client each,
+// measured in alternating batches so that a machine whose load changes
+// weighs on both alike: the median batch of each.
+std::pair<double, double> rates(long iters, const std::function<void(long)> &etcd_op,
+                                const std::function<void(long)> &hspaced_op)
 {
-    long i = 0;
-    double cpu = 0;
-    return 1e6 / bench::MedianUs(iters, [&] { op(i++); }, &cpu);
+    const int batches = 9;
+    long per = std::max(iters / batches, 1L), i = 0;
+    std::vector<double> a, b;
+    for (int n = 0; n < batches; n++)
+        for (auto [op, out] : {std::pair{&etcd_op, &a}, std::pair{&hspaced_op, &b}}) {
+            bench::Meter m;
+            for (long k = 0; k < per; k++) (*op)(i++);
+            out->push_back(per / m.wall());
+        }
+    std::sort(a.begin(), a.end());
+    std::sort(b.begin(), b.end());
+    return {a[batches / 2], b[batches / 2]};
 }
 
-// Operations per second of clients threads, each running op iters times
-// on its own client.
-template <class Client, class Make>
-double parallel_rate(int clients, long iters, Make make, void (Client::*op)(const std::string &))
+// The same with clients threads at once, each on its own client.
+template <class A, class B>
+std::pair<double, double> parallel_rates(int clients, long iters, const std::function<std::unique_ptr<A>()> &make_a,
+                                         void (A::*op_a)(const std::string &),
+                                         const std::function<std::unique_ptr<B>()> &make_b,
+                                         void (B::*op_b)(const std::string &))
 {
-    std::vector<std::unique_ptr<Client>> made;
-    for (int t = 0; t < clients; t++) made.push_back(make());
-    std::vector<std::thread> threads;
-    bench::Meter m;
-    for (int t = 0; t < clients; t++)
-        threads.emplace_back([&, t] {
-            for (long i = 0; i < iters; i++) ((*made[t]).*op)("p" + std::to_string(t) + "/" + key(i));
-        });
-    for (std::thread &th : threads) th.join();
-    return clients * iters / m.wall();
+    std::vector<std::unique_ptr<A>> as;
+    std::vector<std::unique_ptr<B>> bs;
+    for (int t = 0; t < clients; t++) as.push_back(make_a()), bs.push_back(make_b());
+    auto run = [&](auto &made, auto op, long per) {
+        std::vector<std::thread> threads;
+        bench::Meter m;
+        for (int t = 0; t < clients; t++)
+            threads.emplace_back([&, t] {
+                for (long i = 0; i < per; i++) ((*made[t]).*op)("p" + std::to_string(t) + "/" + key(i));
+            });
+        for (std::thread &th : threads) th.join();
+        return clients * per / m.wall();
+    };
+    const int batches = 5;
+    long per = std::max(iters / clients / batches, 1L);
+    std::vector<double> a, b;
+    for (int n = 0; n < batches; n++) {
+        a.push_back(run(as, op_a, per));
+        b.push_back(run(bs, op_b, per));
+    }
+    std::sort(a.begin(), a.end());
+    std::sort(b.begin(), b.end());
+    return {a[batches / 2], b[batches / 2]};
 }
 
 } // namespace
@@ -158,7 +187,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "bench_rows_etcd: etcd is not installed (scripts/install-deps --etcd): no etcd rows\n");
         return 0;
     }
-    EtcdCluster etcd(1);
+    EtcdCluster etcd(3);
     if (!etcd.start(std::chrono::seconds(30))) {
         fprintf(stderr, "bench_rows_etcd: etcd did not start: no etcd rows\n");
         return 1;
@@ -174,36 +203,33 @@ int main(int argc, char **argv)
         return 1;
     }
     grpc::ChannelArguments args;
-    auto channel = grpc::CreateCustomChannel(etcd.store_url().substr(7), grpc::InsecureChannelCredentials(), args);
+    auto channel = grpc::CreateCustomChannel("ipv4:" + etcd.store_url().substr(7), grpc::InsecureChannelCredentials(), args);
     Library lib(service.url());
     Direct direct(channel);
     for (long i = 0; i < kKeys; i++) direct.put(key(i)); // the gets find every key; the channel is linked
 
     const std::string section = "hspaced on etcd against etcd itself";
-    const long iters = bench::Iters(2000);
+    const long iters = bench::Iters(4000);
+    std::function<std::unique_ptr<Direct>()> make_direct = [&] { return std::make_unique<Direct>(channel); };
+    std::function<std::unique_ptr<Library>()> make_library = [&] { return std::make_unique<Library>(service.url()); };
     struct Pair {
         const char *what;
-        std::function<double()> etcd, hspaced;
+        std::function<std::pair<double, double>()> measure;
     };
     const Pair pairs[] = {
-        {"synchronous put 64 B, 1 client", [&] { return rate_of(iters, [&](long i) { direct.put(key(i)); }); },
-         [&] { return rate_of(iters, [&](long i) { lib.put(key(i)); }); }},
-        {"synchronous get 64 B, 1 client", [&] { return rate_of(iters, [&](long i) { direct.get(key(i)); }); },
-         [&] { return rate_of(iters, [&](long i) { lib.get(key(i)); }); }},
+        {"synchronous put 64 B, 1 client",
+         [&] { return rates(iters, [&](long i) { direct.put(key(i)); }, [&](long i) { lib.put(key(i)); }); }},
+        {"synchronous get 64 B, 1 client",
+         [&] { return rates(iters, [&](long i) { direct.get(key(i)); }, [&](long i) { lib.get(key(i)); }); }},
         {"synchronous put 64 B, 8 clients",
-         [&] {
-             return parallel_rate<Direct>(8, iters / 8, [&] { return std::make_unique<Direct>(channel); }, &Direct::put);
-         },
-         [&] {
-             return parallel_rate<Library>(8, iters / 8, [&] { return std::make_unique<Library>(service.url()); },
-                                           &Library::put);
-         }},
+         [&] { return parallel_rates(8, iters, make_direct, &Direct::put, make_library, &Library::put); }},
     };
     int n = 0;
     for (const Pair &p : pairs) {
         std::string k = "etcd.rate." + std::to_string(++n);
-        bench::Row(k + ".direct", section, std::string("etcd directly (gRPC): ") + p.what, p.etcd(), "op/s", -1);
-        bench::Row(k + ".hspaced", section, std::string("through hspaced: ") + p.what, p.hspaced(), "op/s", -1,
+        auto [etcd_rate, hspaced_rate] = p.measure();
+        bench::Row(k + ".direct", section, std::string("etcd directly (gRPC): ") + p.what, etcd_rate, "op/s", -1);
+        bench::Row(k + ".hspaced", section, std::string("through hspaced: ") + p.what, hspaced_rate, "op/s", -1,
                    k + ".direct", ">= 0.90");
     }
     service.stop();
