@@ -45,7 +45,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -233,8 +232,9 @@ struct Member {
 };
 
 // One unary call: its request, the response and context of its current
-// attempt, and the guard that keeps the I/O context running until its
-// result is handled. Shared by the gRPC callback and the posted handler.
+// attempt, its completion, and the guard that keeps the I/O context
+// running until its result is handled. I/O thread only; gRPC has pointers
+// into it while an attempt runs, and the store keeps it alive meanwhile.
 template <class Request, class Response>
 struct Call {
     Call(asio::io_context &io, Clock::time_point deadline) : work(io.get_executor()), timer(io), deadline(deadline) {}
@@ -249,6 +249,10 @@ struct Call {
     bool login = false;                        // the call is the login itself: no token
     bool renewed = false;                      // the token was renewed for this call once
     std::string trouble;                       // why an earlier attempt failed
+    // Starts an attempt on a member, with gRPC's callback.
+    std::function<void(Member &, grpc::ClientContext *, Request *, Response *, std::function<void(grpc::Status)>)>
+        method;
+    std::function<void(const StoreStatus &)> done; // the completion, until it runs
 };
 
 class EtcdStore;
@@ -298,7 +302,7 @@ public:
         auto call = new_call<pb::PutRequest, pb::PutResponse>();
         call->req.set_key(prefix_ + std::string(key));
         call->req.set_value(value.data(), value.size());
-        attempt(
+        start(
             call, [](Member &m, auto *ctx, auto *req, auto *resp, auto cb) { m.kv->async()->Put(ctx, req, resp, cb); },
             [this, call, done](const StoreStatus &s) {
                 if (s.code != 0) return failed("put", s, [&] { done(s); });
@@ -310,7 +314,7 @@ public:
     {
         auto call = new_call<pb::DeleteRangeRequest, pb::DeleteRangeResponse>();
         call->req.set_key(prefix_ + std::string(key));
-        attempt(
+        start(
             call,
             [](Member &m, auto *ctx, auto *req, auto *resp, auto cb) { m.kv->async()->DeleteRange(ctx, req, resp, cb); },
             [this, call, done](const StoreStatus &s) {
@@ -331,7 +335,7 @@ public:
             call->req.set_key(prefix_ + std::string(key));
         }
         call->req.set_keys_only(key_only);
-        attempt(
+        start(
             call, [](Member &m, auto *ctx, auto *req, auto *resp, auto cb) { m.kv->async()->Range(ctx, req, resp, cb); },
             [this, call, done](const StoreStatus &s) {
                 if (s.code != 0) return failed("get", s, [&] { done(s, 0, {}); });
@@ -376,7 +380,7 @@ public:
     {
         closed_ = true;
         want_ = false;
-        for (grpc::ClientContext *ctx : calls_) ctx->TryCancel();
+        for (auto &c : calls_) c.first->TryCancel();
         drop_feed();
         sweep_timer_.cancel();
         release_parked();
@@ -463,17 +467,26 @@ private:
         }
     }
 
-    // One attempt of call through method on the member pick() chose; done
-    // runs on the I/O thread with the final status. An attempt that fails
-    // for want of a member with a leader (UNAVAILABLE: no link, or no
+    // Starts call: its attempts through method, then done on the I/O
+    // thread with the final status.
+    template <class Request, class Response, class Method>
+    void start(const std::shared_ptr<Call<Request, Response>> &call, Method method,
+               std::function<void(const StoreStatus &)> done)
+    {
+        call->method = method;
+        call->done = std::move(done);
+        attempt(call);
+    }
+
+    // One attempt of call on the member pick() chose. An attempt that
+    // fails for want of a member with a leader (UNAVAILABLE: no link, or no
     // leader; or no answer within its bound: its member is frozen or its
     // leader is gone and not yet replaced) is made again on the next member
     // after a pause, until the call's deadline. A request under way when
     // its member died may have been applied, and is made again all the
     // same. A refused token is renewed once and the call made again.
-    template <class Request, class Response, class Method>
-    void attempt(const std::shared_ptr<Call<Request, Response>> &call, Method method,
-                 std::function<void(const StoreStatus &)> done)
+    template <class Request, class Response>
+    void attempt(const std::shared_ptr<Call<Request, Response>> &call)
     {
         call->member = pick();
         Member &m = members_[call->member];
@@ -484,37 +497,35 @@ private:
         call->ctx->set_wait_for_ready(true);
         call->ctx->AddMetadata("hasleader", "true");
         if (!call->login && !token_.empty()) call->ctx->AddMetadata("token", token_);
-        calls_.insert(call->ctx.get());
-        // gRPC destroys this callback on its own thread after running it, so
-        // it hands the call and the completion (which may own the call too)
-        // over to the I/O thread: the call's timer and context must die on
-        // the thread that owns the I/O context, and never after it.
-        auto *ctx = call->ctx.get();
-        auto *req = &call->req;
-        auto *resp = &call->resp;
-        method(m, ctx, req, resp, std::function<void(grpc::Status)>([this, call, method, done](grpc::Status s) mutable {
-                   asio::post(io_, [this, call = std::move(call), method, done = std::move(done), s] {
-                       calls_.erase(call->ctx.get());
-                       finish_attempt(call, method, done, s);
-                   });
-               }));
+        // The store owns the call while gRPC has it; gRPC's callback holds
+        // nothing but the key, since gRPC destroys it on its own thread,
+        // maybe after the I/O context is gone. The work guard in the call
+        // keeps the I/O context running until the result is handled.
+        grpc::ClientContext *ctx = call->ctx.get();
+        calls_.emplace(ctx, call);
+        call->method(m, ctx, &call->req, &call->resp, [this, ctx](grpc::Status s) {
+            asio::post(io_, [this, ctx, s] {
+                auto it = calls_.find(ctx);
+                if (it == calls_.end()) return;
+                auto call = std::static_pointer_cast<Call<Request, Response>>(it->second);
+                calls_.erase(it);
+                finish_attempt(call, s);
+            });
+        });
     }
 
-    template <class Request, class Response, class Method>
-    void finish_attempt(const std::shared_ptr<Call<Request, Response>> &call, Method method,
-                        const std::function<void(const StoreStatus &)> &done, const grpc::Status &s)
+    template <class Request, class Response>
+    void finish_attempt(const std::shared_ptr<Call<Request, Response>> &call, const grpc::Status &s)
     {
         if (s.ok()) {
             if (want_ && feed_ == nullptr && !closed_) reopen_feed_now();
-            call->work.reset();
-            return done(StoreStatus(0));
+            return finish(call, StoreStatus(0));
         }
         if (!closed_ && !call->login && !call->renewed && !user_.empty() && token_refused(s)) {
             call->renewed = true;
-            return renew_token([this, call, method, done](const StoreStatus &renewal) {
-                if (renewal.code == 0 && !closed_) return attempt(call, method, done);
-                call->work.reset();
-                done(renewal.code == 0 ? StoreStatus(kStatusStoreUnavailable, "the store is closing") : renewal);
+            return renew_token([this, call](const StoreStatus &renewal) {
+                if (renewal.code == 0 && !closed_) return attempt(call);
+                finish(call, renewal.code == 0 ? StoreStatus(kStatusStoreUnavailable, "the store is closing") : renewal);
             });
         }
         bool again = s.error_code() == grpc::StatusCode::UNAVAILABLE ||
@@ -530,15 +541,23 @@ private:
         }
         if (again && !closed_ && Clock::now() + kCallRetry < call->deadline) {
             call->timer.expires_after(kCallRetry);
-            call->timer.async_wait([this, call, method, done](const asio::error_code &) {
-                if (!closed_) return attempt(call, method, done);
-                call->work.reset();
-                done(StoreStatus(kStatusStoreUnavailable, "the store is closing"));
+            call->timer.async_wait([this, call](const asio::error_code &) {
+                if (!closed_) return attempt(call);
+                finish(call, StoreStatus(kStatusStoreUnavailable, "the store is closing"));
             });
             return;
         }
+        finish(call, status_of(s, call->linked, call->trouble));
+    }
+
+    // Ends call with status: its completion runs, its work guard goes.
+    template <class Request, class Response>
+    void finish(const std::shared_ptr<Call<Request, Response>> &call, const StoreStatus &status)
+    {
+        auto done = std::move(call->done); // may own the call: no cycle
+        call->done = nullptr;
         call->work.reset();
-        done(status_of(s, call->linked, call->trouble));
+        done(status);
     }
 
     template <class F>
@@ -558,7 +577,7 @@ private:
         call->login = true;
         call->req.set_name(user_);
         call->req.set_password(password_);
-        attempt(
+        start(
             call,
             [](Member &m, auto *ctx, auto *req, auto *resp, auto cb) { m.auth->async()->Authenticate(ctx, req, resp, cb); },
             [this, call](const StoreStatus &s) {
@@ -714,7 +733,7 @@ private:
     const std::string password_;               // its password (never logged)
     std::string token_;                        // its current token, or empty
     std::vector<std::function<void(const StoreStatus &)>> renewing_; // waiting for a new token
-    std::set<grpc::ClientContext *> calls_;    // unary calls outstanding, cancelled by close()
+    std::map<grpc::ClientContext *, std::shared_ptr<void>> calls_; // calls gRPC has, by context; close() cancels
     bool closed_ = false;                      // close() ran
 
     // The feed.

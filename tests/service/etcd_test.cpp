@@ -225,41 +225,38 @@ public:
             _exit(127);
         }
         close(out[1]);
+        out_ = out[0];
         std::string line;
         char c;
-        pollfd p{out[0], POLLIN, 0};
-        while (poll(&p, 1, static_cast<int>(kBound.count())) == 1 && read(out[0], &c, 1) == 1 && c != '\n') line += c;
-        close(out[0]);
+        while (readable() && read(out_, &c, 1) == 1 && c != '\n') line += c;
         if (line.rfind("hspaced listening on ", 0) == 0) url = line.substr(21);
     }
     ~Program()
     {
-        if (pid_ <= 0) return;
-        kill(pid_, SIGTERM);
+        if (pid_ > 0) kill(pid_, SIGTERM);
         exit_status();
+        if (out_ >= 0) close(out_);
     }
     Program(const Program &) = delete;
     Program &operator=(const Program &) = delete;
 
-    // Its exit status, once it has ended (within kBound, else -1).
+    // Its exit status, once it has ended: its standard output reaches its
+    // end (within kBound, else it is killed: -1), then it is reaped.
     int exit_status()
     {
         if (pid_ <= 0) return status_;
-        int status = 0;
-        for (auto until = std::chrono::steady_clock::now() + kBound; std::chrono::steady_clock::now() < until;) {
-            pid_t done = waitpid(pid_, &status, WNOHANG);
-            if (done == pid_) {
-                pid_ = 0;
-                return status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            pollfd none{-1, 0, 0};
-            poll(&none, 0, 5); // waitpid cannot wait with a bound: look again shortly
+        char c;
+        bool ended = false;
+        while (readable() && !(ended = read(out_, &c, 1) <= 0)) {
         }
-        ADD_FAILURE() << "watchdog: hspaced did not exit";
-        kill(pid_, SIGKILL);
+        if (!ended) {
+            ADD_FAILURE() << "watchdog: hspaced did not exit";
+            kill(pid_, SIGKILL);
+        }
+        int status = 0;
         waitpid(pid_, &status, 0);
         pid_ = 0;
-        return -1;
+        return status_ = !ended ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     std::string log() const
     {
@@ -270,7 +267,15 @@ public:
     std::string url; // tcp://HOST:PORT, empty until it listens
 
 private:
+    // Its standard output has a byte or its end within kBound.
+    bool readable()
+    {
+        pollfd p{out_, POLLIN, 0};
+        return poll(&p, 1, static_cast<int>(kBound.count())) == 1;
+    }
+
     std::string log_;
+    int out_ = -1;   // its standard output
     pid_t pid_ = -1;
     int status_ = -1;
 };
