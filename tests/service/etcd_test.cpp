@@ -12,8 +12,6 @@
  * wait is bounded and fails the test when it runs out; the cases share one
  * member, except the secured one.
  */
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 
 #include <fstream>
@@ -205,58 +203,37 @@ private:
     std::string ended_;            // why the feed ended, once it has
 };
 
-// The hspaced program, started with args: its URL once it listens, its
-// exit status, its standard error.
+// The hspaced program, started with args through the shell (which execs
+// it, keeping its pid): its URL once it listens, its exit status, its
+// standard error. Every read waits on the program, bounded by the test's
+// watchdog.
 class Program {
 public:
-    explicit Program(const std::vector<std::string> &args, const std::string &log) : log_(log)
+    Program(const std::vector<std::string> &args, const std::string &log) : log_(log)
     {
-        int out[2];
-        if (pipe2(out, O_CLOEXEC) != 0) return;
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(out[1], 1);
-            int err = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            dup2(err, 2);
-            std::vector<char *> argv{const_cast<char *>(HSPACED_PROGRAM)};
-            for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-            argv.push_back(nullptr);
-            execv(HSPACED_PROGRAM, argv.data());
-            _exit(127);
-        }
-        close(out[1]);
-        out_ = out[0];
-        std::string line;
-        char c;
-        while (readable() && read(out_, &c, 1) == 1 && c != '\n') line += c;
-        if (line.rfind("hspaced listening on ", 0) == 0) url = line.substr(21);
+        std::string cmd = "echo $$; exec " HSPACED_PROGRAM;
+        for (const std::string &a : args) cmd += " '" + a + "'";
+        out_ = popen((cmd + " 2>" + log).c_str(), "r");
+        char line[512];
+        if (out_ != nullptr && fgets(line, sizeof line, out_) != nullptr) pid_ = atoi(line);
+        if (pid_ > 0 && fgets(line, sizeof line, out_) != nullptr && strncmp(line, "hspaced listening on ", 21) == 0)
+            url.assign(line + 21, strcspn(line + 21, "\n"));
     }
     ~Program()
     {
-        if (pid_ > 0) kill(pid_, SIGTERM);
+        if (pid_ > 0 && status_ < 0) kill(pid_, SIGTERM);
         exit_status();
-        if (out_ >= 0) close(out_);
     }
     Program(const Program &) = delete;
     Program &operator=(const Program &) = delete;
 
-    // Its exit status, once it has ended: its standard output reaches its
-    // end (within kBound, else it is killed: -1), then it is reaped.
+    // Its exit status, once it has ended.
     int exit_status()
     {
-        if (pid_ <= 0) return status_;
-        char c;
-        bool ended = false;
-        while (readable() && !(ended = read(out_, &c, 1) <= 0)) {
-        }
-        if (!ended) {
-            ADD_FAILURE() << "watchdog: hspaced did not exit";
-            kill(pid_, SIGKILL);
-        }
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = 0;
-        return status_ = !ended ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        if (out_ == nullptr) return status_;
+        int status = pclose(out_);
+        out_ = nullptr;
+        return status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     std::string log() const
     {
@@ -264,18 +241,11 @@ public:
         return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
 
-    std::string url; // tcp://HOST:PORT, empty until it listens
+    std::string url; // tcp://HOST:PORT, empty unless it listens
 
 private:
-    // Its standard output has a byte or its end within kBound.
-    bool readable()
-    {
-        pollfd p{out_, POLLIN, 0};
-        return poll(&p, 1, static_cast<int>(kBound.count())) == 1;
-    }
-
     std::string log_;
-    int out_ = -1;   // its standard output
+    FILE *out_ = nullptr; // its standard output
     pid_t pid_ = -1;
     int status_ = -1;
 };
