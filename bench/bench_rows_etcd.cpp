@@ -203,7 +203,8 @@ int main(int argc, char **argv)
         return 1;
     }
     grpc::ChannelArguments args;
-    auto channel = grpc::CreateCustomChannel("ipv4:" + etcd.store_url().substr(7), grpc::InsecureChannelCredentials(), args);
+    auto channel =
+        grpc::CreateCustomChannel("ipv4:" + etcd.store_url().substr(7), grpc::InsecureChannelCredentials(), args);
     Library lib(service.url());
     Direct direct(channel);
     for (long i = 0; i < kKeys; i++) direct.put(key(i)); // the gets find every key; the channel is linked

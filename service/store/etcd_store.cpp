@@ -316,7 +316,9 @@ public:
         call->req.set_key(prefix_ + std::string(key));
         start(
             call,
-            [](Member &m, auto *ctx, auto *req, auto *resp, auto cb) { m.kv->async()->DeleteRange(ctx, req, resp, cb); },
+            [](Member &m, auto *ctx, auto *req, auto *resp, auto cb) {
+                m.kv->async()->DeleteRange(ctx, req, resp, cb);
+            },
             [this, call, done](const StoreStatus &s) {
                 if (s.code != 0) return failed("remove", s, [&] { done(s); });
                 if (call->resp.deleted() == 0) return done(kStatusNoMatch);
@@ -336,7 +338,8 @@ public:
         }
         call->req.set_keys_only(key_only);
         start(
-            call, [](Member &m, auto *ctx, auto *req, auto *resp, auto cb) { m.kv->async()->Range(ctx, req, resp, cb); },
+            call,
+            [](Member &m, auto *ctx, auto *req, auto *resp, auto cb) { m.kv->async()->Range(ctx, req, resp, cb); },
             [this, call, done](const StoreStatus &s) {
                 if (s.code != 0) return failed("get", s, [&] { done(s, 0, {}); });
                 std::vector<ObjectView> objects;
@@ -450,8 +453,9 @@ private:
             return StoreStatus(0);
         case grpc::StatusCode::DEADLINE_EXCEEDED:
             if (linked)
-                return StoreStatus(kStatusStoreTimeout, "etcd did not answer within " + std::to_string(timeout_.count()) +
-                                                            " ms" + (trouble.empty() ? "" : " (before: " + trouble + ")"));
+                return StoreStatus(kStatusStoreTimeout, "etcd did not answer within " +
+                                                            std::to_string(timeout_.count()) + " ms" +
+                                                            (trouble.empty() ? "" : " (before: " + trouble + ")"));
             return StoreStatus(kStatusStoreUnavailable,
                                "no etcd member reachable within " + std::to_string(timeout_.count()) + " ms" +
                                    (trouble.empty() ? "" : ": " + trouble));
@@ -525,7 +529,8 @@ private:
             call->renewed = true;
             return renew_token([this, call](const StoreStatus &renewal) {
                 if (renewal.code == 0 && !closed_) return attempt(call);
-                finish(call, renewal.code == 0 ? StoreStatus(kStatusStoreUnavailable, "the store is closing") : renewal);
+                finish(call,
+                       renewal.code == 0 ? StoreStatus(kStatusStoreUnavailable, "the store is closing") : renewal);
             });
         }
         bool again = s.error_code() == grpc::StatusCode::UNAVAILABLE ||
@@ -579,7 +584,9 @@ private:
         call->req.set_password(password_);
         start(
             call,
-            [](Member &m, auto *ctx, auto *req, auto *resp, auto cb) { m.auth->async()->Authenticate(ctx, req, resp, cb); },
+            [](Member &m, auto *ctx, auto *req, auto *resp, auto cb) {
+                m.auth->async()->Authenticate(ctx, req, resp, cb);
+            },
             [this, call](const StoreStatus &s) {
                 if (s.code == 0) token_ = call->resp.token();
                 if (log_ && !closed_) {

@@ -43,10 +43,9 @@ public:
     // etcd and etcdctl are on the PATH, and openssl too for a secure cluster.
     static bool installed(Secure secure = Secure::kNo)
     {
-        return system(secure == Secure::kNo
-                          ? "command -v etcd >/dev/null && command -v etcdctl >/dev/null"
-                          : "command -v etcd >/dev/null && command -v etcdctl >/dev/null && command -v openssl >/dev/null") ==
-               0;
+        std::string probe = "command -v etcd >/dev/null && command -v etcdctl >/dev/null";
+        if (secure == Secure::kTlsAndLogin) probe += " && command -v openssl >/dev/null";
+        return system(probe.c_str()) == 0;
     }
 
     explicit EtcdCluster(int members, Secure secure = Secure::kNo) : members_(members), secure_(secure)

@@ -135,7 +135,8 @@ public:
     StoreStatus get(const std::string &key)
     {
         return run([&](Store::Done done) {
-            store_->read(key, false, [done](const StoreStatus &s, int64_t, const std::vector<ObjectView> &) { done(s); });
+            store_->read(key, false,
+                         [done](const StoreStatus &s, int64_t, const std::vector<ObjectView> &) { done(s); });
         });
     }
     // Follows the feed and waits until it runs.
@@ -397,7 +398,8 @@ TEST_F(EtcdFaults, StoreFailuresAnswerWithTheirOwnStatusWithinStoreTimeout)
         const char *words;
     };
     const Fault faults[] = {
-        {"frozen", [] { etcd().freeze(0); }, [] { etcd().thaw(0); }, kStatusStoreTimeout, "did not answer within 300 ms"},
+        {"frozen", [] { etcd().freeze(0); }, [] { etcd().thaw(0); }, kStatusStoreTimeout,
+         "did not answer within 300 ms"},
         {"down", [] { etcd().kill(0); }, [] { ASSERT_TRUE(etcd().start(kTestBound)); }, kStatusStoreUnavailable,
          "no etcd member reachable within 300 ms"},
     };
