@@ -24,6 +24,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -242,6 +243,9 @@ private:
         cmd += " </dev/null >/dev/null 2>>" + dir_ + "/" + name + ".log";
         pid_t pid = fork();
         if (pid == 0) {
+            // A test that dies (a watchdog's abort, a sanitizer's report)
+            // takes its members with it.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
             execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char *>(nullptr));
             _exit(127);
         }
