@@ -843,7 +843,6 @@ void work_watch(const Command &cmd)
                     lost_reason = reason;
                     break;
                 }
-                qel_hspace_cancel(hspace, cmd.key.c_str(), HSPACE_CANCEL_SYNC, 0);
                 pause(wait);
                 continue;
             }
