@@ -4,7 +4,8 @@
  * service ends and a connection it drops (re-subscribed with a resync image,
  * or stopped by --no-retry naming the cause), a post refused while
  * re-subscribing, --no-image on the wire, JSON lines of hostile bytes, and
- * ping's request and the service name it prints. Every read from the child
+ * ping's request and the service name it prints; the subscriber example
+ * through an ended subscription. Every read from the child
  * and its exit are bounded by the watchdog; nothing sleeps.
  */
 #include <errno.h>
@@ -53,10 +54,11 @@ bool readable(int fd, Clock::time_point deadline)
     }
 }
 
-// hspace run with args, its stdout and stderr read line by line.
+// A program run with args (hspace with --timeout 0 first, unless told
+// otherwise), its stdout and stderr read line by line.
 class Cli {
 public:
-    explicit Cli(const std::vector<std::string> &args)
+    explicit Cli(const std::vector<std::string> &args, const char *program = HSPACE_CLI)
     {
         int out[2], err[2];
         EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
@@ -66,11 +68,12 @@ public:
         posix_spawn_file_actions_adddup2(&actions, out[1], 1);
         posix_spawn_file_actions_adddup2(&actions, err[1], 2);
         std::vector<char *> argv;
-        std::vector<std::string> all = {HSPACE_CLI, "--timeout", "0"};
+        std::vector<std::string> all = {program};
+        if (strcmp(program, HSPACE_CLI) == 0) all.insert(all.end(), {"--timeout", "0"});
         all.insert(all.end(), args.begin(), args.end());
         for (std::string &a : all) argv.push_back(&a[0]);
         argv.push_back(nullptr);
-        EXPECT_EQ(posix_spawn(&pid_, HSPACE_CLI, &actions, nullptr, argv.data(), environ), 0);
+        EXPECT_EQ(posix_spawn(&pid_, program, &actions, nullptr, argv.data(), environ), 0);
         posix_spawn_file_actions_destroy(&actions);
         close(out[1]);
         close(err[1]);
@@ -321,6 +324,29 @@ TEST(CliPing, NamesTheServiceAndTimesEachRequest)
     }
     EXPECT_TRUE(contains(cli.line(), "2 replies: min "));
     EXPECT_EQ(cli.wait_exit(), 0);
+}
+
+// The subscriber example: an ended subscription is cancelled and posted
+// again, once a second while the store is unavailable, then its new image
+// and changes are printed.
+TEST(SubscriberExample, EndedSubscriptionIsPostedAgain)
+{
+    FakeService fake;
+    Cli sub({fake.url(), "w/*"}, SUBSCRIBER_EXAMPLE);
+    FakeConnection c = subscribed(fake, "w/*", {});
+    EXPECT_EQ(sub.line(), "image: nothing stored under w/*");
+    c.notify("w/*", kEnded, "store lost");
+    EXPECT_EQ(sub.line(), "ended w/* = store lost");
+    c.reply(expect_request(c, kOpCancel, "w/*"), 2);
+    c.reply(expect_request(c, kOpPost, "w/*"), 1101);
+    uint32_t corrid = expect_request(c, kOpPost, "w/*");
+    c.reply(corrid);
+    c.objects(corrid, kOpPost, {{"w/1", "back"}});
+    EXPECT_EQ(sub.line(), "image w/1 = back");
+    c.notify("w/1", kStored, "again");
+    EXPECT_EQ(sub.line(), "stored w/1 = again");
+    sub.signal(SIGINT);
+    EXPECT_EQ(sub.wait_exit(), 0);
 }
 
 } // namespace
