@@ -275,6 +275,22 @@ done <<'EOF'
 EOF
 expect_exit 3 "$HSPACE" --url tcp://127.0.0.1:1 get k
 expect_err "cannot connect to tcp://127.0.0.1:1: connection refused"
+# On every address, hspaced prints a URL a client on the host can use.
+mkfifo "$tmp/any"
+"$HSPACED" --listen 0.0.0.0 --port 0 --quiet >"$tmp/any" &
+any=$!
+pids+=("$any")
+exec {any_fd}<"$tmp/any"
+read_line "$any_fd"
+case $line in
+"hspaced listening on tcp://127.0.0.1:"*" (all IPv4 addresses of this host"*) ;;
+*) fail "hspaced --listen 0.0.0.0 printed: $line" ;;
+esac
+any_url=${line#hspaced listening on }
+any_url=${any_url%% *}
+expect_exit 0 "$HSPACE" --url "$any_url" ping
+kill -TERM "$any"
+wait_exit "$any_fd" "$any" 0
 # A key prefix the memory store would ignore is refused.
 for args in "--store-prefix x/" "--store memory --store-prefix x/"; do
     expect_exit 2 "$HSPACED" $args
@@ -391,6 +407,21 @@ complete_line() {
 [ "$(complete_line hspace g)" = get ] || fail "completion of 'hspace g': $(complete_line hspace g)"
 [ "$(complete_line hspace get --r)" = --raw ] || fail "completion of 'hspace get --r'"
 [ "$(complete_line hspace --ti)" = --timeout ] || fail "completion of 'hspace --ti'"
+while IFS='|' read -r words want; do
+    eval "set -- $words"
+    got=$(complete_line hspace "$@")
+    [ "$got" = "$want" ] || fail "completion of 'hspace $words': '$got', expected '$want'"
+done <<'EOF2'
+l|ls
+p|put ping
+watch --no-|--no-image --no-retry
+watch -o ''|text json raw
+get --output j|json
+ls -|-o --output --help
+ping --c|--count
+help w|watch
+--url x l|ls
+EOF2
 timeout 10 bash -c 'source "$1" && complete -p hspace' _ "$COMPLETION" >/dev/null || fail "completion does not load"
 
 # The manual pages render.
@@ -398,6 +429,17 @@ if [ -d "$MANDIR" ]; then
     for page in hspace.1 hspaced.8; do
         LC_ALL=C MANPAGER=cat MANWIDTH=80 timeout 20 man -l "$MANDIR/$page" >"$tmp/man" 2>&1 || fail "man -l $page failed"
         grep -q -- "--timeout\|--max-queue" "$tmp/man" || fail "$page lacks the options: $(head -20 "$tmp/man")"
+        for section in EXAMPLES FILES "SEE ALSO" ENVIRONMENT; do
+            grep -q "^$section" "$tmp/man" || fail "$page has no $section section"
+        done
+    done
+    LC_ALL=C MANPAGER=cat MANWIDTH=80 timeout 20 man -l "$MANDIR/hspace.1" >"$tmp/man" 2>&1
+    for word in --no-retry --no-image --count --output HSPACE_URL "hspace watch" "Exit status"; do
+        grep -q -- "$word" "$tmp/man" || fail "hspace(1) lacks $word"
+    done
+    LC_ALL=C MANPAGER=cat MANWIDTH=80 timeout 20 man -l "$MANDIR/hspaced.8" >"$tmp/man" 2>&1
+    for word in --store-prefix --listen hspaced.service "systemctl"; do
+        grep -q -- "$word" "$tmp/man" || fail "hspaced(8) lacks $word"
     done
 fi
 
