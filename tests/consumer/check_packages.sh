@@ -32,21 +32,25 @@ done
 grep -q "^Depends: .*libqel-hspace1 (= $version)" "$tmp/hspace-tools.control" || fail "hspace-tools: $(cat "$tmp/hspace-tools.control")"
 grep -q "^Depends: libqel-hspace1 (= $version)" "$tmp/libqel-hspace-dev.control" || fail "dev: $(cat "$tmp/libqel-hspace-dev.control")"
 grep -q "^Depends: .*libc6" "$tmp/libqel-hspace1.control" || fail "libqel-hspace1: $(cat "$tmp/libqel-hspace1.control")"
-# Each file in the package it belongs to, and only there.
+# Each file in the package it belongs to, and only there (LIB: the library
+# directory, /usr/lib or the multiarch one, as the tree was configured).
+lib=$(sed -n 's|/libqel_hspace.so.1$||p' "$tmp/libqel-hspace1.files")
+[ -n "$lib" ] || fail "libqel-hspace1 holds no libqel_hspace.so.1: $(cat "$tmp/libqel-hspace1.files")"
 while read -r pkg file; do
+    file=${file/LIB/$lib}
     grep -qx "$file" "$tmp/$pkg.files" || fail "$pkg lacks $file: $(cat "$tmp/$pkg.files")"
     for other in libqel-hspace1 libqel-hspace-dev hspace-tools; do
         [ "$other" = "$pkg" ] || ! grep -qx "$file" "$tmp/$other.files" || fail "$file is also in $other"
     done
 done <<'EOF'
-libqel-hspace1 /usr/lib/libqel_hspace.so.1
-libqel-hspace-dev /usr/lib/libqel_hspace.so
-libqel-hspace-dev /usr/lib/libqel_hspace.a
+libqel-hspace1 LIB/libqel_hspace.so.1
+libqel-hspace-dev LIB/libqel_hspace.so
+libqel-hspace-dev LIB/libqel_hspace.a
 libqel-hspace-dev /usr/include/qel_hspace/qel_hspace.h
 libqel-hspace-dev /usr/include/qel_hspace/qel_hspace.hpp
 libqel-hspace-dev /usr/include/qel_hspace/kro.h
-libqel-hspace-dev /usr/lib/pkgconfig/qel_hspace.pc
-libqel-hspace-dev /usr/lib/cmake/qel_hspace/qel_hspaceConfig.cmake
+libqel-hspace-dev LIB/pkgconfig/qel_hspace.pc
+libqel-hspace-dev LIB/cmake/qel_hspace/qel_hspaceConfig.cmake
 hspace-tools /usr/bin/hspace
 hspace-tools /usr/bin/hspaced
 hspace-tools /usr/lib/systemd/system/hspaced.service
@@ -77,7 +81,7 @@ fi
 
 # The installed programs: hspace finds the installed library, not the
 # build tree's.
-export LD_LIBRARY_PATH=$root/usr/lib
+export LD_LIBRARY_PATH=$root$lib
 ldd "$root/usr/bin/hspace" | grep -q "libqel_hspace.so.1 => $root/usr/" || fail "hspace links: $(ldd "$root/usr/bin/hspace")"
 start_hspaced "$root/usr/bin/hspaced" --name packaged --quiet
 hs() { timeout -k 5 "$WATCHDOG" "$root/usr/bin/hspace" --url "$url" --timeout 0 "$@" </dev/null; }
@@ -97,7 +101,7 @@ fi
 # An application against the development package, through pkg-config,
 # finding the library by its rpath at run time.
 unset LD_LIBRARY_PATH
-export PKG_CONFIG_PATH=$root/usr/lib/pkgconfig
+export PKG_CONFIG_PATH=$root$lib/pkgconfig
 # shellcheck disable=SC2046 # pkg-config's flags are meant to split
 quiet "$cc" -std=c99 -Wall -Wextra -Wpedantic -Werror -o "$tmp/consumer" "$src/tests/consumer/app/consumer.c" \
     $(pkg-config --cflags --libs qel_hspace) -Wl,-rpath,"$(pkg-config --variable=libdir qel_hspace)"

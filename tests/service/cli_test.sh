@@ -300,7 +300,8 @@ done
 # Output errors: every write to stdout is checked.
 head -c 5000 /dev/zero | tr '\0' v >"$tmp/big"
 hs 0 put big -f "$tmp/big"
-for args in "get big" "get --raw big" "get f/a" "get --raw f/a" "get *" "--help" "put --help"; do
+for args in "get big" "get --raw big" "get f/a" "get --raw f/a" "get *" "--help" "put --help" "help" "ls" \
+    "ls -o json" "get -o json big" "ping" "watch big" "watch -o json f/*"; do
     timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 --url "$url" $args >/dev/full 2>"$tmp/err"
     rc=$?
     [ "$rc" -eq 3 ] || fail "$args > /dev/full exited $rc"
