@@ -90,14 +90,14 @@ const char kFooter[] =
     "        ended), and for images \"index\", \"count\" and \"resync\"\n"
     "  raw   as text, nothing escaped; get of one key writes the value's bytes alone\n"
     "\n"
-    "Environment:\n"
-    "  HSPACE_URL  the service's URL when --url is not given\n"
-    "\n"
     "Exit status:\n"
     "  0 done (watch: ended by SIGINT or SIGTERM), 1 not found (get, ls, rm), 2 usage\n"
     "  error, 3 any other failure: no connection, a timeout, a refused request, a\n"
     "  watch stopped at a break by --no-retry, an output error (the reason on\n"
-    "  standard error); 128+N when another command is ended by signal N.";
+    "  standard error); 128+N when another command is ended by signal N.\n"
+    "\n"
+    "Environment:\n"
+    "  HSPACE_URL  the service's URL when --url is not given";
 
 enum class Format { kText, kJson, kRaw };
 
