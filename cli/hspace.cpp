@@ -555,13 +555,14 @@ int wait_signal(const timespec *deadline)
     }
 }
 
-// Ends the process at once, with the handle still in use by the worker.
-[[noreturn]] void quit(int status)
+// Ends the process at once, with the handle still in use by the worker,
+// after message on stderr. stdout is flushed unless another thread is inside
+// a write to it: one blocked on a full pipe must not keep the process alive.
+[[noreturn]] void quit(int status, const std::string &message = std::string())
 {
-    {
-        std::lock_guard<std::mutex> lock(print_mutex);
-        fflush(stdout);
-    }
+    std::unique_lock<std::mutex> lock(print_mutex, std::try_to_lock);
+    if (lock.owns_lock()) fflush(stdout);
+    if (!message.empty()) fputs(message.c_str(), stderr);
     fflush(stderr);
     _exit(status);
 }
@@ -577,11 +578,8 @@ void await_worker(const Command &cmd)
     bool bounded = false;
     timespec deadline{};
     while (step_kind.load() != kFinished) {
-        if (watch_failure.load() == kOutputError) {
-            std::lock_guard<std::mutex> lock(print_mutex);
-            fflush(stderr);
-            _exit(output_failed());
-        }
+        if (watch_failure.load() == kOutputError)
+            quit(kFailed, std::string("hspace: cannot write standard output: ") + strerror(output_errno) + "\n");
         unsigned now_seq = step_seq.load();
         if (now_seq != seen) {
             seen = now_seq;
@@ -598,13 +596,11 @@ void await_worker(const Command &cmd)
         int signo = wait_signal(bounded ? &deadline : nullptr);
         if (signo == SIGINT || signo == SIGTERM) quit(cmd.name == "watch" ? kDone : 128 + signo);
         if (signo == 0 && step_seq.load() == seen && step_kind.load() != kFinished) {
-            std::lock_guard<std::mutex> lock(print_mutex);
+            char bound[32];
+            snprintf(bound, sizeof bound, "%g", timeout);
             std::lock_guard<std::mutex> what_lock(step_mutex);
-            fprintf(stderr, "hspace: timed out after %g s %s (--timeout sets the bound, 0 for none)\n", timeout,
-                    step_what.c_str());
-            fflush(stdout);
-            fflush(stderr);
-            _exit(kFailed);
+            quit(kFailed, std::string("hspace: timed out after ") + bound + " s " + step_what +
+                              " (--timeout sets the bound, 0 for none)\n");
         }
     }
 }

@@ -14,6 +14,8 @@
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
+#include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -79,6 +81,7 @@ public:
         close(err[1]);
         fd_[0] = out[0];
         fd_[1] = err[0];
+        fcntl(out[0], F_SETPIPE_SZ, 4096); // the smallest: a few lines fill it
         pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
         EXPECT_GE(pidfd_, 0) << strerror(errno);
     }
@@ -130,6 +133,19 @@ public:
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     void signal(int signo) { kill(pid_, signo); }
+
+    // Waits until stdout's pipe is full (what a reader that stopped reading
+    // leaves behind); false on the watchdog. Spins: a full pipe raises no
+    // event on its reading end.
+    bool wait_stdout_full()
+    {
+        int size = fcntl(fd_[0], F_GETPIPE_SZ);
+        Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
+        for (int queued = 0; Clock::now() < deadline; sched_yield())
+            if (ioctl(fd_[0], FIONREAD, &queued) == 0 && queued >= size) return true;
+        ADD_FAILURE() << "stdout never filled";
+        return false;
+    }
 
 private:
     pid_t pid_ = -1;
@@ -323,6 +339,19 @@ TEST(CliPing, NamesTheServiceAndTimesEachRequest)
         EXPECT_TRUE(contains(cli.line(), "reply " + std::to_string(i) + ": ")) << i;
     }
     EXPECT_TRUE(contains(cli.line(), "2 replies: min "));
+    EXPECT_EQ(cli.wait_exit(), 0);
+}
+
+// A watch whose stdout is a full pipe (its reader stopped reading) still
+// ends at once on SIGTERM, with 0, though its reader thread is blocked
+// inside a write.
+TEST(CliWatch, EndsOnASignalWhileItsOutputIsBlocked)
+{
+    FakeService fake;
+    Cli cli({"--url", fake.url(), "watch", "k"});
+    FakeConnection c = subscribed(fake, "k", {{"k", std::string(20000, 'v')}});
+    ASSERT_TRUE(cli.wait_stdout_full());
+    cli.signal(SIGTERM);
     EXPECT_EQ(cli.wait_exit(), 0);
 }
 
