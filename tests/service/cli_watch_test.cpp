@@ -32,7 +32,10 @@ extern char **environ;
 
 namespace {
 
+using hspace::codec::kFlagKeyOnly;
 using hspace::codec::kFlagNoImage;
+using hspace::codec::kOpGet;
+using hspace::codec::kOpRemove;
 using hspace::codec::kOpCancel;
 using hspace::codec::kOpPost;
 using hspace::test::FakeConnection;
@@ -340,6 +343,49 @@ TEST(CliPing, NamesTheServiceAndTimesEachRequest)
     }
     EXPECT_TRUE(contains(cli.line(), "2 replies: min "));
     EXPECT_EQ(cli.wait_exit(), 0);
+}
+
+// Each one-shot command's request on the wire (opcode, key, flags: ls asks
+// for keys only), the service's answer, and what the command prints and
+// exits with.
+TEST(CliWire, OneRequestPerCommand)
+{
+    using Kv = std::vector<std::pair<std::string, std::string>>;
+    struct Case {
+        std::vector<std::string> args;
+        uint8_t opcode;
+        std::string key;
+        int32_t flags;
+        uint32_t status;                       // the answer's status; 0: the objects below
+        Kv objects;
+        std::vector<std::string> out;
+        int exit;
+    };
+    const Case cases[] = {
+        {{"ls"}, kOpGet, "*", kFlagKeyOnly, 0, {{"a", ""}, {"b\n", ""}}, {"a", "b\\n"}, 0},
+        {{"ls", "-o", "json", "p/*"}, kOpGet, "p/*", kFlagKeyOnly, 0, {{"p/1", ""}}, {R"({"key":"p/1"})"}, 0},
+        {{"ls", "p/*"}, kOpGet, "p/*", kFlagKeyOnly, 2, {}, {}, 1},
+        {{"get", "k"}, kOpGet, "k", 0, 0, {{"k", "v\t1"}}, {"v\\t1"}, 0},
+        {{"get", "-o", "json", "k"}, kOpGet, "k", 0, 0, {{"k", "v"}}, {R"({"key":"k","value":"v"})"}, 0},
+        {{"get", "k"}, kOpGet, "k", 0, 1101, {}, {}, 3},
+        {{"rm", "k"}, kOpRemove, "k", 0, 0, {}, {}, 0},
+        {{"rm", "k"}, kOpRemove, "k", 0, 2, {}, {}, 1},
+        {{"rm", "k"}, kOpRemove, "k", 0, 1104, {}, {}, 3},
+    };
+    for (const Case &t : cases) {
+        SCOPED_TRACE(t.args[0] + " " + t.args.back() + " status " + std::to_string(t.status));
+        FakeService fake;
+        std::vector<std::string> args = {"--url", fake.url()};
+        args.insert(args.end(), t.args.begin(), t.args.end());
+        Cli cli(args);
+        FakeConnection c = fake.accept();
+        c.handshake();
+        uint32_t corrid = expect_request(c, t.opcode, t.key, t.flags);
+        if (t.status != 0 || (t.opcode == kOpRemove)) c.reply(corrid, t.status);
+        else c.objects(corrid, kOpGet, t.objects);
+        for (const std::string &l : t.out) EXPECT_EQ(cli.line(), l);
+        EXPECT_EQ(cli.wait_exit(), t.exit);
+    }
 }
 
 // A watch whose stdout is a full pipe (its reader stopped reading) still
