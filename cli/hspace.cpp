@@ -655,11 +655,13 @@ double seconds_since(std::chrono::steady_clock::time_point start)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// True when the service answered the request, whatever it said.
+// True when the service answered the request, whatever it said: success,
+// one of the library's codes the service uses, or a status of its own
+// (the 1100s).
 bool answered(t_kro_error error)
 {
     return error == 0 || error == KRO_ERR_NO_MATCH || error == KRO_ERR_INVALID_ARG ||
-           error == KRO_ERR_NOT_SUPPORTED || (error > HSPACE_STATUS_STORE_UNAVAILABLE - 1 && error < 1200);
+           error == KRO_ERR_NOT_SUPPORTED || (error >= 1100 && error < 1200);
 }
 
 // Worker thread: connects, prints the service's name and the time it took,
