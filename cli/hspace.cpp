@@ -233,30 +233,52 @@ std::string check_url(const std::string &url)
 }
 
 // ---- checked output ----
+//
+// stdout is written with write(2) from a buffer of our own, never through
+// stdio: a thread blocked writing to a full pipe then holds no lock but
+// print_mutex, and nothing on the way out of the process (an _exit that
+// flushes stdio, as the ThreadSanitizer runtime's does) waits for it.
 
 std::mutex print_mutex;                        // serialises stdout and stderr among the threads
 int output_errno = 0;                          // errno of the first failed write to stdout (under print_mutex)
+std::string out_buffer;                        // bytes for stdout not yet written (under print_mutex)
+constexpr size_t kOutChunk = 65536;            // written once this much is buffered
+
+bool write_all(const char *p, size_t n)
+{
+    while (n > 0) {
+        ssize_t done = write(STDOUT_FILENO, p, n);
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) {
+            if (output_errno == 0) output_errno = done < 0 ? errno : EIO;
+            return false;
+        }
+        p += done;
+        n -= static_cast<size_t>(done);
+    }
+    return true;
+}
+
+// Writes what is buffered; false, with output_errno set, when anything
+// written to stdout was lost.
+bool out_flush()
+{
+    if (output_errno == 0 && !out_buffer.empty()) write_all(out_buffer.data(), out_buffer.size());
+    out_buffer.clear();
+    return output_errno == 0;
+}
 
 bool out_write(const char *p, size_t n)
 {
-    if (n == 0 || fwrite(p, 1, n, stdout) == n) return true;
-    if (output_errno == 0) output_errno = errno != 0 ? errno : EIO;
-    return false;
+    if (out_buffer.size() + n > kOutChunk && !out_flush()) return false;
+    if (n >= kOutChunk) return output_errno == 0 && write_all(p, n);
+    out_buffer.append(p, n);
+    return output_errno == 0;
 }
 
 bool out_write(const std::string &s)
 {
     return out_write(s.data(), s.size());
-}
-
-// Flushes stdout; false, with output_errno set, when anything written to
-// it was lost.
-bool out_flush()
-{
-    errno = 0;
-    if (fflush(stdout) == 0 && !ferror(stdout) && output_errno == 0) return true;
-    if (output_errno == 0) output_errno = errno != 0 ? errno : EIO;
-    return false;
 }
 
 int output_failed()
@@ -561,7 +583,7 @@ int wait_signal(const timespec *deadline)
 [[noreturn]] void quit(int status, const std::string &message = std::string())
 {
     std::unique_lock<std::mutex> lock(print_mutex, std::try_to_lock);
-    if (lock.owns_lock()) fflush(stdout);
+    if (lock.owns_lock()) out_flush();
     if (!message.empty()) fputs(message.c_str(), stderr);
     fflush(stderr);
     _exit(status);
