@@ -35,6 +35,7 @@ namespace {
 using hspace::codec::kFlagKeyOnly;
 using hspace::codec::kFlagNoImage;
 using hspace::codec::kOpGet;
+using hspace::codec::kOpPut;
 using hspace::codec::kOpRemove;
 using hspace::codec::kOpCancel;
 using hspace::codec::kOpPost;
@@ -346,8 +347,9 @@ TEST(CliPing, NamesTheServiceAndTimesEachRequest)
 }
 
 // Each one-shot command's request on the wire (opcode, key, flags: ls asks
-// for keys only), the service's answer, and what the command prints and
-// exits with.
+// for keys only), the service's answer, and what the command prints on
+// stdout and stderr (the service's statuses named, with advice) and exits
+// with.
 TEST(CliWire, OneRequestPerCommand)
 {
     using Kv = std::vector<std::pair<std::string, std::string>>;
@@ -360,17 +362,33 @@ TEST(CliWire, OneRequestPerCommand)
         Kv objects;
         std::vector<std::string> out;
         int exit;
+        std::string err;                       // the first line of stderr, when there is one
     };
     const Case cases[] = {
-        {{"ls"}, kOpGet, "*", kFlagKeyOnly, 0, {{"a", ""}, {"b\n", ""}}, {"a", "b\\n"}, 0},
-        {{"ls", "-o", "json", "p/*"}, kOpGet, "p/*", kFlagKeyOnly, 0, {{"p/1", ""}}, {R"({"key":"p/1"})"}, 0},
-        {{"ls", "p/*"}, kOpGet, "p/*", kFlagKeyOnly, 2, {}, {}, 1},
-        {{"get", "k"}, kOpGet, "k", 0, 0, {{"k", "v\t1"}}, {"v\\t1"}, 0},
-        {{"get", "-o", "json", "k"}, kOpGet, "k", 0, 0, {{"k", "v"}}, {R"({"key":"k","value":"v"})"}, 0},
-        {{"get", "k"}, kOpGet, "k", 0, 1101, {}, {}, 3},
-        {{"rm", "k"}, kOpRemove, "k", 0, 0, {}, {}, 0},
-        {{"rm", "k"}, kOpRemove, "k", 0, 2, {}, {}, 1},
-        {{"rm", "k"}, kOpRemove, "k", 0, 1104, {}, {}, 3},
+        {{"ls"}, kOpGet, "*", kFlagKeyOnly, 0, {{"a", ""}, {"b\n", ""}}, {"a", "b\\n"}, 0, ""},
+        {{"ls", "-o", "json", "p/*"}, kOpGet, "p/*", kFlagKeyOnly, 0, {{"p/1", ""}}, {R"({"key":"p/1"})"}, 0, ""},
+        {{"ls", "p/*"}, kOpGet, "p/*", kFlagKeyOnly, 2, {}, {}, 1, ""},
+        {{"get", "k"}, kOpGet, "k", 0, 0, {{"k", "v\t1"}}, {"v\\t1"}, 0, ""},
+        {{"get", "-o", "json", "k"}, kOpGet, "k", 0, 0, {{"k", "v"}}, {R"({"key":"k","value":"v"})"}, 0, ""},
+        {{"get", "k"}, kOpGet, "k", 0, 1101, {}, {}, 3,
+         "hspace: get k: the service's store is unavailable (1101); the service is up but its store is not: try "
+         "again later"},
+        {{"ls"}, kOpGet, "*", kFlagKeyOnly, 1102, {}, {}, 3,
+         "hspace: ls *: the service's store did not answer in time (1102); the service is up but its store is "
+         "not: try again later"},
+        {{"rm", "k"}, kOpRemove, "k", 0, 0, {}, {}, 0, ""},
+        {{"rm", "k"}, kOpRemove, "k", 0, 2, {}, {}, 1, "hspace: rm: nothing stored under k"},
+        {{"rm", "k"}, kOpRemove, "k", 0, 1104, {}, {}, 3,
+         "hspace: rm k: permission denied (1104); the service's access rules do not let this client do that to "
+         "this key"},
+        {{"put", "k", "vv"}, kOpPut, "k", 0, 0, {}, {}, 0, ""},
+        {{"put", "k", "vv"}, kOpPut, "k", 0, 1103, {}, {}, 3,
+         "hspace: put k: value is 2 bytes; the service's store refused it as too large (1103)"},
+        {{"put", "k", "vv"}, kOpPut, "k", 0, 12, {}, {}, 3,
+         "hspace: put k: value is 2 bytes; the service refused it as larger than it can send back (hspaced's "
+         "--max-queue bounds the values it accepts)"},
+        {{"put", "k", "vv"}, kOpPut, "k", 0, 1107, {}, {}, 3,
+         "hspace: put k: the service is at its connection limit (1107); try again later"},
     };
     for (const Case &t : cases) {
         SCOPED_TRACE(t.args[0] + " " + t.args.back() + " status " + std::to_string(t.status));
@@ -381,9 +399,12 @@ TEST(CliWire, OneRequestPerCommand)
         FakeConnection c = fake.accept();
         c.handshake();
         uint32_t corrid = expect_request(c, t.opcode, t.key, t.flags);
-        if (t.status != 0 || (t.opcode == kOpRemove)) c.reply(corrid, t.status);
+        if (t.status != 0 || t.opcode != kOpGet) c.reply(corrid, t.status);
         else c.objects(corrid, kOpGet, t.objects);
         for (const std::string &l : t.out) EXPECT_EQ(cli.line(), l);
+        if (!t.err.empty()) {
+            EXPECT_EQ(cli.err_line(), t.err);
+        }
         EXPECT_EQ(cli.wait_exit(), t.exit);
     }
 }
