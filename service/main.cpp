@@ -15,6 +15,7 @@
 #include <stdio.h>
 #include <stdint.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -57,7 +58,8 @@ const char kFooter[] =
     "  login are checked at start: a wrong CA, certificate or password exits 1.\n"
     "\n"
     "Output:\n"
-    "  Prints \"hspaced listening on tcp://HOST:PORT\" on standard output when ready, one\n"
+    "  Prints \"hspaced listening on tcp://HOST:PORT\" on standard output when ready\n"
+    "  (with --listen 0.0.0.0: tcp://127.0.0.1:PORT, then the other addresses), one\n"
     "  line per connection event on standard error (unless --quiet), and stops cleanly\n"
     "  on SIGINT or SIGTERM.\n"
     "\n"
@@ -146,8 +148,10 @@ int main(int argc, char **argv)
                    "an etcd cluster, tried in turn")
         ->option_text("STORE")
         ->check([](const std::string &store) { return check_store(store); });
-    app.add_option("--store-prefix", options.store_prefix, "etcd: the prefix of every key stored (default hspace/)")
-        ->option_text("P");
+    CLI::Option *prefix_opt =
+        app.add_option("--store-prefix", options.store_prefix,
+                       "etcd: the prefix of every key stored (default hspace/); refused with the memory store")
+            ->option_text("P");
     app.add_option("--store-timeout", store_timeout,
                    "etcd: bound of each store call, failover included; also of a subscription's start (default 3000)")
         ->option_text("MS")
@@ -184,6 +188,13 @@ int main(int argc, char **argv)
         return 0;
     } catch (const CLI::ParseError &e) {
         fprintf(stderr, "hspaced: %s\nRun 'hspaced --help' for the options.\n", e.what());
+        return 2;
+    }
+    // A prefix the memory store would ignore is refused, so that no one
+    // believes two instances share (or keep apart) data they do not.
+    if (prefix_opt->count() > 0 && options.store.compare(0, 7, "etcd://") != 0) {
+        fprintf(stderr, "hspaced: --store-prefix applies to --store etcd://... only; the memory store has no prefix\n"
+                        "Run 'hspaced --help' for the options.\n");
         return 2;
     }
     options.port = static_cast<uint16_t>(std::stoul(port));
@@ -223,7 +234,17 @@ int main(int argc, char **argv)
         fprintf(stderr, "hspaced: %s\n", error.c_str());
         return 1;
     }
-    if (printf("hspaced listening on %s\n", server.url().c_str()) < 0 || fflush(stdout) != 0) {
+    // On the wildcard address the URL names the loopback address, which a
+    // client on this host can use, and the line says what else reaches it.
+    std::string listening = server.url();
+    if (options.host == "0.0.0.0") {
+        std::string port_text = listening.substr(listening.rfind(':') + 1);
+        char host[256] = "";
+        gethostname(host, sizeof host - 1);
+        listening = "tcp://127.0.0.1:" + port_text + " (all IPv4 addresses of this host" +
+                    (host[0] != '\0' ? std::string("; from elsewhere tcp://") + host + ":" + port_text : "") + ")";
+    }
+    if (printf("hspaced listening on %s\n", listening.c_str()) < 0 || fflush(stdout) != 0) {
         fprintf(stderr, "hspaced: cannot write standard output: %s\n", strerror(errno));
         return 1;
     }
