@@ -180,7 +180,8 @@ private:
         if (result.wait_for(kBound) != std::future_status::ready) Die("a store call did not complete");
         return result.get();
     }
-    void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t) override
+    void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t,
+                   const hspace::service::SharedValue &) override
     {
         std::string v = value != nullptr ? std::string(*value) : std::string();
         std::lock_guard<std::mutex> lock(mutex_);
