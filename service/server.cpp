@@ -61,6 +61,7 @@
 
 #include "hspace_codec.h"
 #include "read_buffer.h"
+#include "keyed_hash.h"
 #include "store/store.h"
 #include "subscription_index.h"
 
@@ -77,6 +78,11 @@ constexpr uint32_t kStatusExists = 20;         // the connection already subscri
 constexpr uint32_t kStatusTooManySubscriptions = 1106; // the connection holds max_subscriptions already
 constexpr uint32_t kStatusConnectionLimit = 1107; // answers the handshake of a connection over max_connections
 
+// A packet of this many bytes or more, after the handshake, is received
+// into a string of its own (Connection::large_), from which a put's value
+// moves into the store.
+constexpr size_t kLargePacket = 1024 * 1024;
+constexpr size_t kLargeChunk = 1024 * 1024;    // bytes asked of each read into it
 constexpr size_t kMaxGather = 64;              // queued packets handed to one write
 // Values of this many bytes or more are sent from the store's own string
 // when it shares it (ObjectView::shared), after a packet's first bytes,
@@ -234,14 +240,17 @@ public:
     size_t fair_share() const { return options_.max_memory / (2 * std::max<size_t>(conns_.size(), 1)); }
     // Owning thread: Server::reload(), done on the I/O thread while it runs.
     bool reload(std::string *error);
-    // I/O thread: one decoded packet from a connection.
-    void handle(Connection &c, const codec::PacketView &p);
+    // I/O thread: one decoded packet from a connection. packet, when not
+    // null, holds the packet's bytes, which p views, and a put may take it
+    // for its value (leaving it unspecified).
+    void handle(Connection &c, const codec::PacketView &p, std::string *packet = nullptr);
     // I/O thread: one line on stderr when logging is on.
     void log(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
     // I/O thread: the store call of c's op completed.
     void finish(Connection &c, const StoreStatus &outcome);
     void finish_read(Connection &c, const StoreStatus &outcome, const std::vector<ObjectView> &objects);
-    void finish_post(Connection &c, const StoreStatus &outcome, int64_t revision, const std::vector<ObjectView> &objects);
+    void finish_post(Connection &c, const StoreStatus &outcome, int64_t revision,
+                     const std::vector<ObjectView> &objects);
     // I/O thread: c is closing; its subscriptions end.
     void drop_all(Connection &c);
 
@@ -329,7 +338,7 @@ public:
     const asio::ip::tcp::endpoint &remote() const { return remote_; }
     // Bytes the connection holds, counted in the engine's memory: its read
     // buffer and its unsent packets. 0 once closed.
-    size_t footprint() const { return closed_ ? 0 : in_.capacity() + queued_; }
+    size_t footprint() const { return closed_ ? 0 : in_.capacity() + large_.size() + queued_; }
     // Bytes waiting to be sent to it.
     size_t unsent() const { return queued_; }
 
@@ -387,7 +396,7 @@ public:
     bool handshaken = false;                   // the handshake was answered
     // This connection's subscriptions by Subscription::folded, which the
     // key views: a post's duplicate test and a cancel are one lookup.
-    std::unordered_map<std::string_view, std::unique_ptr<Subscription>> subs;
+    std::unordered_map<std::string_view, std::unique_ptr<Subscription>, KeyedHash> subs;
     Subscription *starting = nullptr;          // the one whose post waits for the store, if any
     std::vector<Held> held;                    // changes held while starting is set
     std::string feed_lost;                     // why the store's feed ended while starting was set
@@ -424,17 +433,36 @@ private:
         return queued_ > engine_.fair_share() && engine_.memory_tight();
     }
 
-    // Reads into the space the read buffer offers (see ReadBuffer). Not
-    // while a read is outstanding.
+    // Reads into the space the read buffer offers (see ReadBuffer), or
+    // into large_ while a long packet comes. Not while a read is
+    // outstanding.
     void read()
     {
+        reading_ = true;
+        if (large_want_ != 0) {
+            // Pages are touched as bytes come: the string's capacity was
+            // reserved (not filled) for the whole packet. The chunk counts
+            // as held while the read runs; what it did not fill is given
+            // back when it completes, unless close() has already given back
+            // all of it.
+            size_t have = large_.size(), ask = std::min(kLargeChunk, large_want_ - have);
+            large_.resize(have + ask);
+            engine_.hold(ask);
+            auto self = shared_from_this();
+            socket_.async_read_some(asio::buffer(&large_[have], ask), [self, have, ask](const asio::error_code &ec,
+                                                                                        size_t n) {
+                self->large_.resize(have + n);
+                if (!self->closed_) self->engine_.unhold(ask - n);
+                self->on_read(ec, 0);
+            });
+            return;
+        }
         size_t before = in_.capacity(), space = 0;
         uint8_t *at = in_.prepare(&space);
         if (in_.capacity() > before)
             engine_.hold(in_.capacity() - before);
         else
             engine_.unhold(before - in_.capacity());
-        reading_ = true;
         auto self = shared_from_this();
         socket_.async_read_some(asio::buffer(at, space),
                                 [self](const asio::error_code &ec, size_t n) { self->on_read(ec, n); });
@@ -448,7 +476,7 @@ private:
             close(ec == asio::error::eof ? std::string("peer closed") : ec.message());
             return;
         }
-        in_.commit(n);
+        if (n > 0) in_.commit(n);
         pump();
     }
 
@@ -467,6 +495,11 @@ private:
         pumping_ = true;
         size_t off = 0;
         while (!closed_ && !busy_ && !backlogged()) {
+            if (large_want_ != 0) {
+                if (large_.size() < large_want_) break;
+                handle_large();
+                continue;
+            }
             const uint8_t *data = in_.data() + off;
             size_t avail = in_.size() - off;
             if (avail >= ReadBuffer::kLengthEnd) {
@@ -482,7 +515,10 @@ private:
                 }
             }
             codec::FrameResult f = codec::frame(data, avail);
-            if (f.status == codec::FrameStatus::NeedMore) break;
+            if (f.status == codec::FrameStatus::NeedMore) {
+                if (start_large(data, avail)) off += avail;
+                break;
+            }
             codec::PacketView p;
             if (f.status == codec::FrameStatus::Invalid || !codec::decode(data, f.wirelen, p)) {
                 engine_.stats_.dropped_invalid++;
@@ -499,6 +535,45 @@ private:
         in_.consume(off);
         engine_.unhold(before - in_.capacity());
         if (!busy_ && !reading_ && !backlogged()) read();
+    }
+
+    // The packet at data, of which avail bytes are in, is long enough to be
+    // received into large_ (after the handshake; pump() has refused it if
+    // over request_limit_): its bytes move there and true is returned. Only
+    // the string's capacity is reserved, so a length announced costs no
+    // memory until its bytes come; the bytes held count as they come.
+    bool start_large(const uint8_t *data, size_t avail)
+    {
+        if (!handshaken || avail < ReadBuffer::kLengthEnd) return false;
+        size_t wire = ReadBuffer::announced_at(data);
+        if (wire < kLargePacket) return false;
+        large_.reserve(wire);
+        large_.assign(reinterpret_cast<const char *>(data), avail);
+        large_want_ = wire;
+        engine_.hold(avail);
+        return true;
+    }
+
+    // large_ holds its whole packet: framed, decoded and handled like any,
+    // with large_ offered to a put for its value (which leaves the
+    // connection's count for the store's).
+    void handle_large()
+    {
+        std::string packet(std::move(large_));
+        large_.clear();
+        large_want_ = 0;
+        engine_.unhold(packet.size());
+        const uint8_t *data = reinterpret_cast<const uint8_t *>(packet.data());
+        codec::FrameResult f = codec::frame(data, packet.size());
+        codec::PacketView p;
+        if (f.status != codec::FrameStatus::Complete || f.wirelen != packet.size() ||
+            !codec::decode(data, f.wirelen, p)) {
+            engine_.stats_.dropped_invalid++;
+            close("invalid packet", false, Repeat::Invalid);
+            return;
+        }
+        engine_.handle(*this, p, &packet);
+        engine_.trim();
     }
 
     // Writes up to kMaxGather queued packets in one operation.
@@ -555,6 +630,8 @@ private:
     const uint64_t id_;                        // number in logs and in the table
     const asio::ip::tcp::endpoint remote_;     // the client's address and port, for logs
     ReadBuffer in_;                            // received bytes not yet framed
+    std::string large_;                        // the long packet being received, while large_want_
+    size_t large_want_ = 0;                    // its length; 0 when none is
     std::vector<Outbound> out_;                // queued packets from out_head_; the first in_flight_ of
                                                // them are being written
     size_t out_head_ = 0;                      // index of the first unsent packet in out_
@@ -659,8 +736,8 @@ bool Engine::start(std::string *error)
     };
     if (started_) return fail("already started");
     std::string why;
-    store_ = make_store(options_, io_, *this, &why);
-    if (!store_) return fail(why);
+    store_ = options_.store_factory ? options_.store_factory(*this) : make_store(options_, io_, *this, &why);
+    if (!store_) return fail(why.empty() ? std::string("no store was made") : why);
     asio::error_code ec;
     asio::ip::address address = asio::ip::make_address(options_.host, ec);
     if (ec) {
@@ -924,7 +1001,7 @@ void Engine::trim()
     }
 }
 
-void Engine::handle(Connection &c, const codec::PacketView &p)
+void Engine::handle(Connection &c, const codec::PacketView &p, std::string *packet)
 {
     if (!c.handshaken) {
         if (p.body_type != codec::kTypeHandshakeRequest || p.strings[0] != "data") {
@@ -969,14 +1046,25 @@ void Engine::handle(Connection &c, const codec::PacketView &p)
         size_t largest = codec::object_size(h.key.size(), p.body.size());
         if (largest > options_.max_queue) {
             log("conn %llu put refused: value of %zu bytes under key \"%s\" would make packets of %zu bytes, over "
-                "the %zu-byte queue bound",
+                "--max-queue (%zu bytes)",
                 static_cast<unsigned long long>(c.id()), p.body.size(), printable(h.key).c_str(), largest,
                 options_.max_queue);
             if (answer) codec::encode_reply(out, *corrid, kStatusTooLarge);
             break;
         }
         c.suspend();
-        store_->put(h.key, p.body, [cp](const StoreStatus &outcome) { cp->engine().finish(*cp, outcome); });
+        Store::Done done = [cp](const StoreStatus &outcome) { cp->engine().finish(*cp, outcome); };
+        if (packet == nullptr) {
+            store_->put(h.key, p.body, std::move(done));
+            break;
+        }
+        // The value is the packet's last bytes: they move to its front in
+        // place, and the string goes to the store as the value.
+        std::string key(h.key);
+        size_t at = static_cast<size_t>(p.body.data() - packet->data()), n = p.body.size();
+        packet->erase(0, at);
+        packet->resize(n);
+        store_->put_owned(key, std::move(*packet), std::move(done));
         break;
     }
     case codec::kOpRemove:
@@ -986,9 +1074,10 @@ void Engine::handle(Connection &c, const codec::PacketView &p)
     case codec::kOpGet:
         if (!answer) break;
         c.suspend();
-        store_->read(h.key, c.op.key_only, [cp](const StoreStatus &outcome, int64_t, const std::vector<ObjectView> &objects) {
-            cp->engine().finish_read(*cp, outcome, objects);
-        });
+        store_->read(h.key, c.op.key_only,
+                     [cp](const StoreStatus &outcome, int64_t, const std::vector<ObjectView> &objects) {
+                         cp->engine().finish_read(*cp, outcome, objects);
+                     });
         break;
     case codec::kOpPost: {
         std::unique_ptr<Subscription> sub(new Subscription(&c, h.key, h.triggers, c.op.key_only));
