@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <future>
 #include <map>
 #include <optional>
 #include <thread>
@@ -32,6 +33,7 @@
 
 #include <asio.hpp>
 
+#include "acl.h"
 #include "hspace_codec.h"
 #include "store/store.h"
 
@@ -45,6 +47,9 @@ namespace {
 constexpr uint32_t kStatusTooLarge = 12;       // a put's value could never be sent back under max_queue
 constexpr uint32_t kStatusNotSupported = 14;   // unknown opcode
 constexpr uint32_t kStatusExists = 20;         // the connection already subscribes to the key
+constexpr uint32_t kStatusPermissionDenied = 1104; // the access rules refuse the request
+constexpr uint32_t kStatusIdentityRefused = 1105;  // the handshake claims what the certificate does not hold
+constexpr unsigned kLoggedDenials = 32;        // refused requests logged per connection; the rest are counted
 
 constexpr size_t kReadChunk = 64 * 1024;       // bytes asked of each read
 constexpr size_t kMaxGather = 64;              // queued packets handed to one write
@@ -128,10 +133,11 @@ class Connection;
 // stop() and the stats runs on the I/O thread.
 class Engine final : public Listener {
 public:
-    explicit Engine(Options options) : options_(std::move(options)) {}
+    explicit Engine(Options options) : options_(std::move(options)), acl_(options_.acl) {}
 
     bool start(std::string *error);
     void stop();
+    bool reload(std::string *error);
 
     // I/O thread: the connection asks to be forgotten (it has closed).
     void forget(uint64_t id, const std::string &why);
@@ -161,6 +167,10 @@ private:
                       const std::vector<ObjectView> &objects);
     void refollow();
     static size_t largest_packet(const std::string &key, size_t value_size);
+    void deny(Connection &c, const codec::HspaceSubheader &h);
+    size_t revoke(Connection &c);
+
+    std::shared_ptr<const Acl> acl_;           // rules in force, null for none; I/O thread (owner before start)
 
     asio::io_context io_;                      // runs every handler, on thread_
     asio::ip::tcp::acceptor acceptor_{io_};    // the listener
@@ -220,6 +230,14 @@ public:
         engine_.dropped_subscriptions(n);
     }
 
+    // Queues bytes as the connection's last packet, serves no further
+    // request, and closes once they are written (or their write failed).
+    void end(std::string bytes, const std::string &why)
+    {
+        ending_ = why;
+        send(std::move(bytes));
+    }
+
     // Marks a store call outstanding: no request is read until resume().
     // The connection keeps itself alive until then.
     void suspend()
@@ -243,6 +261,8 @@ public:
     }
 
     bool handshaken = false;                   // the handshake was answered
+    Identity identity;                         // who the client is; set by the handshake
+    unsigned denials = 0;                      // requests the access rules refused
     std::vector<Subscription> subs;            // this connection's subscriptions, in post order
     std::unordered_set<std::string> folded;    // fold_key of every key in subs: a post's duplicate test
     Op op;                                     // the request of the outstanding store call
@@ -297,7 +317,7 @@ private:
         if (pumping_ || closed_) return;
         pumping_ = true;
         size_t off = 0;
-        while (!closed_ && !busy_ && !backlogged()) {
+        while (!closed_ && !busy_ && !backlogged() && ending_.empty()) {
             const uint8_t *data = reinterpret_cast<const uint8_t *>(in_.data()) + off;
             codec::FrameResult f = codec::frame(data, in_.size() - off);
             if (f.status == codec::FrameStatus::NeedMore) break;
@@ -313,7 +333,7 @@ private:
         pumping_ = false;
         if (closed_) return;
         in_.erase(0, off);
-        if (!busy_ && !reading_ && !backlogged()) read();
+        if (!busy_ && !reading_ && !backlogged() && ending_.empty()) read();
     }
 
     // Writes up to kMaxGather queued packets in one operation.
@@ -339,7 +359,12 @@ private:
             if (out_.front().notification) notified_ -= out_.front().bytes->size();
             out_.pop_front();
         }
-        if (!out_.empty()) write();
+        if (!out_.empty()) {
+            write();
+        } else if (!ending_.empty()) {
+            close(ending_);
+            return;
+        }
         // pump() stopped at the bound with no read outstanding: go on.
         if (!reading_ && !busy_ && !backlogged()) pump();
     }
@@ -361,6 +386,7 @@ private:
     bool closed_ = false;                      // close() ran
     bool busy_ = false;                        // a store call for op is outstanding
     bool pumping_ = false;                     // pump() is on the stack
+    std::string ending_;                       // why end() was called; empty until then
     std::shared_ptr<Connection> hold_;         // this connection, while busy_
 };
 
@@ -385,6 +411,7 @@ bool Engine::start(std::string *error)
     };
     if (started_) return fail("already started");
     std::string why;
+    if (!acl_ && !options_.acl_file.empty() && !(acl_ = Acl::load(options_.acl_file, &why))) return fail(why);
     store_ = make_store(options_, io_, *this, &why);
     if (!store_) return fail(why);
     asio::error_code ec;
@@ -469,11 +496,21 @@ void Engine::handle(Connection &c, const codec::Packet &p)
             c.close("first packet is no handshake for service type \"data\"");
             return;
         }
-        std::string out;
+        const codec::HandshakeRequest &hs = *p.handshake_request;
+        std::string out, why;
+        std::optional<Identity> who = identify(hs.client_name, hs.client_group, nullptr, &why);
+        if (!who) {
+            // The handshake has no status: a failed reply stands in for it.
+            stats_.identity_refused++;
+            log("conn %llu handshake refused: %s", static_cast<unsigned long long>(c.id()), why.c_str());
+            codec::encode_reply(out, 0, kStatusIdentityRefused);
+            c.end(std::move(out), "identity refused");
+            return;
+        }
+        c.identity = std::move(*who);
         codec::encode_handshake_reply(out, 1, options_.ltp, options_.name);
         c.handshaken = true;
-        log("conn %llu handshake: client \"%s\" group \"%s\"", static_cast<unsigned long long>(c.id()),
-            printable(p.handshake_request->client_name).c_str(), printable(p.handshake_request->client_group).c_str());
+        log("conn %llu handshake: %s", static_cast<unsigned long long>(c.id()), describe(c.identity).c_str());
         c.send(std::move(out));
         return;
     }
@@ -492,6 +529,15 @@ void Engine::handle(Connection &c, const codec::Packet &p)
     }
     const codec::HspaceSubheader &h = *p.hspace;
     const bool answer = corrid && h.semantic != codec::kSemNoReply;
+    if (acl_ && !acl_->permits(c.identity.groups, h.opcode, h.key)) {
+        deny(c, h);
+        if (answer) {
+            std::string out;
+            codec::encode_reply(out, *corrid, kStatusPermissionDenied);
+            c.send(std::move(out));
+        }
+        return;
+    }
     c.op = Op{};
     if (answer) c.op.corrid = corrid;
     c.op.opcode = h.opcode;
@@ -642,9 +688,89 @@ void Engine::finish_post(Connection &c, uint32_t status, int64_t revision, const
                 codec::encode_notification(out, e.key, e.trigger, want_value && e.value ? *e.value : std::string());
                 c.notify(make_bytes(std::move(out)));
             }
+            // Rules reloaded while it started may no longer permit it.
+            if (!c.closed() && acl_ && !acl_->permits(c.identity.groups, codec::kOpPost, c.subs.back().key))
+                revoke(c);
         }
     }
     c.resume();
+}
+
+// Logs a request the access rules refused (the first kLoggedDenials of a
+// connection; the others are only counted): who, what, which key; never a
+// value.
+void Engine::deny(Connection &c, const codec::HspaceSubheader &h)
+{
+    stats_.denied++;
+    unsigned long long id = c.id();
+    if (++c.denials > kLoggedDenials) return;
+    static const char *const kOps[] = {"request", "put", "get", "request", "post", "cancel", "remove"};
+    const char *op = h.opcode < std::size(kOps) ? kOps[h.opcode] : "request";
+    log("conn %llu denied: %s \"%s\" by %s", id, op, escape_field(h.key).c_str(), describe(c.identity).c_str());
+    if (c.denials == kLoggedDenials)
+        log("conn %llu: %u requests denied; further denials on this connection are counted, not logged", id,
+            kLoggedDenials);
+}
+
+// Ends every begun subscription of c that the rules in force do not permit,
+// each with a notification of trigger kTriggerEnded under its own key that
+// says why. Returns how many ended.
+size_t Engine::revoke(Connection &c)
+{
+    std::string out;
+    size_t ended = 0;
+    for (auto it = c.subs.begin(); it != c.subs.end();) {
+        if (it->starting || acl_->permits(c.identity.groups, codec::kOpPost, it->key)) {
+            ++it;
+            continue;
+        }
+        log("conn %llu: subscription of \"%s\" ended: no longer permitted", static_cast<unsigned long long>(c.id()),
+            escape_field(it->key).c_str());
+        codec::encode_notification(out, it->key, kTriggerEnded, "permission denied");
+        c.folded.erase(fold_key(it->key));
+        it = c.subs.erase(it);
+        ended++;
+    }
+    if (ended == 0) return 0;
+    dropped_subscriptions(ended);
+    c.notify(make_bytes(std::move(out)));
+    return ended;
+}
+
+bool Engine::reload(std::string *error)
+{
+    std::string why;
+    std::shared_ptr<const Acl> acl;
+    if (!options_.acl_file.empty()) acl = Acl::load(options_.acl_file, &why);
+    auto apply = [&] {
+        if (options_.acl_file.empty()) {
+            log("reload: no access rules to reload (no --acl)");
+        } else if (!acl) {
+            log("access rules not reloaded, the previous ones stay: %s", why.c_str());
+        } else {
+            acl_ = acl;
+            // A revocation's notification may close its connection: the table is copied first.
+            std::vector<std::shared_ptr<Connection>> all;
+            for (auto &entry : conns_) all.push_back(entry.second);
+            size_t ended = 0;
+            for (auto &c : all)
+                if (!c->closed()) ended += revoke(*c);
+            log("access rules reloaded from %s: %zu rules, %zu subscriptions ended", options_.acl_file.c_str(),
+                acl_->rules(), ended);
+        }
+    };
+    if (thread_.joinable()) {
+        std::promise<void> applied;
+        asio::post(io_, [&] {
+            apply();
+            applied.set_value();
+        });
+        applied.get_future().wait();
+    } else {
+        apply();
+    }
+    if (!why.empty() && error != nullptr) *error = why;
+    return why.empty();
 }
 
 void Engine::dropped_subscriptions(size_t n)
@@ -765,6 +891,11 @@ bool Server::start(std::string *error)
 void Server::stop()
 {
     engine_->stop();
+}
+
+bool Server::reload(std::string *error)
+{
+    return engine_->reload(error);
 }
 
 uint16_t Server::port() const

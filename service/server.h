@@ -26,6 +26,8 @@
 namespace hspace {
 namespace service {
 
+class Acl;
+
 constexpr uint16_t kDefaultPort = 7521;                 // hspaced's port when none is given
 constexpr size_t kDefaultMaxQueue = size_t(64) << 20;   // bytes a connection may have queued, unsent
 
@@ -43,6 +45,10 @@ struct Options {
     std::string store = "memory";
     std::string store_prefix = "hspace/";      // etcd: every object's key is stored under this prefix
     unsigned store_timeout_ms = 3000;          // etcd: bound of each call, and of the feed's reconnection
+    // Access rules (acl.h) every request is judged by; null: every client
+    // may do everything. Null with acl_file set: start() loads the file.
+    std::shared_ptr<const Acl> acl;
+    std::string acl_file;                      // where reload() reads the rules again; empty: nowhere
 };
 
 // Counters of the service's life, readable from any thread while it runs.
@@ -51,6 +57,8 @@ struct Stats {
     std::atomic<uint64_t> open{0};             // connections open now
     std::atomic<uint64_t> dropped_invalid{0};  // connections closed for an invalid packet or handshake
     std::atomic<uint64_t> dropped_slow{0};     // connections closed for unsent notifications over max_queue
+    std::atomic<uint64_t> denied{0};           // requests refused by the access rules
+    std::atomic<uint64_t> identity_refused{0}; // handshakes refused: claims the certificate does not hold
 };
 
 // The service's machinery, private to server.cpp.
@@ -72,6 +80,16 @@ public:
     // Closes the listener and every connection, then joins the I/O thread.
     // Idempotent; not from the I/O thread.
     void stop();
+
+    // Reads options.acl_file again and judges every later request by its
+    // rules; subscriptions they no longer permit are ended, each with a
+    // notification of trigger 4 whose value is "permission denied". When
+    // the file cannot be read or has an error, the rules in force stay and
+    // false is returned with the reason in *error (when not null). Without
+    // an acl_file there is nothing to reload: true. Either way one line is
+    // logged. Returns once the rules apply; from the owning thread, never
+    // from the I/O thread.
+    bool reload(std::string *error = nullptr);
 
     // The listening port, after a successful start.
     uint16_t port() const;
