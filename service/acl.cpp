@@ -256,8 +256,10 @@ std::string describe(const Identity &who)
 {
     std::string text = "client \"" + escape_field(who.name) + "\" in ";
     if (who.groups.empty()) text += "no group";
-    for (size_t i = 0; i < who.groups.size(); i++)
-        text += (i > 0 ? ", \"" : who.groups.size() == 1 ? "group \"" : "groups \"") + escape_field(who.groups[i]) + "\"";
+    for (size_t i = 0; i < who.groups.size(); i++) {
+        text += i > 0 ? ", \"" : who.groups.size() == 1 ? "group \"" : "groups \"";
+        text += escape_field(who.groups[i]) + "\"";
+    }
     return who.certified ? text + " (certificate)" : text;
 }
 

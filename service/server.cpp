@@ -717,21 +717,21 @@ void Engine::deny(Connection &c, const codec::HspaceSubheader &h)
 // says why. Returns how many ended.
 size_t Engine::revoke(Connection &c)
 {
-    std::string out;
+    std::string out, first;
     size_t ended = 0;
     for (auto it = c.subs.begin(); it != c.subs.end();) {
         if (it->starting || acl_->permits(c.identity.groups, codec::kOpPost, it->key)) {
             ++it;
             continue;
         }
-        log("conn %llu: subscription of \"%s\" ended: no longer permitted", static_cast<unsigned long long>(c.id()),
-            escape_field(it->key).c_str());
+        if (ended++ == 0) first = escape_field(it->key);
         codec::encode_notification(out, it->key, kTriggerEnded, "permission denied");
         c.folded.erase(fold_key(it->key));
         it = c.subs.erase(it);
-        ended++;
     }
     if (ended == 0) return 0;
+    log("conn %llu: %zu subscription%s no longer permitted, ended (\"%s\"%s)", static_cast<unsigned long long>(c.id()),
+        ended, ended == 1 ? "" : "s", first.c_str(), ended == 1 ? "" : ", ...");
     dropped_subscriptions(ended);
     c.notify(make_bytes(std::move(out)));
     return ended;

@@ -179,7 +179,8 @@ TEST(AclMatch, AgreesWithAScanOfEveryRule)
             r.prefix = r.prefix || r.pattern.empty(); // a field is never empty
             unsigned rights = 1 + rng() % 3;
             r.read = rights & 1, r.write = rights & 2;
-            text += r.group + (rights == 1 ? " r " : rights == 2 ? " w " : " rw ") + r.pattern + (r.prefix ? "*\n" : "\n");
+            text += r.group + (rights == 1 ? " r " : rights == 2 ? " w " : " rw ");
+            text += r.pattern + (r.prefix ? "*\n" : "\n");
         }
         std::shared_ptr<const Acl> acl = Parse(text);
         ASSERT_TRUE(acl);
@@ -232,7 +233,8 @@ TEST(Identities, ClaimsStandWithoutACertificateAndMustAgreeWithOne)
         {&bare, "bob", "default", Identity{"bob", {}, true}, ""},
         {&alice, "mallory", "dev", std::nullopt,
          "the handshake claims name \"mallory\", the certificate's CN is \"alice\""},
-        {&alice, "Alice", "dev", std::nullopt, "the handshake claims name \"Alice\", the certificate's CN is \"alice\""},
+        {&alice, "Alice", "dev", std::nullopt,
+         "the handshake claims name \"Alice\", the certificate's CN is \"alice\""},
         {&alice, "alice", "admin", std::nullopt,
          "the handshake claims group \"admin\", which is not an O value of the certificate (\"dev\", \"ops\")"},
         {&bare, "bob", "dev x", std::nullopt,
