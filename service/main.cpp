@@ -2,11 +2,12 @@
  * main.cpp - hspaced, the reference hspace service as a program.
  *
  * Listens until SIGINT or SIGTERM, then closes every connection and exits
- * 0; SIGHUP reloads the configuration files. Prints "hspaced listening on
- * tcp://HOST:PORT" on stdout once it listens (so a script can learn the
- * port chosen for --port 0) and one line per connection event on stderr.
- * Exit status: 0 stopped by a signal, 1 cannot listen or use the store, 2
- * usage error.
+ * 0; SIGHUP reads the access rules (--acl) again. Prints "hspaced
+ * listening on tcp://HOST:PORT" on stdout once it listens (so a script can
+ * learn the port chosen for --port 0) and one line per connection event on
+ * stderr. Exit status: 0 stopped by a signal, 1 cannot listen or use the
+ * store, 2 usage error (a bad rule file, or an address other than loopback
+ * that would be served open: see check_exposure).
  *
  * Options are parsed with CLI11; --help and --version print on stdout and
  * exit 0 (help2man builds the manual page from them).
@@ -25,6 +26,7 @@
 #include <CLI/CLI.hpp>
 #include <asio.hpp>
 
+#include "acl.h"
 #include "server.h"
 
 #ifndef HSPACE_VERSION
@@ -35,7 +37,8 @@ namespace {
 
 const char kDescription[] =
     "hspaced - the reference hspace service: a keyed object store for development, tests and demos, in its "
-    "own memory (nothing persisted) or in an etcd cluster. There is no authentication.";
+    "own memory (nothing persisted) or in an etcd cluster. Every client may do everything unless --acl says "
+    "otherwise.";
 
 const char kFooter[] =
     "Limits:\n"
@@ -68,15 +71,29 @@ const char kFooter[] =
     "  With --store-cacert, --store-cert, --store-key or --store-user, the link and the\n"
     "  login are checked at start: a wrong CA, certificate or password exits 1.\n"
     "\n"
+    "Access rules (--acl FILE):\n"
+    "  One rule a line, GROUP RIGHTS PATTERN; '#' starts a comment. RIGHTS is r (get,\n"
+    "  subscribe), w (put, remove) or rw; PATTERN an exact key or a prefix ending in *\n"
+    "  (* alone: every key). A request is allowed when a rule of one of the client's\n"
+    "  groups covers all it touches (a get or subscription of PREFIX* needs a rule\n"
+    "  PREFIX* or a shorter prefix); a refused one is answered with status 1104,\n"
+    "  changes nothing and is logged. Without client certificates a client's group\n"
+    "  is what its handshake claims. SIGHUP reads the file again; a bad file keeps\n"
+    "  the rules in force (and is logged), or at start exits 2 naming its line.\n"
+    "  Without --acl every client may do everything.\n"
+    "  An address other than loopback is served only to clients with certificates and\n"
+    "  under --acl, or with --insecure.\n"
+    "\n"
     "Output:\n"
     "  Prints \"hspaced listening on tcp://HOST:PORT\" on standard output when ready\n"
     "  (with --listen 0.0.0.0: tcp://127.0.0.1:PORT, then the other addresses), one\n"
     "  line per connection event on standard error (unless --quiet; lines about\n"
     "  refused and dropped connections are rate-limited), and stops cleanly on SIGINT\n"
-    "  or SIGTERM. SIGHUP reloads the configuration files (none yet: it is logged).\n"
+    "  or SIGTERM. SIGHUP reloads the access rules (without --acl, it is only logged).\n"
     "\n"
     "Exit status:\n"
-    "  0 stopped by SIGINT or SIGTERM, 1 cannot listen or use the store, 2 usage error.";
+    "  0 stopped by SIGINT or SIGTERM, 1 cannot listen or use the store, 2 usage error:\n"
+    "  a bad option, a bad rule file, or an exposed address refused (see above).";
 
 // Checks the --listen value: a host name or an IPv4 address, which a service
 // URL (tcp://HOST:PORT) can carry. Empty text when it is usable, else why not.
@@ -156,6 +173,22 @@ void raise_descriptor_limit(size_t max_connections, bool log)
                 static_cast<unsigned long long>(limit.rlim_cur), max_connections);
 }
 
+// Checks that the service is not served open to a network: an address
+// other than loopback (the IPv4 address listened on) is served only to
+// clients whose certificates it verifies (certified) and under access
+// rules (acl), unless insecure says otherwise. Rules alone are not enough:
+// without certificates a client's group is what it claims. Empty text when
+// it may listen, else why not.
+std::string check_exposure(const std::string &address, bool certified, bool acl, bool insecure)
+{
+    asio::error_code ec;
+    asio::ip::address_v4 a = asio::ip::make_address_v4(address, ec);
+    if (insecure || (!ec && a.is_loopback()) || (certified && acl)) return std::string();
+    return "refusing to listen on " + address + ", which is not a loopback address, without client certificates "
+           "(TLS) and access rules (--acl): anyone who reaches the port could read, overwrite and delete every "
+           "key. Give both, listen on 127.0.0.1, or start with --insecure to serve it anyway";
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -163,7 +196,7 @@ int main(int argc, char **argv)
     hspace::service::Options options;
     options.port = hspace::service::kDefaultPort;
     options.log = true;
-    bool quiet = false;
+    bool quiet = false, insecure = false;
     std::string port = std::to_string(options.port), max_queue = std::to_string(options.max_queue);
     std::string max_memory = std::to_string(options.max_memory);
     std::string handshake_timeout = "5", max_connections = std::to_string(options.max_connections);
@@ -241,6 +274,11 @@ int main(int argc, char **argv)
                                 ->check(CLI::ExistingFile);
     user->needs(password);
     password->needs(user);
+    app.add_option("--acl", options.acl_file,
+                   "access rules: one GROUP RIGHTS PATTERN a line (see below); SIGHUP reads the file again")
+        ->option_text("FILE");
+    app.add_flag("--insecure", insecure,
+                 "serve an address other than loopback without client certificates or access rules");
     app.add_flag("--quiet", quiet, "no connection log on standard error");
     try {
         app.parse(argc, argv);
@@ -278,6 +316,14 @@ int main(int argc, char **argv)
     options.handshake_timeout_ms = seconds == 0 ? 0 : std::max(1u, static_cast<unsigned>(seconds * 1000));
     options.store_timeout_ms = static_cast<unsigned>(std::stoul(store_timeout));
     options.log = !quiet;
+    if (!options.acl_file.empty()) {
+        std::string error;
+        options.acl = hspace::service::Acl::load(options.acl_file, &error);
+        if (!options.acl) {
+            fprintf(stderr, "hspaced: %s\n", error.c_str());
+            return 2;
+        }
+    }
 
     // A host name is resolved here, to IPv4 only, so that the URL printed
     // below is one a client can use.
@@ -294,9 +340,15 @@ int main(int argc, char **argv)
         }
         options.host = results.begin()->endpoint().address().to_string();
     }
+    std::string exposed = check_exposure(options.host, false, options.acl != nullptr, insecure);
+    if (!exposed.empty()) {
+        fprintf(stderr, "hspaced: %s\n", exposed.c_str());
+        return 2;
+    }
 
     // The signal set is in place before any thread exists, so SIGINT,
-    // SIGTERM and SIGHUP reach it from the first moment the service listens.
+    // SIGTERM and SIGHUP reach it from the first moment the service
+    // listens (one that comes before the wait below waits for it).
     asio::io_context signals_io;
     asio::signal_set signals(signals_io, SIGINT, SIGTERM, SIGHUP);
     signal(SIGPIPE, SIG_IGN);
@@ -323,8 +375,8 @@ int main(int argc, char **argv)
         return 1;
     }
 
-    // SIGHUP reloads the configuration files (the server logs how it went)
-    // and waits on; SIGINT and SIGTERM end the wait.
+    // SIGHUP reloads the access rules (the server logs how it went) and
+    // waits on; SIGINT and SIGTERM end the wait.
     int caught = 0;
     std::function<void()> wait = [&] {
         signals.async_wait([&](const asio::error_code &error, int signo) {

@@ -59,6 +59,7 @@
 
 #include <asio.hpp>
 
+#include "acl.h"
 #include "hspace_codec.h"
 #include "read_buffer.h"
 #include "keyed_hash.h"
@@ -77,6 +78,9 @@ constexpr uint32_t kStatusNotSupported = 14;   // unknown opcode
 constexpr uint32_t kStatusExists = 20;         // the connection already subscribes to the key
 constexpr uint32_t kStatusTooManySubscriptions = 1106; // the connection holds max_subscriptions already
 constexpr uint32_t kStatusConnectionLimit = 1107; // answers the handshake of a connection over max_connections
+constexpr uint32_t kStatusPermissionDenied = 1104; // the access rules refuse the request
+constexpr uint32_t kStatusIdentityRefused = 1105;  // the handshake claims what the certificate does not hold
+constexpr unsigned kLoggedDenials = 32;        // refused requests logged per connection; the rest are counted
 
 // A packet of this many bytes or more, after the handshake, is received
 // into a string of its own (Connection::large_), from which a put's value
@@ -105,7 +109,10 @@ constexpr std::chrono::milliseconds kAcceptPauseMax{1000};
 
 // Log lines about refused and dropped connections: at most kLogBurst of a
 // kind per kLogWindow; the rest are counted and summed up in one line.
+// Denials come from clients that shook hands, often from a rule that is
+// wrong, which the operator wants to see: more of them pass.
 constexpr unsigned kLogBurst = 5;
+constexpr unsigned kDenialBurst = 50;
 constexpr std::chrono::seconds kLogWindow{1};
 
 using Bytes = std::shared_ptr<const std::string>; // an encoded packet, shared between subscribers
@@ -207,6 +214,8 @@ enum class Repeat {
     Slow,                                      // a connection dropped for unsent notifications
     Memory,                                    // a connection dropped over max_memory
     Timeout,                                   // a connection closed for no handshake in time
+    Denied,                                    // a request the access rules refused
+    IdentityRefused,                           // a handshake claiming what its certificate does not hold
     Count
 };
 
@@ -216,10 +225,11 @@ enum class Repeat {
 // stop() and the stats runs on the I/O thread.
 class Engine final : public Listener {
 public:
-    explicit Engine(Options options) : options_(std::move(options)) {}
+    explicit Engine(Options options) : options_(std::move(options)), acl_(options_.acl) {}
 
     bool start(std::string *error);
     void stop();
+    bool reload(std::string *error);
 
     // I/O thread: c asks to be forgotten (it has closed) for why; logged
     // as one of the kind of line repeat when it is one, else as an event.
@@ -238,8 +248,6 @@ public:
     // share of it then.
     bool memory_tight() const { return memory_ > options_.max_memory / 2; }
     size_t fair_share() const { return options_.max_memory / (2 * std::max<size_t>(conns_.size(), 1)); }
-    // Owning thread: Server::reload(), done on the I/O thread while it runs.
-    bool reload(std::string *error);
     // I/O thread: one decoded packet from a connection. packet, when not
     // null, holds the packet's bytes, which p views, and a put may take it
     // for its value (leaving it unspecified).
@@ -282,6 +290,10 @@ private:
     void drop(Subscription &s);
     void failed(Connection &c, const char *what, const StoreStatus &outcome);
     void refollow();
+    void deny(Connection &c, const codec::HspaceView &h);
+    size_t revoke(Connection &c);
+
+    std::shared_ptr<const Acl> acl_;           // rules in force, null for none; I/O thread (owner before start)
 
     asio::io_context io_{1};                   // runs every handler, on thread_ (one thread: the hint)
     asio::ip::tcp::acceptor acceptor_{io_};    // the listener
@@ -376,6 +388,14 @@ public:
         engine_.forget(*this, why, repeat);
     }
 
+    // Queues bytes as the connection's last packet, serves no further
+    // request, and closes once they are written (or their write failed).
+    void end(std::string bytes, const std::string &why)
+    {
+        ending_ = why;
+        send(std::move(bytes));
+    }
+
     // Marks a store call outstanding: no request is read until resume().
     // The connection keeps itself alive until then.
     void suspend()
@@ -394,6 +414,8 @@ public:
     Engine &engine() { return engine_; }
 
     bool handshaken = false;                   // the handshake was answered
+    Identity identity;                         // who the client is; set by the handshake
+    unsigned denials = 0;                      // requests the access rules refused
     // This connection's subscriptions by Subscription::folded, which the
     // key views: a post's duplicate test and a cancel are one lookup.
     std::unordered_map<std::string_view, std::unique_ptr<Subscription>, KeyedHash> subs;
@@ -494,7 +516,7 @@ private:
         if (pumping_ || closed_) return;
         pumping_ = true;
         size_t off = 0;
-        while (!closed_ && !busy_ && !backlogged()) {
+        while (!closed_ && !busy_ && !backlogged() && ending_.empty()) {
             if (large_want_ != 0) {
                 if (large_.size() < large_want_) break;
                 handle_large();
@@ -534,7 +556,7 @@ private:
         size_t before = in_.capacity();
         in_.consume(off);
         engine_.unhold(before - in_.capacity());
-        if (!busy_ && !reading_ && !backlogged()) read();
+        if (!busy_ && !reading_ && !backlogged() && ending_.empty()) read();
     }
 
     // The packet at data, of which avail bytes are in, is long enough to be
@@ -615,7 +637,12 @@ private:
             out_.erase(out_.begin(), out_.begin() + static_cast<ptrdiff_t>(out_head_));
             out_head_ = 0;
         }
-        if (out_head_ < out_.size()) write();
+        if (out_head_ < out_.size()) {
+            write();
+        } else if (!ending_.empty()) {
+            close(ending_);
+            return;
+        }
         // pump() stopped backlogged with no read outstanding: go on.
         if (!reading_ && !busy_ && !backlogged()) pump();
     }
@@ -642,6 +669,7 @@ private:
     bool closed_ = false;                      // close() ran
     bool busy_ = false;                        // a store call for op is outstanding
     bool pumping_ = false;                     // pump() is on the stack
+    std::string ending_;                       // why end() was called; empty until then
     std::shared_ptr<Connection> hold_;         // this connection, while busy_
 };
 
@@ -669,7 +697,7 @@ void Engine::log_limited(Repeat kind, const char *fmt, ...)
         l.since = now;
         l.printed = 0;
     }
-    if (l.printed >= kLogBurst) {
+    if (l.printed >= (kind == Repeat::Denied ? kDenialBurst : kLogBurst)) {
         l.suppressed++;
         if (!log_timer_armed_ && acceptor_.is_open()) {
             log_timer_armed_ = true;
@@ -703,6 +731,8 @@ void Engine::flush_log_limits()
         "connections dropped for unsent notifications",
         "connections dropped over --max-memory",
         "connections closed for no handshake",
+        "requests denied by the access rules",
+        "handshakes refused for their identity",
     };
     static_assert(sizeof kWhat / sizeof kWhat[0] == static_cast<size_t>(Repeat::Count), "a text for each kind");
     auto now = std::chrono::steady_clock::now();
@@ -736,6 +766,7 @@ bool Engine::start(std::string *error)
     };
     if (started_) return fail("already started");
     std::string why;
+    if (!acl_ && !options_.acl_file.empty() && !(acl_ = Acl::load(options_.acl_file, &why))) return fail(why);
     store_ = options_.store_factory ? options_.store_factory(*this) : make_store(options_, io_, *this, &why);
     if (!store_) return fail(why.empty() ? std::string("no store was made") : why);
     asio::error_code ec;
@@ -790,23 +821,6 @@ void Engine::shutdown()
     for (auto &entry : conns_) all.push_back(entry.second);
     for (auto &c : all) c->close("service stopping");
     store_->close();
-}
-
-bool Engine::reload(std::string * /*error*/)
-{
-    // What rereads the configuration files goes here, on the I/O thread.
-    auto apply = [this] { log("reload: nothing to reload"); };
-    if (!thread_.joinable()) {
-        apply();
-        return true;
-    }
-    std::promise<void> applied;
-    asio::post(io_, [&] {
-        apply();
-        applied.set_value();
-    });
-    applied.get_future().wait();
-    return true;
 }
 
 // Accepts the next connection. A failed accept is handled by accept_failed,
@@ -1009,11 +1023,21 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
             c.close("first packet is no handshake for service type \"data\"", false, Repeat::Invalid);
             return;
         }
-        std::string out;
+        std::string out, why;
+        std::optional<Identity> who = identify(p.strings[1], p.strings[2], nullptr, &why);
+        if (!who) {
+            // The handshake has no status: a failed reply stands in for it.
+            stats_.identity_refused++;
+            log_limited(Repeat::IdentityRefused, "conn %llu handshake refused: %s",
+                        static_cast<unsigned long long>(c.id()), why.c_str());
+            codec::encode_reply(out, 0, kStatusIdentityRefused);
+            c.end(std::move(out), "identity refused");
+            return;
+        }
+        c.identity = std::move(*who);
         codec::encode_handshake_reply(out, 1, options_.ltp, options_.name);
         c.handshaken = true;
-        log("conn %llu handshake: client \"%s\" group \"%s\"", static_cast<unsigned long long>(c.id()),
-            printable(p.strings[1]).c_str(), printable(p.strings[2]).c_str());
+        log("conn %llu handshake: %s", static_cast<unsigned long long>(c.id()), describe(c.identity).c_str());
         c.send(std::move(out));
         return;
     }
@@ -1032,6 +1056,15 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
     }
     const codec::HspaceView &h = *p.hspace;
     const bool answer = corrid && h.semantic != codec::kSemNoReply;
+    if (acl_ && !acl_->permits(c.identity.groups, h.opcode, h.key)) {
+        deny(c, h);
+        if (answer) {
+            std::string out;
+            codec::encode_reply(out, *corrid, kStatusPermissionDenied);
+            c.send(std::move(out));
+        }
+        return;
+    }
     c.op = Op{};
     if (answer) c.op.corrid = corrid;
     c.op.opcode = h.opcode;
@@ -1206,6 +1239,8 @@ void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revi
         }
         if (c.op.image && !c.closed()) send_objects(c, *c.op.corrid, codec::kOpPost, c.op.key_only, objects);
         for (; i < held.size() && !c.closed(); i++) send_held(c, held[i], false);
+        // Rules reloaded while it started may no longer permit it.
+        if (!c.closed() && acl_ && !acl_->permits(c.identity.groups, codec::kOpPost, sub->key)) revoke(c);
         c.resume();
         return;
     }
@@ -1215,6 +1250,86 @@ void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revi
         c.send(std::move(out));
     }
     c.resume();
+}
+
+// Logs a request the access rules refused (the first kLoggedDenials of a
+// connection, within the service-wide rate of such lines; the others are
+// only counted): who, what, which key; never a value.
+void Engine::deny(Connection &c, const codec::HspaceView &h)
+{
+    stats_.denied++;
+    unsigned long long id = c.id();
+    if (++c.denials > kLoggedDenials) return;
+    static const char *const kOps[] = {"request", "put", "get", "request", "post", "cancel", "remove"};
+    const char *op = h.opcode < std::size(kOps) ? kOps[h.opcode] : "request";
+    log_limited(Repeat::Denied, "conn %llu denied: %s \"%s\" by %s", id, op, escape_field(h.key).c_str(),
+                describe(c.identity).c_str());
+    if (c.denials == kLoggedDenials)
+        log_limited(Repeat::Denied,
+                    "conn %llu: %u requests denied; further denials on this connection are counted, not logged", id,
+                    kLoggedDenials);
+}
+
+// Ends every begun subscription of c that the rules in force do not permit,
+// each with a notification of trigger kTriggerEnded under its own key that
+// says why. Returns how many ended.
+size_t Engine::revoke(Connection &c)
+{
+    std::string out, first;
+    size_t ended = 0;
+    for (auto it = c.subs.begin(); it != c.subs.end();) {
+        Subscription &s = *it->second;
+        if (s.starting || acl_->permits(c.identity.groups, codec::kOpPost, s.key)) {
+            ++it;
+            continue;
+        }
+        if (ended++ == 0) first = escape_field(s.key);
+        codec::encode_notification(out, s.key, kTriggerEnded, "permission denied");
+        index_.remove(s);
+        it = c.subs.erase(it);
+    }
+    if (ended == 0) return 0;
+    log("conn %llu: %zu subscription%s no longer permitted, ended (\"%s\"%s)", static_cast<unsigned long long>(c.id()),
+        ended, ended == 1 ? "" : "s", first.c_str(), ended == 1 ? "" : ", ...");
+    refollow();
+    c.notify(make_bytes(std::move(out)));
+    return ended;
+}
+
+bool Engine::reload(std::string *error)
+{
+    std::string why;
+    std::shared_ptr<const Acl> acl;
+    if (!options_.acl_file.empty()) acl = Acl::load(options_.acl_file, &why);
+    auto apply = [&] {
+        if (options_.acl_file.empty()) {
+            log("reload: no access rules to reload (no --acl)");
+        } else if (!acl) {
+            log("access rules not reloaded, the previous ones stay: %s", why.c_str());
+        } else {
+            acl_ = acl;
+            // A revocation's notification may close its connection: the table is copied first.
+            std::vector<std::shared_ptr<Connection>> all;
+            for (auto &entry : conns_) all.push_back(entry.second);
+            size_t ended = 0;
+            for (auto &c : all)
+                if (!c->closed()) ended += revoke(*c);
+            log("access rules reloaded from %s: %zu rules, %zu subscriptions ended", options_.acl_file.c_str(),
+                acl_->rules(), ended);
+        }
+    };
+    if (thread_.joinable()) {
+        std::promise<void> applied;
+        asio::post(io_, [&] {
+            apply();
+            applied.set_value();
+        });
+        applied.get_future().wait();
+    } else {
+        apply();
+    }
+    if (!why.empty() && error != nullptr) *error = why;
+    return why.empty();
 }
 
 // Forgets one subscription of its connection.

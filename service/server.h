@@ -27,6 +27,7 @@
 namespace hspace {
 namespace service {
 
+class Acl;
 class Listener;
 class Store;
 
@@ -76,6 +77,10 @@ struct Options {
     std::string store_key;                     // etcd: its private key (PEM file)
     std::string store_user;                    // etcd: user name
     std::string store_password_file;           // etcd: file whose first line is the user's password
+    // Access rules (acl.h) every request is judged by; null: every client
+    // may do everything. Null with acl_file set: start() loads the file.
+    std::shared_ptr<const Acl> acl;
+    std::string acl_file;                      // where reload() reads the rules again; empty: nowhere
 };
 
 // Counters of the service's life, readable from any thread while it runs.
@@ -90,6 +95,8 @@ struct Stats {
                                                // while the process had no descriptor left
     std::atomic<uint64_t> accept_pauses{0};    // times accepting failed and paused (e.g. out of descriptors)
     std::atomic<uint64_t> memory{0};           // bytes held for all connections now (see max_memory)
+    std::atomic<uint64_t> denied{0};           // requests refused by the access rules
+    std::atomic<uint64_t> identity_refused{0}; // handshakes refused: claims the certificate does not hold
 };
 
 // The service's machinery, private to server.cpp.
@@ -112,10 +119,14 @@ public:
     // Idempotent; not from the I/O thread.
     void stop();
 
-    // Reloads the service's configuration files, as SIGHUP does to hspaced
-    // (there are none yet: it logs so), on the I/O thread while it runs,
-    // and returns once done; false, with why in *error, when a file could
-    // not be used. The owning thread, not concurrently with start() or stop().
+    // Reads options.acl_file again and judges every later request by its
+    // rules; subscriptions they no longer permit are ended, each with a
+    // notification of trigger 4 whose value is "permission denied". When
+    // the file cannot be read or has an error, the rules in force stay and
+    // false is returned with the reason in *error (when not null). Without
+    // an acl_file there is nothing to reload: true. Either way one line is
+    // logged. Returns once the rules apply; from the owning thread, never
+    // from the I/O thread.
     bool reload(std::string *error = nullptr);
 
     // The listening port, after a successful start.

@@ -1,7 +1,8 @@
 /*
  * open_test.cpp - opening a handle, white-box: the handshake bytes, the
- * service URL, a refused connect and bad handshake answers (the handle stays
- * in HSPACE_STATE_INIT and a retry starts on a clean stream), a second open.
+ * service URL, a refused connect, bad handshake answers and refusals (the
+ * handle stays in HSPACE_STATE_INIT and a retry starts on a clean stream), a
+ * second open.
  */
 #include "qel_hspace.cpp"
 
@@ -68,11 +69,29 @@ TEST_F(Open, FailedOpensLeaveInitAndTheSameHandleOpensOnceLater)
     partial.resize(20); // bytes a retry must not see
     codec::encode_handshake_reply(long_name, 1, 5, "name");
     long_name[long_name.size() - 5] = 9; // the name's length runs past the body
+    // A refusal is a failed reply in the handshake reply's place: its status
+    // is the open's; a failed reply without status, or a request, is no refusal.
+    std::string refused, limit, no_status, request;
+    codec::encode_reply(refused, 0, HSPACE_STATUS_IDENTITY_REFUSED);
+    codec::encode_reply(limit, 7, HSPACE_STATUS_CONNECTION_LIMIT);
+    codec::Packet p;
+    p.body_type = codec::kTypeReply;
+    p.rr = codec::RrSubheader::failure(0, 0);
+    codec::encode(no_status, p);
+    p.rr = codec::RrSubheader::request(0);
+    p.rr->w2 = HSPACE_STATUS_IDENTITY_REFUSED;
+    codec::encode(request, p);
     const struct {
         std::string answer; // sent after the handshake request; "" a reply packet
         t_kro_error error;  // the open's result
-    } cases[] = {{partial, KRO_ERR_PEER_CLOSED}, {"NOT A PACKET AT ALL", KRO_ERR_INVALID_PACKET},
-                 {long_name, KRO_ERR_INVALID_PACKET}, {"", KRO_ERR_INVALID_PACKET}};
+    } cases[] = {{partial, KRO_ERR_PEER_CLOSED},
+                 {"NOT A PACKET AT ALL", KRO_ERR_INVALID_PACKET},
+                 {long_name, KRO_ERR_INVALID_PACKET},
+                 {"", KRO_ERR_INVALID_PACKET},
+                 {refused, HSPACE_STATUS_IDENTITY_REFUSED},
+                 {limit, HSPACE_STATUS_CONNECTION_LIMIT},
+                 {no_status, KRO_ERR_INVALID_PACKET},
+                 {request, KRO_ERR_INVALID_PACKET}};
     for (const auto &k : cases) {
         svc.serve([&k](FakeConnection &fc) {
             fc.expect_handshake();

@@ -284,7 +284,7 @@ expect_exit 3 "$HSPACE" --url tcp://127.0.0.1:1 get k
 expect_err "cannot connect to tcp://127.0.0.1:1: connection refused"
 # On every address, hspaced prints a URL a client on the host can use.
 mkfifo "$tmp/any"
-"$HSPACED" --listen 0.0.0.0 --port 0 --quiet >"$tmp/any" &
+"$HSPACED" --listen 0.0.0.0 --insecure --port 0 --quiet >"$tmp/any" &
 any=$!
 pids+=("$any")
 exec {any_fd}<"$tmp/any"

@@ -1561,13 +1561,15 @@ extern "C" KRO_API t_kro_error qel_hspace_get_service_name(t_qel_hspace hspace, 
 }
 
 /* Sends the handshake request over the connected socket and decodes the
- * reply; the name is a new string owned by the caller. Opening thread, no
- * lock, before the reader thread exists. */
+ * reply; the name is a new string owned by the caller. A refusal returns
+ * the service's status. Opening thread, no lock, before the reader thread
+ * exists. */
 static t_kro_error qel_hspace_handshake(t_qel_hspace hspace, t_kro_uint2 *service_version, t_kro_uint2 *service_ltp,
                                         t_kro_str *service_name)
 {
     t_kro_uint4 bytes_transferred = 0;
     t_qel_hspace_packet packet = NULL;
+    t_kro_ptr rr;
     t_kro_error error;
     t_kro_buf buf = qel_hspace_pkt_serialize_handshake_request("data", hspace->client_name, hspace->client_group);
     kro_buf_flip(buf);
@@ -1576,7 +1578,15 @@ static t_kro_error qel_hspace_handshake(t_qel_hspace hspace, t_kro_uint2 *servic
     if (error != 0) return error;
     error = qel_hspace_read_packet(hspace, &packet);
     if (error != 0) return error;
-    error = qel_hspace_pkt_deserialize_handshake_reply(packet->body, service_version, service_ltp, service_name);
+    rr = packet->subheaders[HSPACE_BODY_RR];
+    /* A service that refuses the handshake answers with a failed reply
+     * carrying why (HSPACE_STATUS_IDENTITY_REFUSED, ...), then closes. */
+    if (qel_hspace_pkt_get_body_type_from_body(packet->body) != HSPACE_BODY_HANDSHAKE_REPLY && rr != NULL &&
+        qel_hspace_pkt_is_reply(rr) && !qel_hspace_pkt_is_success_reply(rr) &&
+        qel_hspace_pkt_get_reply_error_from_rr_subheader(rr) != 0)
+        error = qel_hspace_pkt_get_reply_error_from_rr_subheader(rr);
+    else
+        error = qel_hspace_pkt_deserialize_handshake_reply(packet->body, service_version, service_ltp, service_name);
     if (packet->value != NULL) kro_buf_release(&packet->value); /* an object is no handshake reply */
     KRO_CHECK(kro_mm_free(&packet) == 0);
     return error;

@@ -1,0 +1,107 @@
+#!/bin/bash
+# acl_cli_test.sh HSPACED HSPACE - hspaced's access rules as an operator
+# meets them: a bad rule file at start (exit 2, its line), an address other
+# than loopback refused unless --insecure, refusals answered and logged (who,
+# what, the key escaped; never a value), SIGHUP reloading the file and a
+# bad one kept out. hspace (group "cli") is the client.
+#
+# hspaced's standard error is read line by line through a fifo with bounded
+# reads; every command runs under timeout. Nothing sleeps.
+set -u -f
+HSPACED=$1
+HSPACE=$2
+. "$(dirname "$0")/../service/lib.sh"
+
+# expect_exit CODE COMMAND...: runs the command (bounded), checks its exit
+# status; its output is in $tmp/out and $tmp/err.
+expect_exit() {
+    local want=$1
+    shift
+    timeout -k 5 "$WATCHDOG" "$@" >"$tmp/out" 2>"$tmp/err" </dev/null
+    local got=$?
+    [ "$got" -eq 124 ] && fail "$* did not end within ${WATCHDOG}s"
+    [ "$got" -eq "$want" ] || fail "$* exited $got, expected $want; stderr: $(cat "$tmp/err")"
+}
+# expect_err TEXT: the last command's stderr contains TEXT.
+expect_err() {
+    grep -qF -- "$1" "$tmp/err" || fail "stderr lacks '$1': $(cat "$tmp/err")"
+}
+# hs CODE ARGS...: hspace against the service of $url.
+hs() {
+    local want=$1
+    shift
+    expect_exit "$want" "$HSPACE" --timeout 0 --url "$url" "$@"
+}
+# expect_log TEXT: hspaced logs a line ending in TEXT (after "hspaced: ")
+# before long; the lines read are kept in $tmp/log.
+expect_log() {
+    while read_line "$log_fd"; do
+        printf '%s\n' "$line" >>"$tmp/log"
+        [[ $line == *"$1" ]] && return 0
+    done
+}
+
+rules=$tmp/rules
+
+# A bad file, or none, at start: exit 2 with the file and line.
+printf 'cli rw a/*\n\n# x\ncli x b/*\n' >"$rules"
+expect_exit 2 "$HSPACED" --port 0 --acl "$rules"
+expect_err "hspaced: $rules:4: rights 'x' are not r, w or rw"
+expect_exit 2 "$HSPACED" --port 0 --acl "$tmp/none"
+expect_err "hspaced: cannot read $tmp/none: No such file or directory"
+
+# Only loopback is served open; --insecure overrides, and then the check
+# is passed (192.0.2.1 is an address no interface has: it cannot listen).
+printf 'cli rw *\n' >"$rules"
+for args in "--listen 0.0.0.0" "--listen 0.0.0.0 --acl $rules"; do
+    eval "set -- $args"
+    expect_exit 2 "$HSPACED" --port 0 "$@"
+    expect_err "hspaced: refusing to listen on 0.0.0.0, which is not a loopback address"
+done
+expect_exit 1 "$HSPACED" --port 0 --listen 192.0.2.1 --insecure
+expect_err "hspaced: cannot listen on 192.0.2.1:0"
+
+# A service on the rules, its log through a fifo.
+printf 'cli rw a/*   # the CLI owns a/\ncli r b/*\n' >"$rules"
+mkfifo "$tmp/stdout" "$tmp/stderr"
+"$HSPACED" --port 0 --acl "$rules" >"$tmp/stdout" 2>"$tmp/stderr" &
+svc=$!
+pids+=("$svc")
+exec {svc_fd}<"$tmp/stdout" {log_fd}<"$tmp/stderr"
+read_line "$svc_fd"
+url=${line#hspaced listening on }
+
+hs 0 put a/1 secret-one
+hs 3 put b/1 secret-two
+expect_err "hspace: put b/1: permission denied (1104)"
+expect_log 'denied: put "b/1" by client "hspace" in group "cli"'
+hs 3 get 'b*'
+expect_log 'denied: get "b*" by client "hspace" in group "cli"'
+hs 3 put "$(printf 'a\tb\001"#c')" secret-three
+expect_log 'denied: put "a\tb\x01\x22\x23c" by client "hspace" in group "cli"'
+hs 1 get 'b/*'
+hs 0 get a/1
+
+# SIGHUP: the file again. Then a bad one: the rules in force stay.
+printf 'cli rw b/*\n' >"$rules"
+kill -HUP "$svc"
+expect_log "access rules reloaded from $rules: 1 rules, 0 subscriptions ended"
+hs 0 put b/1 secret-four
+hs 3 get a/1
+printf 'cli rw b/*\ncli rw\n' >"$rules"
+kill -HUP "$svc"
+expect_log "access rules not reloaded, the previous ones stay: $rules:2: expected GROUP RIGHTS PATTERN, found 2 fields"
+hs 0 get b/1
+hs 3 put a/2 secret-five
+rm "$rules"
+kill -HUP "$svc"
+expect_log "access rules not reloaded, the previous ones stay: cannot read $rules: No such file or directory"
+hs 0 put b/2 secret-six
+
+# It stops as before; no value reached the log.
+kill -TERM "$svc"
+expect_log "SIGTERM, stopping"
+while IFS= read -r -t "$WATCHDOG" -u "$log_fd" line; do printf '%s\n' "$line" >>"$tmp/log"; done
+wait_exit "$svc_fd" "$svc" 0
+grep -q secret "$tmp/log" && fail "a value in the log: $(grep secret "$tmp/log")"
+echo "acl_cli_test: ok"
