@@ -86,7 +86,7 @@ constexpr unsigned kLoggedDenials = 32;        // refused requests logged per co
 // into a string of its own (Connection::large_), from which a put's value
 // moves into the store.
 constexpr size_t kLargePacket = 1024 * 1024;
-constexpr size_t kLargeChunk = 1024 * 1024;    // bytes asked of each read into it
+constexpr size_t kLargeChunk = 1024 * 1024;    // most bytes asked of each read into it
 constexpr size_t kMaxGather = 64;              // queued packets handed to one write
 // Values of this many bytes or more are sent from the store's own string
 // when it shares it (ObjectView::shared), after a packet's first bytes,
@@ -463,11 +463,14 @@ private:
         reading_ = true;
         if (large_want_ != 0) {
             // Pages are touched as bytes come: the string's capacity was
-            // reserved (not filled) for the whole packet. The chunk counts
-            // as held while the read runs; what it did not fill is given
-            // back when it completes, unless close() has already given back
-            // all of it.
-            size_t have = large_.size(), ask = std::min(kLargeChunk, large_want_ - have);
+            // reserved (not filled) for the whole packet, and a read asks
+            // for no more than is held already (at least a read buffer's
+            // chunk), so what is filled for it at most doubles what the
+            // client has sent. The chunk counts as held while the read
+            // runs; what it did not fill is given back when it completes,
+            // unless close() has already given back all of it.
+            size_t have = large_.size();
+            size_t ask = std::min({kLargeChunk, std::max(have, ReadBuffer::kMaxChunk), large_want_ - have});
             large_.resize(have + ask);
             engine_.hold(ask);
             auto self = shared_from_this();

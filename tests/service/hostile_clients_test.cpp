@@ -427,6 +427,7 @@ protected:
     {
         size_t peak = daemon_->kib("VmHWM");
         size_t bound = base_kib_ + allowance * kMemoryScale / 1024;
+        printf("%s: peak resident memory %zu KiB, %zu KiB at start, bound %zu KiB\n", what, peak, base_kib_, bound);
         EXPECT_LE(peak, bound) << what << ": peak resident memory " << peak << " KiB, started at " << base_kib_
                                << " KiB";
     }
@@ -672,6 +673,51 @@ TEST_F(HostileClients, PipeliningClientsThatNeverReadStayUnderMaxMemory)
     expect_peak_within(max_memory + 16 * kMiB, "pipelining clients");
     hostile.clear();
     EXPECT_TRUE(good_->served());
+}
+
+// A long put is received into a block of its own, reserved for the length
+// its header announces: the announcement costs nothing until the bytes
+// come, the bytes count toward --max-memory as they come, and the heaviest
+// unfinished puts are dropped past it while a whole put of the same length
+// is stored and a client that behaves is served.
+TEST_F(HostileClients, LongPutsCountAsTheirBytesCome)
+{
+    const size_t max_memory = 16 * kMiB, clients = 24 / kScaleDown, value_size = 15 * kMiB;
+    start({"--max-queue", std::to_string(max_memory), "--max-memory", std::to_string(max_memory)});
+    std::string value(value_size, 'L');
+    const std::string put = request(codec::kOpPut, "long", 9, value);
+    const size_t head = put.size() - value_size;
+    std::vector<std::unique_ptr<Peer>> hostile;
+    for (size_t i = 0; i < clients; i++) {
+        hostile.emplace_back(new Peer(daemon_->port()));
+        ASSERT_TRUE(hostile.back()->handshake());
+        ASSERT_TRUE(hostile.back()->send(put.substr(0, head + 4096)));
+    }
+    ASSERT_TRUE(good_->served());
+    // Every announcement received: clients x 15 MiB announced, next to
+    // nothing held.
+    EXPECT_LE(daemon_->kib("VmRSS"), base_kib_ + clients * 256 * kMemoryScale) << "announced lengths were filled";
+    EXPECT_EQ(daemon_->count("over --max-memory"), 0u) << daemon_->log();
+
+    // 48 MiB more in all, never a whole put: past 16 MiB the heaviest go.
+    const size_t each = 48 * kMiB / clients;
+    for (auto &h : hostile) h->send(put.substr(head + 4096, each)); // false once dropped
+    EXPECT_TRUE(daemon_->wait_line("over --max-memory")) << daemon_->log();
+    EXPECT_TRUE(good_->served());
+    expect_peak_within(max_memory + 32 * kMiB, "long puts unfinished");
+    hostile.clear();
+
+    // A whole put of that length is stored as it is.
+    Peer whole(daemon_->port());
+    ASSERT_TRUE(whole.handshake());
+    ASSERT_TRUE(whole.send(put));
+    EXPECT_EQ(whole.status_of(9), 0u);
+    ASSERT_TRUE(whole.send(request(codec::kOpGet, "long", 10)));
+    codec::Packet got = whole.next();
+    ASSERT_TRUE(got.rr.has_value());
+    EXPECT_EQ(got.rr->corrid, 10u);
+    EXPECT_TRUE(got.body == value) << "a value of " << got.body.size() << " bytes came back";
+    EXPECT_EQ(daemon_->count(std::string(64, 'L')), 0u) << "a value's bytes were logged";
 }
 
 // Silent connections cost a small read buffer each, not a 64 KiB one, and
