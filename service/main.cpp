@@ -3,9 +3,11 @@
  *
  * Listens until SIGINT or SIGTERM, then closes every connection and exits
  * 0. Prints "hspaced listening on tcp://HOST:PORT" on stdout once it
- * listens (so a script can learn the port chosen for --port 0) and one
- * line per connection event on stderr. Exit status: 0 stopped by a signal,
- * 1 cannot listen or use the store, 2 usage error.
+ * listens (so a script can learn the port chosen for --port 0) and logs one
+ * line per event on stderr (log.h), down to --log-level, as text or JSON.
+ * With --http, serves its metrics, health and readiness over HTTP. Exit
+ * status: 0 stopped by a signal, 1 cannot listen or use the store, 2 usage
+ * error.
  *
  * Options are parsed with CLI11; --help and --version print on stdout and
  * exit 0 (help2man builds the manual page from them).
@@ -22,6 +24,7 @@
 #include <CLI/CLI.hpp>
 #include <asio.hpp>
 
+#include "http.h"
 #include "server.h"
 
 #ifndef HSPACE_VERSION
@@ -59,9 +62,25 @@ const char kFooter[] =
     "\n"
     "Output:\n"
     "  Prints \"hspaced listening on tcp://HOST:PORT\" on standard output when ready\n"
-    "  (with --listen 0.0.0.0: tcp://127.0.0.1:PORT, then the other addresses), one\n"
-    "  line per connection event on standard error (unless --quiet), and stops cleanly\n"
-    "  on SIGINT or SIGTERM.\n"
+    "  (with --listen 0.0.0.0: tcp://127.0.0.1:PORT, then the other addresses), and\n"
+    "  stops cleanly on SIGINT or SIGTERM.\n"
+    "\n"
+    "Log:\n"
+    "  One line per event on standard error, with its time, level and name and its\n"
+    "  fields: key=value text (--log-format text) or one JSON object (json):\n"
+    "    ts=2025-03-01T10:00:00.123Z level=info event=conn_accepted conn=7 peer=127.0.0.1:50412\n"
+    "  error: the store out of reach, a failed accept; warn: refusals, the store's\n"
+    "  failures to serve a request; info (default): start, connections, stop with a\n"
+    "  summary; debug: every request with its key, status and duration. Keys are\n"
+    "  escaped; values never appear. --quiet is --log-level error.\n"
+    "\n"
+    "HTTP (--http HOST:PORT):\n"
+    "  GET /metrics  the service's metrics, in the Prometheus text format\n"
+    "  GET /health   200 \"ok\" while it serves and its store can be reached, else 503\n"
+    "                with the reason\n"
+    "  GET /ready    200 once it listens and its store was reached, 503 while starting\n"
+    "                or stopping\n"
+    "  A --http address that cannot be bound exits 1.\n"
     "\n"
     "Exit status:\n"
     "  0 stopped by SIGINT or SIGTERM, 1 cannot listen or use the store, 2 usage error.";
@@ -113,14 +132,27 @@ std::string check_number(const std::string &text, unsigned long long min, unsign
     return std::string();
 }
 
+// Checks the --http value: HOST:PORT, an IPv6 host between brackets. Empty
+// text when it is one, else why not.
+std::string check_http(const std::string &address)
+{
+    std::string host;
+    uint16_t port = 0;
+    if (hspace::service::HttpEndpoint::split(address, &host, &port)) return std::string();
+    return "'" + address + "' is not HOST:PORT (a port from 0 to 65535; an IPv6 host between brackets)";
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    using hspace::service::Logger;
+    using hspace::service::LogLevel;
     hspace::service::Options options;
     options.port = hspace::service::kDefaultPort;
     options.log = true;
     bool quiet = false;
+    std::string log_level = "info", log_format = "text";
     std::string port = std::to_string(options.port), max_queue = std::to_string(options.max_queue);
     std::string store_timeout = std::to_string(options.store_timeout_ms);
 
@@ -177,7 +209,18 @@ int main(int argc, char **argv)
                                 ->check(CLI::ExistingFile);
     user->needs(password);
     password->needs(user);
-    app.add_flag("--quiet", quiet, "no connection log on standard error");
+    app.add_option("--http", options.http,
+                   "serve GET /metrics, /health and /ready over HTTP on this address (off by default)")
+        ->option_text("HOST:PORT")
+        ->check([](const std::string &address) { return check_http(address); });
+    CLI::Option *level_opt =
+        app.add_option("--log-level", log_level, "the least severe events logged: error, warn, info (default), debug")
+            ->option_text("LEVEL")
+            ->check(CLI::IsMember({"error", "warn", "info", "debug"}));
+    app.add_option("--log-format", log_format, "log lines as key=value text (default) or JSON objects")
+        ->option_text("text|json")
+        ->check(CLI::IsMember({"text", "json"}));
+    app.add_flag("--quiet", quiet, "log errors only: the same as --log-level error")->excludes(level_opt);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &) {
@@ -200,7 +243,9 @@ int main(int argc, char **argv)
     options.port = static_cast<uint16_t>(std::stoul(port));
     options.max_queue = static_cast<size_t>(std::stoull(max_queue));
     options.store_timeout_ms = static_cast<unsigned>(std::stoul(store_timeout));
-    options.log = !quiet;
+    hspace::service::parse_log_level(quiet ? "error" : log_level, &options.log_level);
+    hspace::service::parse_log_format(log_format, &options.log_format);
+    const Logger logger(true, options.log_level, options.log_format);
 
     // A host name is resolved here, to IPv4 only, so that the URL printed
     // below is one a client can use.
@@ -211,8 +256,9 @@ int main(int argc, char **argv)
         asio::ip::tcp::resolver resolver(resolve_io);
         auto results = resolver.resolve(asio::ip::tcp::v4(), options.host, "", ec);
         if (ec || results.empty()) {
-            fprintf(stderr, "hspaced: cannot resolve %s to an IPv4 address%s%s\n", options.host.c_str(),
-                    ec ? ": " : "", ec ? ec.message().c_str() : "");
+            logger.event(LogLevel::error, "start_failed",
+                         {{"reason", "cannot resolve " + options.host + " to an IPv4 address" +
+                                         (ec ? ": " + ec.message() : std::string())}});
             return 1;
         }
         options.host = results.begin()->endpoint().address().to_string();
@@ -231,7 +277,7 @@ int main(int argc, char **argv)
     hspace::service::Server server(options);
     std::string error;
     if (!server.start(&error)) {
-        fprintf(stderr, "hspaced: %s\n", error.c_str());
+        logger.event(LogLevel::error, "start_failed", {{"reason", error}});
         return 1;
     }
     // On the wildcard address the URL names the loopback address, which a
@@ -245,12 +291,13 @@ int main(int argc, char **argv)
                     (host[0] != '\0' ? std::string("; from elsewhere tcp://") + host + ":" + port_text : "") + ")";
     }
     if (printf("hspaced listening on %s\n", listening.c_str()) < 0 || fflush(stdout) != 0) {
-        fprintf(stderr, "hspaced: cannot write standard output: %s\n", strerror(errno));
+        logger.event(LogLevel::error, "start_failed",
+                     {{"reason", std::string("cannot write standard output: ") + strerror(errno)}});
         return 1;
     }
 
     signals_io.run();
-    if (options.log) fprintf(stderr, "hspaced: %s, stopping\n", caught == SIGINT ? "SIGINT" : "SIGTERM");
+    logger.event(LogLevel::info, "stopping", {{"signal", caught == SIGINT ? "SIGINT" : "SIGTERM"}});
     server.stop();
     return 0;
 }

@@ -27,6 +27,11 @@
  * reaches a connection once, however many of its subscriptions select it.
  *
  * Bytes on the wire are framed, decoded and encoded by the hspace codec.
+ *
+ * Operators see the service through its log (log.h: one event a line) and,
+ * with Options::http, its metrics, health and readiness (http.h): the I/O
+ * thread counts into atomics (service_metrics.h), the HTTP endpoint's
+ * threads read them and the store's health, and nothing else.
  */
 #include "server.h"
 
@@ -34,6 +39,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
 #include <map>
 #include <optional>
@@ -45,7 +51,9 @@
 #include <asio.hpp>
 
 #include "hspace_codec.h"
+#include "http.h"
 #include "keyed_hash.h"
+#include "service_metrics.h"
 #include "store/store.h"
 #include "subscription_index.h"
 
@@ -98,16 +106,6 @@ const char *status_text(uint32_t status)
     }
 }
 
-// s with every byte outside printable ASCII replaced by '?', so that a log
-// line stays one line whatever a client sends.
-std::string printable(std::string_view s)
-{
-    std::string out(s);
-    for (char &ch : out)
-        if (static_cast<unsigned char>(ch) < 0x20 || static_cast<unsigned char>(ch) > 0x7E) ch = '?';
-    return out;
-}
-
 Bytes make_bytes(std::string s)
 {
     return std::make_shared<const std::string>(std::move(s));
@@ -150,13 +148,57 @@ struct Held {
     Selection by;                              // who selected it when it happened
 };
 
-// The request whose store call a connection waits for.
+// Nanoseconds on the steady clock, for durations.
+uint64_t now_ns()
+{
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count());
+}
+
+// The request being served, and whose store call a connection waits for.
 struct Op {
     std::optional<uint32_t> corrid;            // answer to this correlation id; none: no answer
     uint8_t opcode = 0;
     bool key_only = false;
     bool image = false;                        // post: send the image
+    uint64_t started = 0;                      // now_ns() when it was decoded
+    uint64_t store_started = 0;                // now_ns() when its store call began
+    std::string key;                           // its key, for the debug log only (empty otherwise)
 };
+
+// The store call a request makes.
+StoreCall store_call_of(uint8_t opcode)
+{
+    switch (opcode) {
+    case codec::kOpPut:
+        return StoreCall::put;
+    case codec::kOpRemove:
+        return StoreCall::remove;
+    case codec::kOpPost:
+        return StoreCall::begin;
+    default:
+        return StoreCall::read;
+    }
+}
+
+const char *op_name(uint8_t opcode)
+{
+    switch (opcode) {
+    case codec::kOpPut:
+        return "put";
+    case codec::kOpGet:
+        return "get";
+    case codec::kOpPost:
+        return "post";
+    case codec::kOpCancel:
+        return "cancel";
+    case codec::kOpRemove:
+        return "remove";
+    default:
+        return "other";
+    }
+}
 
 } // namespace
 
@@ -164,7 +206,12 @@ struct Op {
 // stop() and the stats runs on the I/O thread.
 class Engine final : public Listener {
 public:
-    explicit Engine(Options options) : options_(std::move(options)) {}
+    explicit Engine(Options options)
+        : options_(std::move(options)),
+          logger_(options_.log, options_.log_level, options_.log_format, options_.log_sink),
+          metrics_(stats_, [this] { return store_ && store_->healthy(nullptr); })
+    {
+    }
 
     bool start(std::string *error);
     void stop();
@@ -175,8 +222,12 @@ public:
     // null, holds the packet's bytes, which p views, and a put may take it
     // for its value (leaving it unspecified).
     void handle(Connection &c, const codec::PacketView &p, std::string *packet = nullptr);
-    // I/O thread: one line on stderr when logging is on.
+    // I/O thread: one line in the printf style, logged at info as the
+    // event "message" (logger_.event() is for events with fields).
     void log(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+    // I/O thread: c's request was answered with status (or would have
+    // been, asking for none): counted, and logged at debug.
+    void settle(Connection &c, uint32_t status);
     // I/O thread: the store call of c's op completed.
     void finish(Connection &c, const StoreStatus &outcome);
     void finish_read(Connection &c, const StoreStatus &outcome, const std::vector<ObjectView> &objects);
@@ -191,6 +242,8 @@ public:
 
     const Options options_;                    // as given; read-only
     Stats stats_;                              // counters, any thread
+    const Logger logger_;                      // any thread
+    ServiceMetrics metrics_;                   // counted on the I/O thread, rendered on the HTTP endpoint's
     uint16_t port_ = 0;                        // listening port; set by start() before the thread
     std::string host_;                         // listening address as text; set by start()
 
@@ -201,7 +254,15 @@ private:
                       const std::vector<ObjectView> &objects);
     void send_held(Connection &c, const Held &e, bool begun_only);
     void drop(Subscription &s);
-    void failed(Connection &c, const char *what, const StoreStatus &outcome);
+    void store_done(Connection &c, const StoreStatus &outcome);
+public:
+    // The HTTP endpoint's port, 0 without one; owning thread, after start().
+    uint16_t http_port() const { return http_ ? http_->port() : 0; }
+
+private:
+    // Any thread: GET /health's and GET /ready's answers.
+    bool health(std::string *why) const;
+    bool ready(std::string *why) const;
     void refollow();
 
     asio::io_context io_{1};                   // runs every handler, on thread_ (one thread: the hint)
@@ -214,6 +275,11 @@ private:
     uint64_t changes_ = 0;                     // I/O thread: changes seen; marks a connection selected
     std::vector<std::pair<Connection *, Selection>> targets_; // I/O thread: on_change's, kept for its capacity
     bool following_ = false;                   // I/O thread: the store's feed is asked for
+    enum Phase { kStarting, kServing, kStopping };
+    std::atomic<int> phase_{kStarting};        // any thread; set by start() and stop()
+    mutable std::atomic<bool> store_seen_{false}; // any thread: the store was once healthy since start
+    uint64_t started_ns_ = 0;                  // owning thread: now_ns() when start() succeeded
+    std::unique_ptr<HttpEndpoint> http_;       // owning thread; serves while the I/O thread runs
     // Declared after io_: destroyed first, while the context its calls
     // complete through still exists.
     std::unique_ptr<Store> store_;             // the objects; created by start()
@@ -266,6 +332,7 @@ public:
     // The connection keeps itself alive until then.
     void suspend()
     {
+        op.store_started = now_ns();
         busy_ = true;
         hold_ = shared_from_this();
     }
@@ -318,6 +385,7 @@ private:
             auto self = shared_from_this();
             socket_.async_read_some(asio::buffer(&large_[have], ask), [self, have](const asio::error_code &ec,
                                                                                    size_t n) {
+                self->engine_.metrics_.received.inc(n);
                 self->large_.resize(have + n);
                 self->on_read(ec, self->in_.size(), 0);
             });
@@ -333,6 +401,7 @@ private:
     void on_read(const asio::error_code &ec, size_t have, size_t n)
     {
         reading_ = false;
+        engine_.metrics_.received.inc(n);
         if (closed_) return;
         in_.resize(have + n);
         if (ec) {
@@ -423,7 +492,10 @@ private:
             buffers.push_back(asio::buffer(*out_[i].bytes));
         in_flight_ = buffers.size();
         auto self = shared_from_this();
-        asio::async_write(socket_, buffers, [self](const asio::error_code &ec, size_t) { self->on_write(ec); });
+        asio::async_write(socket_, buffers, [self](const asio::error_code &ec, size_t n) {
+            self->engine_.metrics_.sent.inc(n);
+            self->on_write(ec);
+        });
     }
 
     void on_write(const asio::error_code &ec)
@@ -469,13 +541,52 @@ private:
 
 void Engine::log(const char *fmt, ...)
 {
-    if (!options_.log) return;
-    char line[512];
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(line, sizeof line, fmt, ap);
+    logger_.message(LogLevel::info, fmt, ap);
     va_end(ap);
-    fprintf(stderr, "hspaced: %s\n", line);
+}
+
+void Engine::settle(Connection &c, uint32_t status)
+{
+    uint64_t ns = now_ns() - c.op.started;
+    metrics_.request(c.op.opcode, status, ns);
+    if (logger_.enabled(LogLevel::debug))
+        logger_.event(LogLevel::debug, "request",
+                      {{"conn", c.id()}, {"op", op_name(c.op.opcode)}, {"key", c.op.key}, {"status", status},
+                       {"us", ns / 1000}});
+}
+
+bool Engine::health(std::string *why) const
+{
+    int phase = phase_.load();
+    if (phase != kServing) {
+        *why = phase == kStarting ? "starting" : "stopping";
+        return false;
+    }
+    std::string trouble;
+    if (store_->healthy(&trouble)) return true;
+    *why = "store unreachable: " + trouble;
+    return false;
+}
+
+// Ready once serving and the store was once healthy (it is checked when
+// asked until then); not while starting or stopping.
+bool Engine::ready(std::string *why) const
+{
+    int phase = phase_.load();
+    if (phase != kServing) {
+        *why = phase == kStarting ? "starting" : "stopping";
+        return false;
+    }
+    if (store_seen_.load()) return true;
+    std::string trouble;
+    if (!store_->healthy(&trouble)) {
+        *why = "store not reached yet: " + trouble;
+        return false;
+    }
+    store_seen_.store(true);
+    return true;
 }
 
 bool Engine::start(std::string *error)
@@ -508,17 +619,45 @@ bool Engine::start(std::string *error)
         return fail("cannot listen on " + options_.host + ":" + std::to_string(options_.port) + ": " + ec.message());
     }
     host_ = address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
+    if (!options_.http.empty()) {
+        http_.reset(new HttpEndpoint(HttpHandlers{[this] { return metrics_.render(); },
+                                                  [this](std::string *why) { return health(why); },
+                                                  [this](std::string *why) { return ready(why); }}));
+        if (!http_->start(options_.http, &why)) {
+            http_.reset();
+            acceptor_.close(ec);
+            return fail(why);
+        }
+    }
+    store_->healthy(nullptr); // a store that links lazily begins now
     accept();
     started_ = true;
+    started_ns_ = now_ns();
     thread_ = std::thread([this] { io_.run(); });
+    phase_ = kServing;
+    logger_.event(LogLevel::info, "started",
+                  {{"listen", host_ + ":" + std::to_string(port_)},
+                   {"store", store_->kind()},
+                   {"http", http_ ? options_.http.substr(0, options_.http.rfind(':') + 1) +
+                                        std::to_string(http_->port())
+                                  : std::string("off")}});
     return true;
 }
 
 void Engine::stop()
 {
     if (!thread_.joinable()) return;
+    phase_ = kStopping;
     asio::post(io_, [this] { shutdown(); });
     thread_.join();
+    if (http_) http_->stop();
+    double uptime = static_cast<double>(now_ns() - started_ns_) / 1e9;
+    logger_.event(LogLevel::info, "stopped",
+                  {LogField::seconds("uptime_s", uptime),
+                   {"connections", stats_.accepted.load()},
+                   {"requests", metrics_.requests()},
+                   {"errors", metrics_.errors()},
+                   {"notifications", metrics_.notifications.value()}});
 }
 
 // I/O thread: closes the listener and every connection; the I/O thread's
@@ -538,7 +677,7 @@ void Engine::accept()
     acceptor_.async_accept([this](const asio::error_code &ec, asio::ip::tcp::socket socket) {
         if (!acceptor_.is_open()) return;
         if (ec) {
-            log("accept failed: %s", ec.message().c_str());
+            logger_.event(LogLevel::error, "accept_failed", {{"reason", ec.message()}});
         } else {
             asio::error_code ignored;
             socket.set_option(asio::ip::tcp::no_delay(true), ignored);
@@ -547,8 +686,9 @@ void Engine::accept()
             conns_[c->id()] = c;
             stats_.accepted++;
             stats_.open++;
-            log("conn %llu accepted from %s:%u", static_cast<unsigned long long>(c->id()),
-                peer.address().to_string().c_str(), peer.port());
+            if (logger_.enabled(LogLevel::info))
+                logger_.event(LogLevel::info, "conn_accepted",
+                              {{"conn", c->id()}, {"peer", peer.address().to_string() + ":" + std::to_string(peer.port())}});
             c->start();
         }
         accept();
@@ -559,7 +699,7 @@ void Engine::forget(uint64_t id, const std::string &why)
 {
     if (conns_.erase(id) == 0) return;
     stats_.open--;
-    log("conn %llu closed: %s", static_cast<unsigned long long>(id), why.c_str());
+    logger_.event(LogLevel::info, "conn_closed", {{"conn", id}, {"reason", why}});
 }
 
 void Engine::handle(Connection &c, const codec::PacketView &p, std::string *packet)
@@ -573,8 +713,8 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
         std::string out;
         codec::encode_handshake_reply(out, 1, options_.ltp, options_.name);
         c.handshaken = true;
-        log("conn %llu handshake: client \"%s\" group \"%s\"", static_cast<unsigned long long>(c.id()),
-            printable(p.strings[1]).c_str(), printable(p.strings[2]).c_str());
+        logger_.event(LogLevel::info, "conn_handshake",
+                      {{"conn", c.id()}, {"client", p.strings[1]}, {"group", p.strings[2]}});
         c.send(std::move(out));
         return;
     }
@@ -583,19 +723,22 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
     // ask for no reply.
     std::optional<uint32_t> corrid;
     if (p.rr) corrid = p.rr->corrid;
+    c.op = Op{};
+    c.op.started = now_ns();
     if (!p.hspace) {
         if (corrid) {
             std::string out;
             codec::encode_reply(out, *corrid, kStatusNotSupported);
             c.send(std::move(out));
         }
+        settle(c, kStatusNotSupported);
         return;
     }
     const codec::HspaceView &h = *p.hspace;
     const bool answer = corrid && h.semantic != codec::kSemNoReply;
-    c.op = Op{};
     if (answer) c.op.corrid = corrid;
     c.op.opcode = h.opcode;
+    if (logger_.enabled(LogLevel::debug)) c.op.key = std::string(h.key);
     c.op.key_only = (h.flags & codec::kFlagKeyOnly) != 0;
     Connection *cp = &c;
     std::string out;
@@ -606,11 +749,14 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
         // answering a get or a post (a notification is smaller).
         size_t largest = codec::object_size(h.key.size(), p.body.size());
         if (largest > options_.max_queue) {
-            log("conn %llu put refused: value of %zu bytes under key \"%s\" would make packets of %zu bytes, over "
-                "--max-queue (%zu bytes)",
-                static_cast<unsigned long long>(c.id()), p.body.size(), printable(h.key).c_str(), largest,
-                options_.max_queue);
+            logger_.event(LogLevel::warn, "put_refused",
+                          {{"conn", c.id()},
+                           {"key", h.key},
+                           {"value_bytes", p.body.size()},
+                           {"packet_bytes", largest},
+                           {"max_queue", options_.max_queue}});
             if (answer) codec::encode_reply(out, *corrid, kStatusTooLarge);
+            settle(c, kStatusTooLarge);
             break;
         }
         c.suspend();
@@ -633,7 +779,10 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
         store_->remove(h.key, [cp](const StoreStatus &outcome) { cp->engine().finish(*cp, outcome); });
         break;
     case codec::kOpGet:
-        if (!answer) break;
+        if (!answer) {
+            settle(c, 0);
+            break;
+        }
         c.suspend();
         store_->read(h.key, c.op.key_only,
                      [cp](const StoreStatus &outcome, int64_t, const std::vector<ObjectView> &objects) {
@@ -644,6 +793,7 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
         std::unique_ptr<Subscription> sub(new Subscription(&c, h.key, h.triggers, c.op.key_only));
         if (c.subs.count(sub->folded) != 0) {
             if (answer) codec::encode_reply(out, *corrid, kStatusExists);
+            settle(c, kStatusExists);
             break;
         }
         c.op.image = answer && (h.flags & codec::kFlagNoImage) == 0;
@@ -663,39 +813,52 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
         bool found = it != c.subs.end();
         if (found) drop(*it->second);
         if (answer) codec::encode_reply(out, *corrid, found ? 0 : kStatusNoMatch);
+        settle(c, found ? 0 : kStatusNoMatch);
         break;
     }
     default:
         if (corrid) codec::encode_reply(out, *corrid, kStatusNotSupported);
+        settle(c, kStatusNotSupported);
         break;
     }
     if (!out.empty()) c.send(std::move(out));
 }
 
-// Logs a store call that failed, with the store's own account of it.
-void Engine::failed(Connection &c, const char *what, const StoreStatus &outcome)
+// c's store call completed: counted, and a failure logged once, here,
+// with the store's own account of it (the store logs none of its calls'
+// failures). The store's being out of reach is an error; its refusal of
+// a request, a warning.
+void Engine::store_done(Connection &c, const StoreStatus &outcome)
 {
+    StoreCall call = store_call_of(c.op.opcode);
+    metrics_.store_call(call, outcome.code, now_ns() - c.op.store_started);
     if (outcome.code == 0 || outcome.code == kStatusNoMatch) return;
-    log("conn %llu %s failed: %s (%u)%s%.*s", static_cast<unsigned long long>(c.id()), what,
-        status_text(outcome.code), outcome.code, outcome.why.empty() ? "" : ": ",
-        static_cast<int>(std::min<size_t>(outcome.why.size(), 300)), outcome.why.data());
+    static const char *const kCalls[] = {"put", "remove", "read", "begin"};
+    bool down = outcome.code == kStatusStoreUnavailable || outcome.code == kStatusStoreTimeout;
+    logger_.event(down ? LogLevel::error : LogLevel::warn, "store_failed",
+                  {{"conn", c.id()},
+                   {"call", kCalls[static_cast<size_t>(call)]},
+                   {"status", outcome.code},
+                   {"what", status_text(outcome.code)},
+                   {"reason", outcome.why}});
 }
 
 // Answers a put or a remove with the store's status.
 void Engine::finish(Connection &c, const StoreStatus &outcome)
 {
-    failed(c, c.op.opcode == codec::kOpPut ? "put" : "remove", outcome);
+    store_done(c, outcome);
     if (!c.closed() && c.op.corrid) {
         std::string out;
         codec::encode_reply(out, *c.op.corrid, outcome.code);
         c.send(std::move(out));
     }
+    settle(c, outcome.code);
     c.resume();
 }
 
 void Engine::finish_read(Connection &c, const StoreStatus &outcome, const std::vector<ObjectView> &objects)
 {
-    failed(c, "get", outcome);
+    store_done(c, outcome);
     if (!c.closed()) {
         if (outcome.code != 0) {
             std::string out;
@@ -705,6 +868,7 @@ void Engine::finish_read(Connection &c, const StoreStatus &outcome, const std::v
             send_objects(c, *c.op.corrid, codec::kOpGet, c.op.key_only, objects);
         }
     }
+    settle(c, outcome.code != 0 ? outcome.code : objects.empty() ? kStatusNoMatch : 0);
     c.resume();
 }
 
@@ -717,6 +881,7 @@ void Engine::send_held(Connection &c, const Held &e, bool begun_only)
     bool value = e.value && (e.by.begun_value || (fresh && e.by.fresh_value));
     std::string out;
     codec::encode_notification(out, e.key, e.trigger, value ? std::string_view(*e.value) : std::string_view());
+    metrics_.notifications.inc();
     c.notify(make_bytes(std::move(out)));
 }
 
@@ -729,6 +894,7 @@ void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revi
 {
     Subscription *sub = c.starting;
     if (sub == nullptr) { // the connection closed meanwhile
+        metrics_.store_call(StoreCall::begin, outcome.code, now_ns() - c.op.store_started);
         c.resume();
         return;
     }
@@ -741,7 +907,7 @@ void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revi
     c.feed_lost.clear();
     StoreStatus result = outcome;
     if (result.code == 0 && !feed_lost.empty()) result = StoreStatus(kStatusStoreUnavailable, std::move(feed_lost));
-    failed(c, "post", result);
+    store_done(c, result);
     if (result.code != 0) {
         drop(*sub);
         for (const Held &e : held)
@@ -757,6 +923,7 @@ void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revi
             c.send(std::move(out));
         }
         if (c.op.image && !c.closed()) send_objects(c, *c.op.corrid, codec::kOpPost, c.op.key_only, objects);
+        settle(c, 0);
         for (; i < held.size() && !c.closed(); i++) send_held(c, held[i], false);
         c.resume();
         return;
@@ -766,6 +933,7 @@ void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revi
         codec::encode_reply(out, *c.op.corrid, result.code);
         c.send(std::move(out));
     }
+    settle(c, result.code);
     c.resume();
 }
 
@@ -792,6 +960,7 @@ void Engine::drop_all(Connection &c)
 // subscribes.
 void Engine::refollow()
 {
+    metrics_.subscriptions.set(static_cast<int64_t>(index_.size()));
     bool want = index_.size() > 0;
     if (want == following_ || !store_) return;
     following_ = want;
@@ -889,6 +1058,7 @@ void Engine::on_change(std::string_view key, uint8_t trigger, const std::string_
                 codec::encode_notification(out, key, trigger, send_value ? *value : std::string_view());
             bytes = make_bytes(std::move(out));
         }
+        metrics_.notifications.inc();
         c->notify(bytes);
         if (send_value && share) c->notify(shared);
     }
@@ -902,7 +1072,7 @@ void Engine::on_change(std::string_view key, uint8_t trigger, const std::string_
 // for the connection's begun subscriptions.
 void Engine::on_feed_ended(const std::string &why)
 {
-    log("store feed ended: %s; ending every subscription", why.c_str());
+    logger_.event(LogLevel::error, "feed_ended", {{"reason", why}, {"subscriptions", index_.size()}});
     following_ = false;
     std::vector<std::shared_ptr<Connection>> all;
     for (auto &entry : conns_) all.push_back(entry.second);
@@ -922,6 +1092,7 @@ void Engine::on_feed_ended(const std::string &why)
                 continue;
             }
             codec::encode_notification(out, s.key, kTriggerEnded, why);
+            metrics_.notifications.inc();
             index_.remove(s);
             it = c->subs.erase(it);
         }
@@ -960,6 +1131,11 @@ std::string Server::url() const
 const Stats &Server::stats() const
 {
     return engine_->stats_;
+}
+
+uint16_t Server::http_port() const
+{
+    return engine_->http_port();
 }
 
 } // namespace service
