@@ -226,8 +226,9 @@ public:
     // event "message" (logger_.event() is for events with fields).
     void log(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
     // I/O thread: c's request was answered with status (or would have
-    // been, asking for none): counted, and logged at debug.
-    void settle(Connection &c, uint32_t status);
+    // been, asking for none): counted, and logged at debug. now: now_ns()
+    // if the caller just read it, else 0.
+    void settle(Connection &c, uint32_t status, uint64_t now = 0);
     // I/O thread: the store call of c's op completed.
     void finish(Connection &c, const StoreStatus &outcome);
     void finish_read(Connection &c, const StoreStatus &outcome, const std::vector<ObjectView> &objects);
@@ -254,7 +255,8 @@ private:
                       const std::vector<ObjectView> &objects);
     void send_held(Connection &c, const Held &e, bool begun_only);
     void drop(Subscription &s);
-    void store_done(Connection &c, const StoreStatus &outcome);
+    // Returns now_ns() at its completion.
+    uint64_t store_done(Connection &c, const StoreStatus &outcome);
 public:
     // The HTTP endpoint's port, 0 without one; owning thread, after start().
     uint16_t http_port() const { return http_ ? http_->port() : 0; }
@@ -547,9 +549,9 @@ void Engine::log(const char *fmt, ...)
     va_end(ap);
 }
 
-void Engine::settle(Connection &c, uint32_t status)
+void Engine::settle(Connection &c, uint32_t status, uint64_t now)
 {
-    uint64_t ns = now_ns() - c.op.started;
+    uint64_t ns = (now != 0 ? now : now_ns()) - c.op.started;
     metrics_.request(c.op.opcode, status, ns);
     if (logger_.enabled(LogLevel::debug))
         logger_.event(LogLevel::debug, "request",
@@ -828,11 +830,12 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
 // with the store's own account of it (the store logs none of its calls'
 // failures). The store's being out of reach is an error; its refusal of
 // a request, a warning.
-void Engine::store_done(Connection &c, const StoreStatus &outcome)
+uint64_t Engine::store_done(Connection &c, const StoreStatus &outcome)
 {
     StoreCall call = store_call_of(c.op.opcode);
-    metrics_.store_call(call, outcome.code, now_ns() - c.op.store_started);
-    if (outcome.code == 0 || outcome.code == kStatusNoMatch) return;
+    uint64_t now = now_ns();
+    metrics_.store_call(call, outcome.code, now - c.op.store_started);
+    if (outcome.code == 0 || outcome.code == kStatusNoMatch) return now;
     static const char *const kCalls[] = {"put", "remove", "read", "begin"};
     bool down = outcome.code == kStatusStoreUnavailable || outcome.code == kStatusStoreTimeout;
     logger_.event(down ? LogLevel::error : LogLevel::warn, "store_failed",
@@ -841,18 +844,19 @@ void Engine::store_done(Connection &c, const StoreStatus &outcome)
                    {"status", outcome.code},
                    {"what", status_text(outcome.code)},
                    {"reason", outcome.why}});
+    return now;
 }
 
 // Answers a put or a remove with the store's status.
 void Engine::finish(Connection &c, const StoreStatus &outcome)
 {
-    store_done(c, outcome);
+    uint64_t done = store_done(c, outcome);
     if (!c.closed() && c.op.corrid) {
         std::string out;
         codec::encode_reply(out, *c.op.corrid, outcome.code);
         c.send(std::move(out));
     }
-    settle(c, outcome.code);
+    settle(c, outcome.code, done);
     c.resume();
 }
 
