@@ -136,6 +136,10 @@ Histogram::Histogram(std::vector<uint64_t> bounds, double scale)
     for (size_t i = 0; i < bounds_.size(); i++)
         if (i > 0 && bounds_[i] <= bounds_[i - 1]) defect("histogram bounds must increase");
     for (size_t i = 0; i <= bounds_.size(); i++) buckets_[i].store(0, std::memory_order_relaxed);
+    if (scale_ > 0 && scale_ < 1) {
+        double d = round(1 / scale_);
+        if (fabs(d * scale_ - 1) < 1e-12) divisor_ = d;
+    }
 }
 
 uint64_t Histogram::count() const
@@ -153,10 +157,10 @@ void Histogram::render(std::string &out, const std::string &name, const std::str
     uint64_t cumulative = 0;
     for (size_t i = 0; i <= bounds_.size(); i++) {
         cumulative += buckets_[i].load(std::memory_order_relaxed);
-        std::string le = i < bounds_.size() ? number(static_cast<double>(bounds_[i]) * scale_) : "+Inf";
+        std::string le = i < bounds_.size() ? number(scaled(bounds_[i])) : "+Inf";
         write_sample(out, name, "_bucket", prefix + "le=" + quote_label(le), std::to_string(cumulative));
     }
-    write_sample(out, name, "_sum", labels, number(static_cast<double>(sum()) * scale_));
+    write_sample(out, name, "_sum", labels, number(scaled(sum())));
     write_sample(out, name, "_count", labels, std::to_string(cumulative));
 }
 

@@ -112,8 +112,17 @@ public:
     bool untouched() const override { return count() == 0; }
 
 private:
+    // v in the exposition's unit: divided by 1/scale when that is a whole
+    // number (1e9 for nanoseconds), so that 1040717706 ns reads 1.040717706
+    // rather than the product's rounding noise.
+    double scaled(uint64_t v) const
+    {
+        return divisor_ != 0 ? static_cast<double>(v) / divisor_ : static_cast<double>(v) * scale_;
+    }
+
     const std::vector<uint64_t> bounds_;
     const double scale_;
+    double divisor_ = 0;                       // round(1 / scale_) when scale_ < 1 and that is whole, else 0
     std::unique_ptr<std::atomic<uint64_t>[]> buckets_; // bounds_.size() + 1, the last one for +Inf; not cumulative
     std::atomic<uint64_t> sum_{0};
 };

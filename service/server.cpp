@@ -690,7 +690,8 @@ void Engine::accept()
             stats_.open++;
             if (logger_.enabled(LogLevel::info))
                 logger_.event(LogLevel::info, "conn_accepted",
-                              {{"conn", c->id()}, {"peer", peer.address().to_string() + ":" + std::to_string(peer.port())}});
+                              {{"conn", c->id()},
+                               {"peer", peer.address().to_string() + ":" + std::to_string(peer.port())}});
             c->start();
         }
         accept();

@@ -111,6 +111,26 @@ TEST(ExpositionWriter, RendersWhatTheFormatAllowsAndReadsBackExactly)
         EXPECT_GE(at, last) << n;
         last = at;
     }
+
+    // Nanoseconds read as seconds exactly as written in decimal, not as
+    // the rounding noise of a product by 1e-9 (1.0407177060000001).
+    struct Seconds {
+        uint64_t ns;
+        const char *text;
+    };
+    const Seconds seconds[] = {{1040717706, "1.040717706"}, {1, "1e-09"}, {UINT64_C(123456789012), "123.456789012"},
+                               {300000000, "0.3"}};
+    for (const Seconds &c : seconds) {
+        metrics::Registry nr;
+        nr.family("t_ns_seconds", "ns.", metrics::Type::histogram)
+            .histogram({}, {25000, 300000000}, 1e-9)
+            .observe(c.ns);
+        std::string t = nr.render();
+        EXPECT_NE(t.find(std::string("\nt_ns_seconds_sum ") + c.text + "\n"), std::string::npos) << t;
+        EXPECT_NE(t.find("{le=\"2.5e-05\"} "), std::string::npos) << t;
+        std::string in_bound = c.ns <= 300000000 ? "1" : "0"; // a value on a bound belongs to its bucket
+        EXPECT_NE(t.find("{le=\"0.3\"} " + in_bound + "\n"), std::string::npos) << t;
+    }
 }
 
 TEST(ExpositionWriterDeathTest, DefectsOfTheProgramsOwnDefinitionsAbort)
