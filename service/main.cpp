@@ -4,10 +4,12 @@
  * Listens until SIGINT or SIGTERM, then closes every connection and exits
  * 0; SIGHUP reads the access rules (--acl) again. Prints "hspaced
  * listening on tcp://HOST:PORT" on stdout once it listens (so a script can
- * learn the port chosen for --port 0) and one line per connection event on
- * stderr. Exit status: 0 stopped by a signal, 1 cannot listen or use the
- * store, 2 usage error (a bad rule file, or an address other than loopback
- * that would be served open: see check_exposure).
+ * learn the port chosen for --port 0) and logs one line per event on stderr
+ * (log.h), down to --log-level, as text or JSON. With --http, serves its
+ * metrics, health and readiness over HTTP. Exit status: 0 stopped by a
+ * signal, 1 cannot listen or use the store, 2 usage error (a bad rule file,
+ * or an address other than loopback that would be served open: see
+ * check_exposure).
  *
  * Options are parsed with CLI11; --help and --version print on stdout and
  * exit 0 (help2man builds the manual page from them).
@@ -27,6 +29,7 @@
 #include <asio.hpp>
 
 #include "acl.h"
+#include "http.h"
 #include "server.h"
 
 #ifndef HSPACE_VERSION
@@ -86,10 +89,27 @@ const char kFooter[] =
     "\n"
     "Output:\n"
     "  Prints \"hspaced listening on tcp://HOST:PORT\" on standard output when ready\n"
-    "  (with --listen 0.0.0.0: tcp://127.0.0.1:PORT, then the other addresses), one\n"
-    "  line per connection event on standard error (unless --quiet; lines about\n"
-    "  refused and dropped connections are rate-limited), and stops cleanly on SIGINT\n"
-    "  or SIGTERM. SIGHUP reloads the access rules (without --acl, it is only logged).\n"
+    "  (with --listen 0.0.0.0: tcp://127.0.0.1:PORT, then the other addresses), and\n"
+    "  stops cleanly on SIGINT or SIGTERM. SIGHUP reloads the access rules (without\n"
+    "  --acl, it is only logged).\n"
+    "\n"
+    "Log:\n"
+    "  One line per event on standard error, with its time, level and name and its\n"
+    "  fields: key=value text (--log-format text) or one JSON object (json):\n"
+    "    ts=2025-03-01T10:00:00.123Z level=info event=conn_accepted conn=7 peer=127.0.0.1:50412\n"
+    "  error: the store out of reach, a failed accept; warn: refusals, the store's\n"
+    "  failures to serve a request; info (default): start, connections, stop with a\n"
+    "  summary; debug: every request with its key, status and duration. Keys are\n"
+    "  escaped; values never appear. --quiet is --log-level error. Lines about\n"
+    "  refused and dropped connections and denied requests are rate-limited.\n"
+    "\n"
+    "HTTP (--http HOST:PORT):\n"
+    "  GET /metrics  the service's metrics, in the Prometheus text format\n"
+    "  GET /health   200 \"ok\" while it serves and its store can be reached, else 503\n"
+    "                with the reason\n"
+    "  GET /ready    200 once it listens and its store was reached, 503 while starting\n"
+    "                or stopping\n"
+    "  A --http address that cannot be bound exits 1.\n"
     "\n"
     "Exit status:\n"
     "  0 stopped by SIGINT or SIGTERM, 1 cannot listen or use the store, 2 usage error:\n"
@@ -157,8 +177,8 @@ std::string check_seconds(const std::string &text)
 }
 
 // Raises the soft limit on open descriptors toward the hard one, enough for
-// max_connections and some to spare; says so when it stays under that.
-void raise_descriptor_limit(size_t max_connections, bool log)
+// max_connections and some to spare; logs a warning when it stays under that.
+void raise_descriptor_limit(size_t max_connections, const hspace::service::Logger &logger)
 {
     const rlim_t want = static_cast<rlim_t>(max_connections) + 64;
     struct rlimit limit;
@@ -166,11 +186,11 @@ void raise_descriptor_limit(size_t max_connections, bool log)
     rlim_t before = limit.rlim_cur;
     limit.rlim_cur = limit.rlim_max == RLIM_INFINITY ? want : std::min(want, limit.rlim_max);
     if (limit.rlim_cur > before && setrlimit(RLIMIT_NOFILE, &limit) != 0) limit.rlim_cur = before;
-    if (limit.rlim_cur < want && log)
-        fprintf(stderr,
-                "hspaced: the limit of %llu open descriptors is under --max-connections %zu plus 64: past it, "
-                "accepting fails and pauses\n",
-                static_cast<unsigned long long>(limit.rlim_cur), max_connections);
+    if (limit.rlim_cur < want)
+        logger.event(hspace::service::LogLevel::warn, "descriptor_limit",
+                     {{"limit", static_cast<unsigned long long>(limit.rlim_cur)},
+                      {"max_connections", max_connections},
+                      {"reason", "under --max-connections plus 64: past it, accepting fails and pauses"}});
 }
 
 // Checks that the service is not served open to a network: an address
@@ -189,14 +209,27 @@ std::string check_exposure(const std::string &address, bool certified, bool acl,
            "key. Give both, listen on 127.0.0.1, or start with --insecure to serve it anyway";
 }
 
+// Checks the --http value: HOST:PORT, an IPv6 host between brackets. Empty
+// text when it is one, else why not.
+std::string check_http(const std::string &address)
+{
+    std::string host;
+    uint16_t port = 0;
+    if (hspace::service::HttpEndpoint::split(address, &host, &port)) return std::string();
+    return "'" + address + "' is not HOST:PORT (a port from 0 to 65535; an IPv6 host between brackets)";
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    using hspace::service::Logger;
+    using hspace::service::LogLevel;
     hspace::service::Options options;
     options.port = hspace::service::kDefaultPort;
     options.log = true;
     bool quiet = false, insecure = false;
+    std::string log_level = "info", log_format = "text";
     std::string port = std::to_string(options.port), max_queue = std::to_string(options.max_queue);
     std::string max_memory = std::to_string(options.max_memory);
     std::string handshake_timeout = "5", max_connections = std::to_string(options.max_connections);
@@ -279,7 +312,18 @@ int main(int argc, char **argv)
         ->option_text("FILE");
     app.add_flag("--insecure", insecure,
                  "serve an address other than loopback without client certificates or access rules");
-    app.add_flag("--quiet", quiet, "no connection log on standard error");
+    app.add_option("--http", options.http,
+                   "serve GET /metrics, /health and /ready over HTTP on this address (off by default)")
+        ->option_text("HOST:PORT")
+        ->check([](const std::string &address) { return check_http(address); });
+    CLI::Option *level_opt =
+        app.add_option("--log-level", log_level, "the least severe events logged: error, warn, info (default), debug")
+            ->option_text("LEVEL")
+            ->check(CLI::IsMember({"error", "warn", "info", "debug"}));
+    app.add_option("--log-format", log_format, "log lines as key=value text (default) or JSON objects")
+        ->option_text("text|json")
+        ->check(CLI::IsMember({"text", "json"}));
+    app.add_flag("--quiet", quiet, "log errors only: the same as --log-level error")->excludes(level_opt);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &) {
@@ -315,7 +359,9 @@ int main(int argc, char **argv)
     double seconds = std::stod(handshake_timeout);
     options.handshake_timeout_ms = seconds == 0 ? 0 : std::max(1u, static_cast<unsigned>(seconds * 1000));
     options.store_timeout_ms = static_cast<unsigned>(std::stoul(store_timeout));
-    options.log = !quiet;
+    hspace::service::parse_log_level(quiet ? "error" : log_level, &options.log_level);
+    hspace::service::parse_log_format(log_format, &options.log_format);
+    const Logger logger(true, options.log_level, options.log_format);
     if (!options.acl_file.empty()) {
         std::string error;
         options.acl = hspace::service::Acl::load(options.acl_file, &error);
@@ -334,8 +380,9 @@ int main(int argc, char **argv)
         asio::ip::tcp::resolver resolver(resolve_io);
         auto results = resolver.resolve(asio::ip::tcp::v4(), options.host, "", ec);
         if (ec || results.empty()) {
-            fprintf(stderr, "hspaced: cannot resolve %s to an IPv4 address%s%s\n", options.host.c_str(),
-                    ec ? ": " : "", ec ? ec.message().c_str() : "");
+            logger.event(LogLevel::error, "start_failed",
+                         {{"reason", "cannot resolve " + options.host + " to an IPv4 address" +
+                                         (ec ? ": " + ec.message() : std::string())}});
             return 1;
         }
         options.host = results.begin()->endpoint().address().to_string();
@@ -352,12 +399,12 @@ int main(int argc, char **argv)
     asio::io_context signals_io;
     asio::signal_set signals(signals_io, SIGINT, SIGTERM, SIGHUP);
     signal(SIGPIPE, SIG_IGN);
-    raise_descriptor_limit(options.max_connections, options.log);
+    raise_descriptor_limit(options.max_connections, logger);
 
     hspace::service::Server server(options);
     std::string error;
     if (!server.start(&error)) {
-        fprintf(stderr, "hspaced: %s\n", error.c_str());
+        logger.event(LogLevel::error, "start_failed", {{"reason", error}});
         return 1;
     }
     // On the wildcard address the URL names the loopback address, which a
@@ -371,7 +418,8 @@ int main(int argc, char **argv)
                     (host[0] != '\0' ? std::string("; from elsewhere tcp://") + host + ":" + port_text : "") + ")";
     }
     if (printf("hspaced listening on %s\n", listening.c_str()) < 0 || fflush(stdout) != 0) {
-        fprintf(stderr, "hspaced: cannot write standard output: %s\n", strerror(errno));
+        logger.event(LogLevel::error, "start_failed",
+                     {{"reason", std::string("cannot write standard output: ") + strerror(errno)}});
         return 1;
     }
 
@@ -391,7 +439,7 @@ int main(int argc, char **argv)
     };
     wait();
     signals_io.run();
-    if (options.log) fprintf(stderr, "hspaced: %s, stopping\n", caught == SIGINT ? "SIGINT" : "SIGTERM");
+    logger.event(LogLevel::info, "stopping", {{"signal", caught == SIGINT ? "SIGINT" : "SIGTERM"}});
     server.stop();
     return 0;
 }

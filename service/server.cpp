@@ -35,6 +35,11 @@
  * reaches a connection once, however many of its subscriptions select it.
  *
  * Bytes on the wire are framed, decoded and encoded by the hspace codec.
+ *
+ * Operators see the service through its log (log.h: one event a line) and,
+ * with Options::http, its metrics, health and readiness (http.h): the I/O
+ * thread counts into atomics (service_metrics.h), the HTTP endpoint's
+ * threads read them and the store's health, and nothing else.
  */
 #include "server.h"
 
@@ -61,8 +66,10 @@
 
 #include "acl.h"
 #include "hspace_codec.h"
+#include "http.h"
 #include "read_buffer.h"
 #include "keyed_hash.h"
+#include "service_metrics.h"
 #include "store/store.h"
 #include "subscription_index.h"
 
@@ -142,16 +149,6 @@ const char *status_text(uint32_t status)
     }
 }
 
-// s with every byte outside printable ASCII replaced by '?', so that a log
-// line stays one line whatever a client sends.
-std::string printable(std::string_view s)
-{
-    std::string out(s);
-    for (char &ch : out)
-        if (static_cast<unsigned char>(ch) < 0x20 || static_cast<unsigned char>(ch) > 0x7E) ch = '?';
-    return out;
-}
-
 Bytes make_bytes(std::string s)
 {
     return std::make_shared<const std::string>(std::move(s));
@@ -194,12 +191,23 @@ struct Held {
     Selection by;                              // who selected it when it happened
 };
 
-// The request whose store call a connection waits for.
+// Nanoseconds on the steady clock, for durations.
+uint64_t now_ns()
+{
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count());
+}
+
+// The request being served, and whose store call a connection waits for.
 struct Op {
     std::optional<uint32_t> corrid;            // answer to this correlation id; none: no answer
     uint8_t opcode = 0;
     bool key_only = false;
     bool image = false;                        // post: send the image
+    uint64_t started = 0;                      // now_ns() when it was decoded
+    uint64_t store_started = 0;                // now_ns() when its store call began
+    std::string key;                           // its key, for the debug log only (empty otherwise)
 };
 
 // The kinds of log line that a stranger can make repeat: each is
@@ -219,13 +227,60 @@ enum class Repeat {
     Count
 };
 
+// The store call a request makes.
+StoreCall store_call_of(uint8_t opcode)
+{
+    switch (opcode) {
+    case codec::kOpPut:
+        return StoreCall::put;
+    case codec::kOpRemove:
+        return StoreCall::remove;
+    case codec::kOpPost:
+        return StoreCall::begin;
+    default:
+        return StoreCall::read;
+    }
+}
+
+// A client's groups for a log field: "a,b".
+std::string join(const std::vector<std::string> &groups)
+{
+    std::string out;
+    for (const std::string &g : groups) out += (out.empty() ? "" : ",") + g;
+    return out;
+}
+
+const char *op_name(uint8_t opcode)
+{
+    switch (opcode) {
+    case codec::kOpPut:
+        return "put";
+    case codec::kOpGet:
+        return "get";
+    case codec::kOpPost:
+        return "post";
+    case codec::kOpCancel:
+        return "cancel";
+    case codec::kOpRemove:
+        return "remove";
+    default:
+        return "other";
+    }
+}
+
 } // namespace
 
 // The listener, the connections and the store. Everything but start(),
 // stop() and the stats runs on the I/O thread.
 class Engine final : public Listener {
 public:
-    explicit Engine(Options options) : options_(std::move(options)), acl_(options_.acl) {}
+    explicit Engine(Options options)
+        : options_(std::move(options)),
+          logger_(options_.log, options_.log_level, options_.log_format, options_.log_sink),
+          metrics_(stats_, [this] { return store_ && store_->healthy(nullptr); }),
+          acl_(options_.acl)
+    {
+    }
 
     bool start(std::string *error);
     void stop();
@@ -234,8 +289,11 @@ public:
     // I/O thread: c asks to be forgotten (it has closed) for why; logged
     // as one of the kind of line repeat when it is one, else as an event.
     void forget(const Connection &c, const std::string &why, std::optional<Repeat> repeat);
-    // I/O thread: one line of a kind a stranger can make repeat, rate-limited.
-    void log_limited(Repeat kind, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+    // I/O thread: whether a line of a kind a stranger can make repeat may be
+    // written now (at most kLogBurst of a kind a window, kDenialBurst for
+    // denials); a line it holds back is counted and summed up when the
+    // window ends. False while warnings are not logged.
+    bool let(Repeat kind);
     // I/O thread: n more bytes held by some connection (read buffers, unsent
     // packets), or n fewer.
     void hold(size_t n);
@@ -252,8 +310,13 @@ public:
     // null, holds the packet's bytes, which p views, and a put may take it
     // for its value (leaving it unspecified).
     void handle(Connection &c, const codec::PacketView &p, std::string *packet = nullptr);
-    // I/O thread: one line on stderr when logging is on.
+    // I/O thread: one line in the printf style, logged at info as the
+    // event "message" (logger_.event() is for events with fields).
     void log(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+    // I/O thread: c's request was answered with status (or would have
+    // been, asking for none): counted, and logged at debug. now: now_ns()
+    // if the caller just read it, else 0.
+    void settle(Connection &c, uint32_t status, uint64_t now = 0);
     // I/O thread: the store call of c's op completed.
     void finish(Connection &c, const StoreStatus &outcome);
     void finish_read(Connection &c, const StoreStatus &outcome, const std::vector<ObjectView> &objects);
@@ -273,6 +336,8 @@ public:
     const size_t request_limit_ = std::min<size_t>(options_.max_queue + codec::kMaxString + kRequestHeaders,
                                                    codec::kMaxPacket);
     Stats stats_;                              // counters, any thread
+    const Logger logger_;                      // any thread
+    ServiceMetrics metrics_;                   // counted on the I/O thread, rendered on the HTTP endpoint's
     uint16_t port_ = 0;                        // listening port; set by start() before the thread
     std::string host_;                         // listening address as text; set by start()
 
@@ -288,7 +353,16 @@ private:
                       const std::vector<ObjectView> &objects);
     void send_held(Connection &c, const Held &e, bool begun_only);
     void drop(Subscription &s);
-    void failed(Connection &c, const char *what, const StoreStatus &outcome);
+    // Returns now_ns() at its completion.
+    uint64_t store_done(Connection &c, const StoreStatus &outcome);
+public:
+    // The HTTP endpoint's port, 0 without one; owning thread, after start().
+    uint16_t http_port() const { return http_ ? http_->port() : 0; }
+
+private:
+    // Any thread: GET /health's and GET /ready's answers.
+    bool health(std::string *why) const;
+    bool ready(std::string *why) const;
     void refollow();
     void deny(Connection &c, const codec::HspaceView &h);
     size_t revoke(Connection &c);
@@ -328,6 +402,11 @@ private:
     bool log_timer_armed_ = false;             // log_timer_ waits
     bool trim_posted_ = false;                 // a trim() is posted
     bool following_ = false;                   // I/O thread: the store's feed is asked for
+    enum Phase { kStarting, kServing, kStopping };
+    std::atomic<int> phase_{kStarting};        // any thread; set by start() and stop()
+    mutable std::atomic<bool> store_seen_{false}; // any thread: the store was once healthy since start
+    uint64_t started_ns_ = 0;                  // owning thread: now_ns() when start() succeeded
+    std::unique_ptr<HttpEndpoint> http_;       // owning thread; serves while the I/O thread runs
     // Declared after io_: destroyed first, while the context its calls
     // complete through still exists.
     std::unique_ptr<Store> store_;             // the objects; created by start()
@@ -400,6 +479,7 @@ public:
     // The connection keeps itself alive until then.
     void suspend()
     {
+        op.store_started = now_ns();
         busy_ = true;
         hold_ = shared_from_this();
     }
@@ -476,6 +556,7 @@ private:
             auto self = shared_from_this();
             socket_.async_read_some(asio::buffer(&large_[have], ask), [self, have, ask](const asio::error_code &ec,
                                                                                         size_t n) {
+                self->engine_.metrics_.received.inc(n);
                 self->large_.resize(have + n);
                 if (!self->closed_) self->engine_.unhold(ask - n);
                 self->on_read(ec, 0);
@@ -496,6 +577,7 @@ private:
     void on_read(const asio::error_code &ec, size_t n)
     {
         reading_ = false;
+        engine_.metrics_.received.inc(n);
         if (closed_) return;
         if (ec) {
             close(ec == asio::error::eof ? std::string("peer closed") : ec.message());
@@ -609,7 +691,10 @@ private:
             buffers.push_back(asio::buffer(*out_[i].bytes));
         in_flight_ = buffers.size();
         auto self = shared_from_this();
-        asio::async_write(socket_, buffers, [self](const asio::error_code &ec, size_t) { self->on_write(ec); });
+        asio::async_write(socket_, buffers, [self](const asio::error_code &ec, size_t n) {
+            self->engine_.metrics_.sent.inc(n);
+            self->on_write(ec);
+        });
     }
 
     void on_write(const asio::error_code &ec)
@@ -680,20 +765,59 @@ private:
 
 void Engine::log(const char *fmt, ...)
 {
-    if (!options_.log) return;
-    char line[512];
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(line, sizeof line, fmt, ap);
+    logger_.message(LogLevel::info, fmt, ap);
     va_end(ap);
-    fprintf(stderr, "hspaced: %s\n", line);
+}
+
+void Engine::settle(Connection &c, uint32_t status, uint64_t now)
+{
+    uint64_t ns = (now != 0 ? now : now_ns()) - c.op.started;
+    metrics_.request(c.op.opcode, status, ns);
+    if (logger_.enabled(LogLevel::debug))
+        logger_.event(LogLevel::debug, "request",
+                      {{"conn", c.id()}, {"op", op_name(c.op.opcode)}, {"key", c.op.key}, {"status", status},
+                       {"us", ns / 1000}});
+}
+
+bool Engine::health(std::string *why) const
+{
+    int phase = phase_.load();
+    if (phase != kServing) {
+        *why = phase == kStarting ? "starting" : "stopping";
+        return false;
+    }
+    std::string trouble;
+    if (store_->healthy(&trouble)) return true;
+    *why = "store unreachable: " + trouble;
+    return false;
+}
+
+// Ready once serving and the store was once healthy (it is checked when
+// asked until then); not while starting or stopping.
+bool Engine::ready(std::string *why) const
+{
+    int phase = phase_.load();
+    if (phase != kServing) {
+        *why = phase == kStarting ? "starting" : "stopping";
+        return false;
+    }
+    if (store_seen_.load()) return true;
+    std::string trouble;
+    if (!store_->healthy(&trouble)) {
+        *why = "store not reached yet: " + trouble;
+        return false;
+    }
+    store_seen_.store(true);
+    return true;
 }
 
 // The first kLogBurst lines of a kind in a window are printed; the rest
 // are counted, and one line sums them up when the window ends.
-void Engine::log_limited(Repeat kind, const char *fmt, ...)
+bool Engine::let(Repeat kind)
 {
-    if (!options_.log) return;
+    if (!logger_.enabled(LogLevel::warn)) return false;
     LogLimit &l = log_limits_[static_cast<size_t>(kind)];
     auto now = std::chrono::steady_clock::now();
     if (now - l.since >= kLogWindow && l.suppressed == 0) {
@@ -710,15 +834,10 @@ void Engine::log_limited(Repeat kind, const char *fmt, ...)
                 if (!ec) flush_log_limits();
             });
         }
-        return;
+        return false;
     }
     l.printed++;
-    char line[512];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(line, sizeof line, fmt, ap);
-    va_end(ap);
-    fprintf(stderr, "hspaced: %s\n", line);
+    return true;
 }
 
 // Sums up the lines suppressed in windows that have ended, and waits for
@@ -747,8 +866,7 @@ void Engine::flush_log_limits()
             next = next ? std::min(*next, l.since + kLogWindow) : l.since + kLogWindow;
             continue;
         }
-        fprintf(stderr, "hspaced: %llu more %s (lines suppressed)\n", static_cast<unsigned long long>(l.suppressed),
-                kWhat[i]);
+        logger_.event(LogLevel::warn, "suppressed", {{"count", l.suppressed}, {"of", kWhat[i]}});
         l = LogLimit{now, 0, 0};
     }
     if (!acceptor_.is_open()) next.reset(); // stopping: no timer may outlive shutdown()
@@ -795,17 +913,45 @@ bool Engine::start(std::string *error)
     }
     host_ = address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
     spare_fd_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (!options_.http.empty()) {
+        http_.reset(new HttpEndpoint(HttpHandlers{[this] { return metrics_.render(); },
+                                                  [this](std::string *why) { return health(why); },
+                                                  [this](std::string *why) { return ready(why); }}));
+        if (!http_->start(options_.http, &why)) {
+            http_.reset();
+            acceptor_.close(ec);
+            return fail(why);
+        }
+    }
+    store_->healthy(nullptr); // a store that links lazily begins now
     accept();
     started_ = true;
+    started_ns_ = now_ns();
     thread_ = std::thread([this] { io_.run(); });
+    phase_ = kServing;
+    logger_.event(LogLevel::info, "started",
+                  {{"listen", host_ + ":" + std::to_string(port_)},
+                   {"store", store_->kind()},
+                   {"http", http_ ? options_.http.substr(0, options_.http.rfind(':') + 1) +
+                                        std::to_string(http_->port())
+                                  : std::string("off")}});
     return true;
 }
 
 void Engine::stop()
 {
     if (!thread_.joinable()) return;
+    phase_ = kStopping;
     asio::post(io_, [this] { shutdown(); });
     thread_.join();
+    if (http_) http_->stop();
+    double uptime = static_cast<double>(now_ns() - started_ns_) / 1e9;
+    logger_.event(LogLevel::info, "stopped",
+                  {LogField::seconds("uptime_s", uptime),
+                   {"connections", stats_.accepted.load()},
+                   {"requests", metrics_.requests()},
+                   {"errors", metrics_.errors()},
+                   {"notifications", metrics_.notifications.value()}});
 }
 
 // I/O thread: closes the listener and every connection and ends the
@@ -838,8 +984,8 @@ void Engine::accept()
             return;
         }
         if (accept_pause_.count() != 0) {
-            log("accepting again after %llu failed accepts; %llu connections refused meanwhile",
-                static_cast<unsigned long long>(accept_failures_), static_cast<unsigned long long>(accept_refusals_));
+            logger_.event(LogLevel::warn, "accept_resumed",
+                          {{"failed_accepts", accept_failures_}, {"refused_meanwhile", accept_refusals_}});
             accept_pause_ = std::chrono::milliseconds(0);
             accept_failures_ = accept_refusals_ = 0;
             if (spare_fd_ < 0) spare_fd_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -864,7 +1010,7 @@ void Engine::accept_failed(const asio::error_code &ec)
         (e == ECONNABORTED || e == EPROTO || e == EPERM || e == EINTR || e == ENETDOWN || e == ENONET ||
          e == ENOPROTOOPT || e == EHOSTUNREACH || e == EOPNOTSUPP || e == ENETUNREACH || e == EHOSTDOWN ||
          e == ETIMEDOUT)) {
-        log_limited(Repeat::AcceptError, "accept failed: %s", ec.message().c_str());
+        if (let(Repeat::AcceptError)) logger_.event(LogLevel::warn, "accept_failed", {{"reason", ec.message()}});
         accept();
         return;
     }
@@ -872,9 +1018,10 @@ void Engine::accept_failed(const asio::error_code &ec)
     if (accept_pause_.count() == 0) {
         stats_.accept_pauses++;
         accept_pause_ = kAcceptPauseFirst;
-        log("accept failed: %s; %zu connections open; accepting pauses, then retries with backoff (logged again "
-            "when it works)",
-            ec.message().c_str(), conns_.size());
+        logger_.event(LogLevel::error, "accept_failed",
+                      {{"reason", ec.message()},
+                       {"open", conns_.size()},
+                       {"then", "accepting pauses, then retries with backoff (logged again when it works)"}});
     } else {
         accept_pause_ = std::min(accept_pause_ * 2, kAcceptPauseMax);
     }
@@ -909,8 +1056,9 @@ void Engine::admit(asio::ip::tcp::socket socket)
     conns_[c->id()] = c;
     stats_.accepted++;
     stats_.open++;
-    log("conn %llu accepted from %s:%u", static_cast<unsigned long long>(c->id()), peer.address().to_string().c_str(),
-        peer.port());
+    if (logger_.enabled(LogLevel::info))
+        logger_.event(LogLevel::info, "conn_accepted",
+                      {{"conn", c->id()}, {"peer", peer.address().to_string() + ":" + std::to_string(peer.port())}});
     if (options_.handshake_timeout_ms > 0) {
         awaiting_.emplace_back(std::chrono::steady_clock::now() +
                                    std::chrono::milliseconds(options_.handshake_timeout_ms),
@@ -930,7 +1078,9 @@ void Engine::refuse(asio::ip::tcp::socket socket, Repeat kind, const char *why)
     stats_.refused++;
     asio::error_code ec;
     asio::ip::tcp::endpoint peer = socket.remote_endpoint(ec);
-    log_limited(kind, "connection from %s:%u refused: %s", peer.address().to_string().c_str(), peer.port(), why);
+    if (let(kind))
+        logger_.event(LogLevel::warn, "conn_refused",
+                      {{"peer", peer.address().to_string() + ":" + std::to_string(peer.port())}, {"reason", why}});
     std::string out;
     codec::encode_reply(out, 0, kStatusConnectionLimit);
     const int fd = socket.native_handle();
@@ -972,11 +1122,14 @@ void Engine::forget(const Connection &c, const std::string &why, std::optional<R
     if (conns_.erase(c.id()) == 0) return;
     stats_.open--;
     if (!repeat) {
-        log("conn %llu closed: %s", static_cast<unsigned long long>(c.id()), why.c_str());
+        logger_.event(LogLevel::info, "conn_closed", {{"conn", c.id()}, {"reason", why}});
         return;
     }
-    log_limited(*repeat, "conn %llu from %s:%u closed: %s", static_cast<unsigned long long>(c.id()),
-                c.remote().address().to_string().c_str(), c.remote().port(), why.c_str());
+    if (let(*repeat) && logger_.enabled(LogLevel::warn))
+        logger_.event(LogLevel::warn, "conn_closed",
+                      {{"conn", c.id()},
+                       {"peer", c.remote().address().to_string() + ":" + std::to_string(c.remote().port())},
+                       {"reason", why}});
 }
 
 void Engine::hold(size_t n)
@@ -1031,8 +1184,8 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
         if (!who) {
             // The handshake has no status: a failed reply stands in for it.
             stats_.identity_refused++;
-            log_limited(Repeat::IdentityRefused, "conn %llu handshake refused: %s",
-                        static_cast<unsigned long long>(c.id()), why.c_str());
+            if (let(Repeat::IdentityRefused))
+                logger_.event(LogLevel::warn, "handshake_refused", {{"conn", c.id()}, {"reason", why}});
             codec::encode_reply(out, 0, kStatusIdentityRefused);
             c.end(std::move(out), "identity refused");
             return;
@@ -1040,7 +1193,12 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
         c.identity = std::move(*who);
         codec::encode_handshake_reply(out, 1, options_.ltp, options_.name);
         c.handshaken = true;
-        log("conn %llu handshake: %s", static_cast<unsigned long long>(c.id()), describe(c.identity).c_str());
+        if (logger_.enabled(LogLevel::info))
+            logger_.event(LogLevel::info, "conn_handshake",
+                          {{"conn", c.id()},
+                           {"client", c.identity.name},
+                           {"group", join(c.identity.groups)},
+                           {"certified", c.identity.certified}});
         c.send(std::move(out));
         return;
     }
@@ -1049,16 +1207,23 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
     // ask for no reply.
     std::optional<uint32_t> corrid;
     if (p.rr) corrid = p.rr->corrid;
+    c.op = Op{};
+    c.op.started = now_ns();
     if (!p.hspace) {
         if (corrid) {
             std::string out;
             codec::encode_reply(out, *corrid, kStatusNotSupported);
             c.send(std::move(out));
         }
+        settle(c, kStatusNotSupported);
         return;
     }
     const codec::HspaceView &h = *p.hspace;
     const bool answer = corrid && h.semantic != codec::kSemNoReply;
+    if (answer) c.op.corrid = corrid;
+    c.op.opcode = h.opcode;
+    if (logger_.enabled(LogLevel::debug)) c.op.key = std::string(h.key);
+    c.op.key_only = (h.flags & codec::kFlagKeyOnly) != 0;
     if (acl_ && !acl_->permits(c.identity.groups, h.opcode, h.key)) {
         deny(c, h);
         if (answer) {
@@ -1066,12 +1231,9 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
             codec::encode_reply(out, *corrid, kStatusPermissionDenied);
             c.send(std::move(out));
         }
+        settle(c, kStatusPermissionDenied);
         return;
     }
-    c.op = Op{};
-    if (answer) c.op.corrid = corrid;
-    c.op.opcode = h.opcode;
-    c.op.key_only = (h.flags & codec::kFlagKeyOnly) != 0;
     Connection *cp = &c;
     std::string out;
 
@@ -1081,11 +1243,14 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
         // answering a get or a post (a notification is smaller).
         size_t largest = codec::object_size(h.key.size(), p.body.size());
         if (largest > options_.max_queue) {
-            log("conn %llu put refused: value of %zu bytes under key \"%s\" would make packets of %zu bytes, over "
-                "--max-queue (%zu bytes)",
-                static_cast<unsigned long long>(c.id()), p.body.size(), printable(h.key).c_str(), largest,
-                options_.max_queue);
+            logger_.event(LogLevel::warn, "put_refused",
+                          {{"conn", c.id()},
+                           {"key", h.key},
+                           {"value_bytes", p.body.size()},
+                           {"packet_bytes", largest},
+                           {"max_queue", options_.max_queue}});
             if (answer) codec::encode_reply(out, *corrid, kStatusTooLarge);
+            settle(c, kStatusTooLarge);
             break;
         }
         c.suspend();
@@ -1108,7 +1273,10 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
         store_->remove(h.key, [cp](const StoreStatus &outcome) { cp->engine().finish(*cp, outcome); });
         break;
     case codec::kOpGet:
-        if (!answer) break;
+        if (!answer) {
+            settle(c, 0);
+            break;
+        }
         c.suspend();
         store_->read(h.key, c.op.key_only,
                      [cp](const StoreStatus &outcome, int64_t, const std::vector<ObjectView> &objects) {
@@ -1119,15 +1287,18 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
         std::unique_ptr<Subscription> sub(new Subscription(&c, h.key, h.triggers, c.op.key_only));
         if (c.subs.count(sub->folded) != 0) {
             if (answer) codec::encode_reply(out, *corrid, kStatusExists);
+            settle(c, kStatusExists);
             break;
         }
         if (c.subs.size() >= options_.max_subscriptions) {
             if (!c.warned_subscriptions)
-                log("conn %llu post refused: it holds %zu subscriptions, the --max-subscriptions limit (logged once "
-                    "per connection)",
-                    static_cast<unsigned long long>(c.id()), c.subs.size());
+                logger_.event(LogLevel::warn, "post_refused",
+                              {{"conn", c.id()},
+                               {"subscriptions", c.subs.size()},
+                               {"reason", "--max-subscriptions (logged once per connection)"}});
             c.warned_subscriptions = true;
             if (answer) codec::encode_reply(out, *corrid, kStatusTooManySubscriptions);
+            settle(c, kStatusTooManySubscriptions);
             break;
         }
         c.op.image = answer && (h.flags & codec::kFlagNoImage) == 0;
@@ -1147,28 +1318,44 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
         bool found = it != c.subs.end();
         if (found) drop(*it->second);
         if (answer) codec::encode_reply(out, *corrid, found ? 0 : kStatusNoMatch);
+        settle(c, found ? 0 : kStatusNoMatch);
         break;
     }
     default:
         if (corrid) codec::encode_reply(out, *corrid, kStatusNotSupported);
+        settle(c, kStatusNotSupported);
         break;
     }
     if (!out.empty()) c.send(std::move(out));
 }
 
-// Logs a store call that failed, with the store's own account of it.
-void Engine::failed(Connection &c, const char *what, const StoreStatus &outcome)
+// c's store call completed: counted, and a failure logged once, here,
+// with the store's own account of it (the store logs none of its calls'
+// failures). The store's being out of reach is an error; its refusal of
+// a request, a warning.
+uint64_t Engine::store_done(Connection &c, const StoreStatus &outcome)
 {
-    if (outcome.code == 0 || outcome.code == kStatusNoMatch) return;
-    log("conn %llu %s failed: %s (%u)%s%.*s", static_cast<unsigned long long>(c.id()), what,
-        status_text(outcome.code), outcome.code, outcome.why.empty() ? "" : ": ",
-        static_cast<int>(std::min<size_t>(outcome.why.size(), 300)), outcome.why.data());
+    StoreCall call = store_call_of(c.op.opcode);
+    uint64_t now = now_ns();
+    metrics_.store_call(call, outcome.code, now - c.op.store_started);
+    if (outcome.code == 0 || outcome.code == kStatusNoMatch) return now;
+    static const char *const kCalls[] = {"put", "remove", "read", "begin"};
+    bool down = outcome.code == kStatusStoreUnavailable || outcome.code == kStatusStoreTimeout;
+    logger_.event(down ? LogLevel::error : LogLevel::warn, "store_failed",
+                  {{"conn", c.id()},
+                   {"call", kCalls[static_cast<size_t>(call)]},
+                   {"status", outcome.code},
+                   {"what", status_text(outcome.code)},
+                   {"reason", outcome.why}});
+    return now;
 }
 
 // Answers a put or a remove with the store's status.
 void Engine::finish(Connection &c, const StoreStatus &outcome)
 {
-    failed(c, c.op.opcode == codec::kOpPut ? "put" : "remove", outcome);
+    uint64_t done = store_done(c, outcome);
+    // Counted before the answer is sent: a client that has it sees it counted.
+    settle(c, outcome.code, done);
     if (!c.closed() && c.op.corrid) {
         std::string out;
         codec::encode_reply(out, *c.op.corrid, outcome.code);
@@ -1179,7 +1366,8 @@ void Engine::finish(Connection &c, const StoreStatus &outcome)
 
 void Engine::finish_read(Connection &c, const StoreStatus &outcome, const std::vector<ObjectView> &objects)
 {
-    failed(c, "get", outcome);
+    store_done(c, outcome);
+    settle(c, outcome.code != 0 ? outcome.code : objects.empty() ? kStatusNoMatch : 0);
     if (!c.closed()) {
         if (outcome.code != 0) {
             std::string out;
@@ -1201,6 +1389,7 @@ void Engine::send_held(Connection &c, const Held &e, bool begun_only)
     bool value = e.value && (e.by.begun_value || (fresh && e.by.fresh_value));
     std::string out;
     codec::encode_notification(out, e.key, e.trigger, value ? std::string_view(*e.value) : std::string_view());
+    metrics_.notifications.inc();
     c.notify(make_bytes(std::move(out)));
 }
 
@@ -1213,6 +1402,7 @@ void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revi
 {
     Subscription *sub = c.starting;
     if (sub == nullptr) { // the connection closed meanwhile
+        metrics_.store_call(StoreCall::begin, outcome.code, now_ns() - c.op.store_started);
         c.resume();
         return;
     }
@@ -1225,7 +1415,7 @@ void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revi
     c.feed_lost.clear();
     StoreStatus result = outcome;
     if (result.code == 0 && !feed_lost.empty()) result = StoreStatus(kStatusStoreUnavailable, std::move(feed_lost));
-    failed(c, "post", result);
+    store_done(c, result);
     if (result.code != 0) {
         drop(*sub);
         for (const Held &e : held)
@@ -1235,6 +1425,7 @@ void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revi
         sub->after = revision;
         size_t i = 0;
         for (; i < held.size() && held[i].revision <= revision && !c.closed(); i++) send_held(c, held[i], true);
+        settle(c, 0);
         if (c.op.corrid && !c.closed()) {
             std::string out;
             codec::encode_reply(out, *c.op.corrid, 0);
@@ -1247,6 +1438,7 @@ void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revi
         c.resume();
         return;
     }
+    settle(c, result.code);
     if (c.op.corrid && !c.closed()) {
         std::string out;
         codec::encode_reply(out, *c.op.corrid, result.code);
@@ -1261,16 +1453,15 @@ void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revi
 void Engine::deny(Connection &c, const codec::HspaceView &h)
 {
     stats_.denied++;
-    unsigned long long id = c.id();
-    if (++c.denials > kLoggedDenials) return;
-    static const char *const kOps[] = {"request", "put", "get", "request", "post", "cancel", "remove"};
-    const char *op = h.opcode < std::size(kOps) ? kOps[h.opcode] : "request";
-    log_limited(Repeat::Denied, "conn %llu denied: %s \"%s\" by %s", id, op, escape_field(h.key).c_str(),
-                describe(c.identity).c_str());
-    if (c.denials == kLoggedDenials)
-        log_limited(Repeat::Denied,
-                    "conn %llu: %u requests denied; further denials on this connection are counted, not logged", id,
-                    kLoggedDenials);
+    if (++c.denials > kLoggedDenials || !let(Repeat::Denied)) return;
+    logger_.event(LogLevel::warn, "denied",
+                  {{"conn", c.id()},
+                   {"op", op_name(h.opcode)},
+                   {"key", h.key},
+                   {"client", c.identity.name},
+                   {"group", join(c.identity.groups)},
+                   {"certified", c.identity.certified},
+                   {"more_logged", kLoggedDenials - c.denials}});
 }
 
 // Ends every begun subscription of c that the rules in force do not permit,
@@ -1358,6 +1549,7 @@ void Engine::drop_all(Connection &c)
 // subscribes.
 void Engine::refollow()
 {
+    metrics_.subscriptions.set(static_cast<int64_t>(index_.size()));
     bool want = index_.size() > 0;
     if (want == following_ || !store_) return;
     following_ = want;
@@ -1455,6 +1647,7 @@ void Engine::on_change(std::string_view key, uint8_t trigger, const std::string_
                 codec::encode_notification(out, key, trigger, send_value ? *value : std::string_view());
             bytes = make_bytes(std::move(out));
         }
+        metrics_.notifications.inc();
         c->notify(bytes);
         if (send_value && share) c->notify(shared);
     }
@@ -1468,7 +1661,7 @@ void Engine::on_change(std::string_view key, uint8_t trigger, const std::string_
 // for the connection's begun subscriptions.
 void Engine::on_feed_ended(const std::string &why)
 {
-    log("store feed ended: %s; ending every subscription", why.c_str());
+    logger_.event(LogLevel::error, "feed_ended", {{"reason", why}, {"subscriptions", index_.size()}});
     following_ = false;
     std::vector<std::shared_ptr<Connection>> all;
     for (auto &entry : conns_) all.push_back(entry.second);
@@ -1488,6 +1681,7 @@ void Engine::on_feed_ended(const std::string &why)
                 continue;
             }
             codec::encode_notification(out, s.key, kTriggerEnded, why);
+            metrics_.notifications.inc();
             index_.remove(s);
             it = c->subs.erase(it);
         }
@@ -1531,6 +1725,11 @@ std::string Server::url() const
 const Stats &Server::stats() const
 {
     return engine_->stats_;
+}
+
+uint16_t Server::http_port() const
+{
+    return engine_->http_port();
 }
 
 } // namespace service

@@ -10,7 +10,8 @@
  *
  * One I/O thread, owned by the server, runs every connection and owns the
  * store; nothing of it is shared with the caller except the counters of
- * stats(). With the memory store nothing is persisted; with the etcd store
+ * stats(), and with the HTTP endpoint (Options::http) the metrics and the
+ * store's health, which are safe to read from its threads. With the memory store nothing is persisted; with the etcd store
  * the service is stateless and any number of instances share the data.
  */
 #ifndef HSPACE_SERVICE_SERVER_H
@@ -23,6 +24,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+
+#include "log.h"
 
 namespace hspace {
 namespace service {
@@ -55,7 +58,14 @@ struct Options {
                                                // status 1107 and closed at once
     size_t max_subscriptions = kDefaultMaxSubscriptions; // subscriptions of one connection; a post over it is
                                                // answered with status 1106
-    bool log = false;                          // one line per connection event on stderr
+    bool log = false;                          // log events (log.h) at log_level and above; false: none
+    LogLevel log_level = LogLevel::info;       // the least severe level logged
+    LogFormat log_format = LogFormat::text;    // key=value text or JSON lines
+    LogSink log_sink;                          // where lines go; null: standard error
+    // "HOST:PORT" of the HTTP endpoint serving GET /metrics, /health and
+    // /ready (http.h), on threads of its own; port 0 picks a free one.
+    // Empty: none.
+    std::string http;
     // Where the objects live: "memory" (embedded, the default) or
     // "etcd://HOST:PORT[,HOST:PORT...]" (every member of an etcd cluster,
     // tried in turn).
@@ -135,6 +145,8 @@ public:
     std::string url() const;
     // Counters; valid from construction to destruction.
     const Stats &stats() const;
+    // The HTTP endpoint's port, after a successful start with Options::http.
+    uint16_t http_port() const;
 
 private:
     std::unique_ptr<Engine> engine_;           // the I/O context, listener, connections and store

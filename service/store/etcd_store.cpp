@@ -40,6 +40,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <map>
@@ -291,7 +292,9 @@ public:
     EtcdStore(const Options &options, asio::io_context &io, Listener &listener, std::vector<Member> members,
               std::string password, std::string token)
         : io_(io), listener_(listener), members_(std::move(members)), prefix_(options.store_prefix),
-          prefix_end_(range_end(options.store_prefix)), timeout_(options.store_timeout_ms), log_(options.log),
+          prefix_end_(range_end(options.store_prefix)), timeout_(options.store_timeout_ms),
+          log_(options.log, options.log_level, options.log_format, options.log_sink),
+          links_(new std::atomic<int>[members_.size()]()),
           user_(options.store_user), password_(std::move(password)), token_(std::move(token)), retry_timer_(io),
           sweep_timer_(io)
     {
@@ -398,6 +401,33 @@ public:
     }
 
     const char *kind() const override { return "etcd"; }
+
+    // Healthy while some member's link is up. A channel's state says so
+    // when it is settled: ready (up), or failing or shut down (down); while
+    // it is idle or connecting, what was last known of it stands (from an
+    // earlier look or a call's outcome). An idle channel is asked to link,
+    // so that the next look knows.
+    bool healthy(std::string *why) const override
+    {
+        bool up = false;
+        std::string states;
+        for (size_t i = 0; i < members_.size(); i++) {
+            grpc_connectivity_state state = members_[i].channel->GetState(true);
+            int link = links_[i].load(std::memory_order_relaxed);
+            if (state == GRPC_CHANNEL_READY)
+                link = kLinkUp;
+            else if (state == GRPC_CHANNEL_TRANSIENT_FAILURE || state == GRPC_CHANNEL_SHUTDOWN)
+                link = kLinkDown;
+            links_[i].store(link, std::memory_order_relaxed);
+            up = up || link == kLinkUp;
+            if (why == nullptr) continue;
+            static const char *const kStates[] = {"idle", "connecting", "linked", "failing", "shut down"};
+            states += (i > 0 ? ", " : "") + members_[i].name + " " +
+                      (state >= GRPC_CHANNEL_IDLE && state <= GRPC_CHANNEL_SHUTDOWN ? kStates[state] : "unknown");
+        }
+        if (!up && why != nullptr) *why = "no etcd member linked (" + states + ")";
+        return up;
+    }
 
     // I/O thread: one response of the Watch with this id.
     void on_watch_response(uint64_t id, const pb::WatchResponse &r);
@@ -529,6 +559,7 @@ private:
     void finish_attempt(const std::shared_ptr<Call<Request, Response>> &call, const grpc::Status &s)
     {
         if (s.ok()) {
+            links_[call->member].store(kLinkUp, std::memory_order_relaxed);
             if (want_ && feed_ == nullptr && !closed_) reopen_feed_now();
             return finish(call, StoreStatus(0));
         }
@@ -546,6 +577,8 @@ private:
         // a link that went meanwhile (a request gRPC holds for the next
         // link) is etcd out of reach.
         call->linked = members_[call->member].channel->GetState(false) == GRPC_CHANNEL_READY;
+        if (s.error_code() == grpc::StatusCode::UNAVAILABLE && !call->linked)
+            links_[call->member].store(kLinkDown, std::memory_order_relaxed);
         if (again) {
             member_failed(call->member);
             if (s.error_code() == grpc::StatusCode::UNAVAILABLE)
@@ -572,10 +605,10 @@ private:
         done(status);
     }
 
+    // A call failed: the service logs it, with s.why, and counts it.
     template <class F>
-    void failed(const char *what, const StoreStatus &s, F complete)
+    void failed(const char *, const StoreStatus &, F complete)
     {
-        if (log_ && !closed_) fprintf(stderr, "hspaced: etcd %s failed, status %u: %s\n", what, s.code, s.why.c_str());
         complete();
     }
 
@@ -596,12 +629,12 @@ private:
             },
             [this, call](const StoreStatus &s) {
                 if (s.code == 0) token_ = call->resp.token();
-                if (log_ && !closed_) {
+                if (!closed_) {
                     if (s.code == 0)
-                        fprintf(stderr, "hspaced: etcd token of user %s renewed\n", user_.c_str());
+                        log_.event(LogLevel::info, "etcd_token_renewed", {{"user", user_}});
                     else
-                        fprintf(stderr, "hspaced: etcd login of user %s failed, status %u: %s\n", user_.c_str(), s.code,
-                                s.why.c_str());
+                        log_.event(LogLevel::error, "etcd_login_failed",
+                                   {{"user", user_}, {"status", s.code}, {"reason", s.why}});
                 }
                 std::vector<std::function<void(const StoreStatus &)>> waiting(std::move(renewing_));
                 renewing_.clear();
@@ -681,9 +714,8 @@ private:
             it = waiting_.erase(it);
         }
         if (!late.empty() && live_ && feed_ != nullptr) {
-            if (log_)
-                fprintf(stderr, "hspaced: etcd watch delivered nothing after revision %lld for %lld ms; reopening it\n",
-                        static_cast<long long>(delivered_), static_cast<long long>(timeout_.count()));
+            log_.event(LogLevel::warn, "etcd_watch_stalled",
+                       {{"after_revision", delivered_}, {"silent_ms", timeout_.count()}, {"action", "reopening"}});
             member_failed(feed_->member);
             feed_cause_ = "no answer for " + std::to_string(timeout_.count()) + " ms";
             feed_->cancel(); // on_watch_end reopens it
@@ -727,8 +759,7 @@ private:
     // Ends the feed for good and tells the listener.
     void end_feed(const std::string &why)
     {
-        if (log_) fprintf(stderr, "hspaced: etcd feed ended: %s\n", why.c_str());
-        want_ = false;
+        want_ = false; // the listener logs the end
         drop_feed();
         release_parked();
         fail_waiting(StoreStatus(kStatusStoreUnavailable, why));
@@ -742,7 +773,12 @@ private:
     const std::string prefix_;                 // every key is stored under it
     const std::string prefix_end_;             // the end of its range
     const milliseconds timeout_;               // bound of a call and of a subscription's start
-    const bool log_;                           // failures on stderr
+    const Logger log_;                         // the service's log (calls' failures are the service's to log)
+    // What is known of each member's link (by index), for healthy(): set
+    // by healthy() from the channel's state when it is settled (ready or
+    // failing), and by the I/O thread from calls' outcomes.
+    enum LinkState : int { kLinkUnknown, kLinkUp, kLinkDown };
+    const std::unique_ptr<std::atomic<int>[]> links_;
     const std::string user_;                   // etcd user, or empty
     const std::string password_;               // its password (never logged)
     std::string token_;                        // its current token, or empty
@@ -822,9 +858,10 @@ void EtcdStore::on_watch_response(uint64_t id, const pb::WatchResponse &r)
         if (!resuming_) delivered_ = r.header().revision();
         live_ = true;
         feed_pause_ = kFeedRetryFirst;
-        if (broken_ && log_)
-            fprintf(stderr, "hspaced: etcd watch resumed after revision %lld on %s\n",
-                    static_cast<long long>(delivered_), members_[feed_->member].name.c_str());
+        links_[feed_->member].store(kLinkUp, std::memory_order_relaxed);
+        if (broken_)
+            log_.event(LogLevel::info, "etcd_watch_resumed",
+                       {{"after_revision", delivered_}, {"member", members_[feed_->member].name}});
         broken_ = false;
         std::vector<Waiting> waiting(std::move(waiting_));
         waiting_.clear();
@@ -858,9 +895,11 @@ void EtcdStore::on_watch_end(uint64_t id, const grpc::Status &s)
     if (cause.empty()) cause = s.error_message().empty() ? "the watch ended" : s.error_message();
     feed_trouble_ = members_[member].name + ": " + cause;
     member_failed(member);
-    if (!broken_ && log_)
-        fprintf(stderr, "hspaced: etcd watch broke after revision %lld (%s); resuming from there when etcd answers\n",
-                static_cast<long long>(delivered_), feed_trouble_.c_str());
+    if (members_[member].channel->GetState(false) != GRPC_CHANNEL_READY)
+        links_[member].store(kLinkDown, std::memory_order_relaxed);
+    if (!broken_)
+        log_.event(LogLevel::warn, "etcd_watch_broken",
+                   {{"after_revision", delivered_}, {"reason", feed_trouble_}, {"action", "resuming when etcd answers"}});
     broken_ = true;
     bool renew = !user_.empty() && (token_refused(s) || contains(cause, "auth"));
     auto reopen = [this] {
@@ -988,8 +1027,10 @@ std::unique_ptr<Store> make_etcd_store(const Options &options, asio::io_context 
             *error = why;
             return nullptr;
         }
-        if (!link.tls && options.log)
-            fprintf(stderr, "hspaced: warning: the etcd password travels unencrypted (no --store-cacert)\n");
+        if (!link.tls)
+            Logger(options.log, options.log_level, options.log_format, options.log_sink)
+                .event(LogLevel::warn, "etcd_password_unencrypted",
+                       {{"user", options.store_user}, {"advice", "give --store-cacert to speak TLS to etcd"}});
     }
     return std::unique_ptr<Store>(
         new EtcdStore(options, io, listener, std::move(members), std::move(password), std::move(token)));

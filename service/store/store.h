@@ -3,11 +3,12 @@
  * embedded in-memory store (memory_store.cpp) and the etcd store
  * (etcd_store.cpp) behind it. The protocol code talks only to Store.
  *
- * Threads: every call is made on the service's I/O thread, and every
- * completion and every call of the Listener runs on that thread too, either
- * inside the call (the memory store) or later through the I/O context (the
- * etcd store). Views handed to a completion or to the Listener are valid
- * only during that call.
+ * Threads: every call but healthy() is made on the service's I/O thread,
+ * and every completion and every call of the Listener runs on that thread
+ * too, either inside the call (the memory store) or later through the I/O
+ * context (the etcd store). Views handed to a completion or to the
+ * Listener are valid only during that call. healthy() may be called from
+ * any thread.
  *
  * Revisions: each change has a revision, increasing in the order the store
  * applies changes. The Listener sees the changes in that order, each once.
@@ -119,6 +120,16 @@ public:
     virtual void close() = 0;
     // "memory" or "etcd", for logs.
     virtual const char *kind() const = 0;
+    // Whether the store can be reached now, for a health check: true, or
+    // false with the reason in *why (when not null). Any thread, at any
+    // time between the store's making and its destruction, while the I/O
+    // thread works; asks the store nothing, so it is cheap. By default (the
+    // memory store) always true.
+    virtual bool healthy(std::string *why) const
+    {
+        (void)why;
+        return true;
+    }
 };
 
 // The store named by options.store: "memory" (also an empty name) or

@@ -393,7 +393,7 @@ exec {w2_fd}<"$tmp/watch2"
 expect_line "$w2_fd" "image b/0 = "
 hs 3 put b/big -f "$tmp/big"
 expect_err "value is 5000 bytes; the service refused it"
-grep -q 'put refused: value of 5000 bytes under key "b/big"' "$small_log" || fail "no log line for the refusal"
+grep -q 'level=warn event=put_refused conn=[0-9]* key=b/big value_bytes=5000 ' "$small_log" || fail "no log line for the refusal"
 head -c 3000 "$tmp/big" >"$tmp/value3k"
 for i in 1 2 3; do
     hs 0 put "b/$i" -f "$tmp/value3k"
