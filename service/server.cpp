@@ -1076,6 +1076,7 @@ void Engine::admit(asio::ip::tcp::socket socket)
 void Engine::refuse(asio::ip::tcp::socket socket, Repeat kind, const char *why)
 {
     stats_.refused++;
+    metrics_.refused(kind == Repeat::OverCap ? Refusal::connection_limit : Refusal::no_descriptor);
     asio::error_code ec;
     asio::ip::tcp::endpoint peer = socket.remote_endpoint(ec);
     if (let(kind))
@@ -1184,6 +1185,7 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
         if (!who) {
             // The handshake has no status: a failed reply stands in for it.
             stats_.identity_refused++;
+            metrics_.refused(Refusal::identity);
             if (let(Repeat::IdentityRefused))
                 logger_.event(LogLevel::warn, "handshake_refused", {{"conn", c.id()}, {"reason", why}});
             codec::encode_reply(out, 0, kStatusIdentityRefused);

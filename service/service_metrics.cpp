@@ -72,13 +72,28 @@ ServiceMetrics::ServiceMetrics(const Stats &stats, std::function<bool()> store_u
     for (size_t i = 0; i < static_cast<size_t>(Refusal::count); i++) refused_[i] = &refused.counter({kRefusalNames[i]});
     metrics::Family &dropped = registry_.family(
         "hspaced_connections_dropped_total",
-        "Client connections the service closed, by reason: invalid (an invalid packet or handshake), slow (its "
-        "unsent notifications over --max-queue).",
+        "Client connections the service closed, by reason: invalid (an invalid packet or handshake, or a length "
+        "no packet may have), slow (its unsent notifications over --max-queue), memory (the heaviest while over "
+        "--max-memory), handshake_timeout (no handshake within --handshake-timeout).",
         Type::counter, {"reason"});
     dropped.reading({"invalid"},
                     [&stats] { return static_cast<double>(stats.dropped_invalid.load(std::memory_order_relaxed)); });
     dropped.reading({"slow"},
                     [&stats] { return static_cast<double>(stats.dropped_slow.load(std::memory_order_relaxed)); });
+    dropped.reading({"memory"},
+                    [&stats] { return static_cast<double>(stats.dropped_memory.load(std::memory_order_relaxed)); });
+    dropped.reading({"handshake_timeout"}, [&stats] {
+        return static_cast<double>(stats.dropped_handshake.load(std::memory_order_relaxed));
+    });
+    registry_
+        .family("hspaced_connection_memory_bytes",
+                "Bytes held for all connections now (read buffers, unsent packets), bounded by --max-memory.",
+                Type::gauge)
+        .reading({}, [&stats] { return static_cast<double>(stats.memory.load(std::memory_order_relaxed)); });
+    registry_
+        .family("hspaced_accept_pauses_total",
+                "Times accepting failed and paused with backoff (out of file descriptors, for one).", Type::counter)
+        .reading({}, [&stats] { return static_cast<double>(stats.accept_pauses.load(std::memory_order_relaxed)); });
 
     // Requests: a series per operation and status; those of a failure
     // status appear once counted.

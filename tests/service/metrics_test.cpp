@@ -12,6 +12,7 @@
 #include <memory>
 #include <thread>
 
+#include "acl.h"
 #include "etcd_cluster.h"
 #include "metrics.h"
 #include "operate_support.h"
@@ -296,6 +297,45 @@ TEST(Metrics, CountersMoveWithRequestsByOperationAndStatus)
     // Durations are sums of positive times.
     EXPECT_GT(after.value("hspaced_request_duration_seconds_sum", {{"op", "put"}}), 0);
     EXPECT_GT(after.value("hspaced_start_time_seconds"), 1.5e9);
+}
+
+// What the limits and the access rules turned away is counted: a denied
+// request under its status, a connection over --max-connections refused, one
+// without a handshake dropped at its deadline; the memory held for the
+// connections is a gauge.
+TEST(Metrics, LimitsAndDenialsAreCounted)
+{
+    Watchdog watchdog;
+    Options options;
+    options.max_connections = 2;
+    options.handshake_timeout_ms = 100;
+    std::string error;
+    options.acl = hspace::service::Acl::parse("tests r a/*\n", &error);
+    ASSERT_TRUE(options.acl) << error;
+    std::unique_ptr<Server> server = serve(options);
+    const uint16_t port = server->http_port();
+    Wire a(server->port());
+    a.request(codec::kOpPut, "a/1", 1, "secret");
+    EXPECT_EQ(a.status(), 1104u);
+    a.request(codec::kOpGet, "a/1", 2);
+    EXPECT_EQ(a.status(), 2u);
+    Wire silent(server->port(), false);
+    Wire over(server->port(), false);
+    std::string hello;
+    codec::encode_handshake_request(hello, "data", "over", "tests");
+    over.send(hello);
+    EXPECT_EQ(over.status(), 1107u);
+    EXPECT_TRUE(over.wait_closed());
+    EXPECT_TRUE(silent.wait_closed());
+    Exposition e = scrape(port);
+    EXPECT_EQ(e.value("hspaced_requests_total", {{"op", "put"}, {"status", "1104"}}), 1);
+    EXPECT_EQ(e.value("hspaced_requests_total", {{"op", "get"}, {"status", "2"}}), 1);
+    EXPECT_EQ(e.value("hspaced_connections_refused_total", {{"reason", "connection_limit"}}), 1);
+    EXPECT_EQ(e.value("hspaced_connections_refused_total", {{"reason", "identity"}}), 0);
+    EXPECT_EQ(e.value("hspaced_connections_dropped_total", {{"reason", "handshake_timeout"}}), 1);
+    EXPECT_EQ(e.value("hspaced_connections_dropped_total", {{"reason", "memory"}}), 0);
+    EXPECT_GT(e.value("hspaced_connection_memory_bytes"), 0);
+    EXPECT_EQ(e.value("hspaced_accept_pauses_total"), 0);
 }
 
 TEST(Metrics, StoreFailuresAreCountedByCallAndStatusAndLoggedOnce)
