@@ -15,6 +15,7 @@
  */
 #include <arpa/inet.h>
 #include <ctype.h>
+#include <stdio.h>
 #include <string.h>
 #include <strings.h>
 
@@ -66,7 +67,7 @@ extern "C" KRO_API t_kro_error qel_hspace_error_get_text(t_kro_error error, cons
     case KRO_ERR_NOT_SUPPORTED: *text = "not supported"; break;
     case KRO_ERR_CLOSED: *text = "the handle was closed"; break;
     case KRO_ERR_EXISTS: *text = "a subscription for the key already exists"; break;
-    case KRO_ERR_BAD_PROTOCOL: *text = "the service URL's scheme is not tcp"; break;
+    case KRO_ERR_BAD_PROTOCOL: *text = "the service URL's scheme is neither tcp nor tls"; break;
     case KRO_ERR_BAD_ADDRESS: *text = "the service URL is malformed"; break;
     case KRO_ERR_WOULD_DEADLOCK: *text = "blocking call from the handle's event callback"; break;
     case KRO_ERR_CONN_REFUSED: *text = "connection refused"; break;
@@ -610,9 +611,10 @@ static t_kro_error qel_hspace_read_packet(t_qel_hspace hspace, t_qel_hspace_pack
 }
 
 /* ======================================================================
- * Service address: "tcp://host:port" parsed into the runtime's client
- * socket description, and the unconnected socket made from it. Runs on the
- * thread calling create or open; touches no shared state.
+ * Service address: "tcp://host:port" or "tls://host:port" parsed into the
+ * runtime's client socket description, and the unconnected socket made
+ * from it. Runs on the thread calling create or open; touches no shared
+ * state.
  * ====================================================================== */
 
 static void qel_hspace_socket_create_data_destroy(t_kro_socket_client_create_data *socket_create_data)
@@ -659,7 +661,7 @@ static t_kro_error qel_hspace_socket_create_data_create(t_kro_str url,
         } else {
             *p = '\0';
             port = p + 1;
-            if (strcasecmp(scheme, "tcp") != 0) result = KRO_ERR_BAD_PROTOCOL;
+            if (strcasecmp(scheme, "tcp") != 0 && strcasecmp(scheme, "tls") != 0) result = KRO_ERR_BAD_PROTOCOL;
         }
     }
     if (result == 0) {
@@ -672,6 +674,13 @@ static t_kro_error qel_hspace_socket_create_data_create(t_kro_str url,
     KRO_CHECK(kro_mm_free(&copy) == 0);
     if (result != 0) qel_hspace_socket_create_data_destroy(socket_create_data);
     return result;
+}
+
+/* True for a URL of the tls scheme (any letter case); create has accepted
+ * the URL. */
+static bool qel_hspace_url_is_tls(t_kro_str url)
+{
+    return strncasecmp(url, "tls://", 6) == 0;
 }
 
 static t_kro_error qel_hspace_socket_create(t_kro_str url, t_kro_socket *socket)
@@ -1309,6 +1318,7 @@ extern "C" KRO_API t_kro_error qel_hspace_create(t_qel_hspace_create_data create
     kro_str_assign(&h->client_name, create_data->client_name != NULL ? create_data->client_name : "anonymous");
     kro_str_assign(&h->client_group, create_data->client_group != NULL ? create_data->client_group : "default");
     h->event_handler = event_handler;
+    h->tls_url = qel_hspace_url_is_tls(h->service_url);
     error = qel_hspace_socket_create(h->service_url, &h->socket);
     if (error != 0) {
         qel_hspace_destroy_final(hspace);
@@ -1328,6 +1338,61 @@ extern "C" KRO_API t_kro_error qel_hspace_get_state(t_qel_hspace hspace, t_qel_h
     if (hspace == NULL || state == NULL) return KRO_ERR_INVALID_ARG;
     *state = hspace->state.load();
     return 0;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_set_tls(t_qel_hspace hspace, const qel_hspace_tls_options *options)
+{
+    t_kro_tls_config_struct config = {NULL, NULL, NULL};
+    t_kro_tls tls = NULL;
+    t_kro_error error;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || !hspace->tls_url) return KRO_ERR_INVALID_ARG;
+    if (options != NULL && options->version != QEL_HSPACE_TLS_OPTIONS_VERSION) return KRO_ERR_VERSION;
+    if (hspace->state.load() != HSPACE_STATE_INIT) return KRO_ERR_INVALID_STATE;
+    if (options != NULL) {
+        config.ca_file = options->ca_file;
+        config.cert_file = options->cert_file;
+        config.key_file = options->key_file;
+    }
+    error = kro_tls_create(&config, &tls, hspace->detail, sizeof hspace->detail);
+    if (error != 0) return error;
+    if (hspace->tls != NULL) KRO_CHECK(kro_tls_destroy(&hspace->tls) == 0);
+    hspace->tls = tls;
+    if (hspace->tls_server_name != NULL) KRO_CHECK(kro_mm_free(&hspace->tls_server_name) == 0);
+    if (options != NULL && options->server_name != NULL) kro_str_assign(&hspace->tls_server_name, options->server_name);
+    return 0;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_error_get_detail(t_qel_hspace hspace, const t_kro_char **text)
+{
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || text == NULL) return KRO_ERR_INVALID_ARG;
+    *text = hspace->detail;
+    return 0;
+}
+
+/* Records why an open failed with error, before its socket goes: the
+ * socket's own reason when it has one, else what the library saw. */
+static void qel_hspace_open_detail(t_qel_hspace hspace, t_kro_error error, t_kro_uint4 timeout_ms)
+{
+    /* The bytes received: the packet reader leaves them at [pos, lim) when
+     * it finds them invalid, and at [0, pos) when a read fails. */
+    t_kro_buf rb = hspace->readbuf;
+    bool scanned = error == KRO_ERR_INVALID_PACKET;
+    const t_kro_byte *seen = rb == NULL ? NULL : (const t_kro_byte *)rb->ptr + (scanned ? rb->pos : 0);
+    t_kro_uint4 n = rb == NULL ? 0 : scanned ? rb->lim - rb->pos : rb->pos;
+    KRO_CHECK(kro_socket_error_detail(hspace->socket, hspace->detail, sizeof hspace->detail) == 0);
+    if (hspace->detail[0] != '\0') return;
+    /* A TLS record (an alert, a handshake) starts 0x15 or 0x16, then 0x03. */
+    if (!hspace->tls_url && (error == KRO_ERR_PEER_CLOSED || error == KRO_ERR_INVALID_PACKET) && n >= 2 &&
+        (seen[0] == 0x15 || seen[0] == 0x16) && seen[1] == 0x03)
+        snprintf(hspace->detail, sizeof hspace->detail, "the service answered in TLS: use a tls:// URL");
+    else if (error == KRO_ERR_TIMEOUT)
+        snprintf(hspace->detail, sizeof hspace->detail, "no handshake reply within %u ms", (unsigned)timeout_ms);
+    else if (error == KRO_ERR_PEER_CLOSED)
+        snprintf(hspace->detail, sizeof hspace->detail, "the service closed the connection before its handshake reply");
+    else if (error == KRO_ERR_INVALID_PACKET)
+        snprintf(hspace->detail, sizeof hspace->detail, "the service's answer is no handshake reply");
 }
 
 /* Sends the handshake request over the connected socket and decodes the
@@ -1359,13 +1424,22 @@ t_kro_error qel_hspace_open_timed(t_qel_hspace hspace, t_kro_uint4 timeout_ms)
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL) return KRO_ERR_INVALID_ARG;
     if (hspace->state.load() != HSPACE_STATE_INIT) return KRO_ERR_INVALID_STATE;
-    /* One deadline for connecting, the handshake request and its reply;
-     * lifted before the reader thread starts. */
+    hspace->detail[0] = '\0';
+    if (hspace->tls_url && hspace->tls == NULL) {
+        /* The defaults: the system's CA store, no client certificate. */
+        t_kro_tls_config_struct defaults = {NULL, NULL, NULL};
+        error = kro_tls_create(&defaults, &hspace->tls, hspace->detail, sizeof hspace->detail);
+        if (error != 0) return error;
+    }
+    if (hspace->tls_url) KRO_CHECK(kro_socket_set_tls(hspace->socket, hspace->tls, hspace->tls_server_name) == 0);
+    /* One deadline for connecting (with the TLS handshake), the handshake
+     * request and its reply; lifted before the reader thread starts. */
     KRO_CHECK(kro_socket_set_deadline(hspace->socket, timeout_ms) == 0);
     error = kro_socket_connect(hspace->socket);
     if (error == 0) error = qel_hspace_handshake(hspace, &version, &ltp, &name);
     if (error == 0) KRO_CHECK(kro_socket_set_deadline(hspace->socket, 0) == 0);
     if (error != 0) {
+        qel_hspace_open_detail(hspace, error, timeout_ms);
         /* A retried open starts on a fresh socket and a clean stream. */
         KRO_CHECK(kro_socket_destroy(&hspace->socket) == 0);
         KRO_CHECK(qel_hspace_socket_create(hspace->service_url, &hspace->socket) == 0);
@@ -1477,6 +1551,8 @@ static void qel_hspace_destroy_final(t_qel_hspace *hspace)
     if (h->service_name != NULL) KRO_CHECK(kro_mm_free(&h->service_name) == 0);
     if (h->client_name != NULL) KRO_CHECK(kro_mm_free(&h->client_name) == 0);
     if (h->client_group != NULL) KRO_CHECK(kro_mm_free(&h->client_group) == 0);
+    if (h->tls != NULL) KRO_CHECK(kro_tls_destroy(&h->tls) == 0);
+    if (h->tls_server_name != NULL) KRO_CHECK(kro_mm_free(&h->tls_server_name) == 0);
     h->state.~atomic();
     h->closing.~atomic();
     h->closers.~atomic();

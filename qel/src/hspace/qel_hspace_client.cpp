@@ -21,6 +21,7 @@
 #include "qel_hspace.hpp"
 
 #include <string.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <condition_variable>
@@ -218,6 +219,7 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     std::deque<Task> tasks;                // mu: for the worker
     std::thread worker;                    // started by the first open
     std::thread::id worker_id;             // set before the worker starts
+    std::string open_detail;               // mu: why the last failed connect failed, in detail
 
     // ---- links ----
 
@@ -332,7 +334,19 @@ std::error_code Client::Impl::connect(Link *&out)
     t_kro_error e = qel_hspace_create(&cd, c_event, &h);
     if (e != 0) return make_error_code(e);
     registry_add(h, shared_from_this());
-    e = qel_hspace_open_timed(h, static_cast<t_kro_uint4>(options.open_timeout.count()));
+    const Tls &t = options.tls;
+    auto str = [](const std::string &v) { return v.empty() ? nullptr : v.c_str(); };
+    qel_hspace_tls_options tls = {QEL_HSPACE_TLS_OPTIONS_VERSION, str(t.ca_file), str(t.cert_file), str(t.key_file),
+                                  str(t.server_name)};
+    bool wants_tls = url.size() > 6 && strncasecmp(url.c_str(), "tls://", 6) == 0;
+    if (wants_tls || tls.ca_file || tls.cert_file || tls.key_file || tls.server_name) e = qel_hspace_set_tls(h, &tls);
+    if (e == 0) e = qel_hspace_open_timed(h, static_cast<t_kro_uint4>(options.open_timeout.count()));
+    if (e != 0) {
+        const t_kro_char *detail = "";
+        qel_hspace_error_get_detail(h, &detail);
+        std::lock_guard<std::mutex> lock(mu);
+        open_detail = detail;
+    }
     if (e != 0) {
         registry_remove(h);
         qel_hspace_destroy(&h);
@@ -688,7 +702,13 @@ void Client::open()
 {
     std::error_code ec;
     open(ec);
-    throw_if(ec, "qel::hspace::Client::open");
+    if (!ec) return;
+    std::string what = "qel::hspace::Client::open";
+    if (impl_ != nullptr) {
+        std::lock_guard<std::mutex> lock(impl_->mu);
+        if (!impl_->open_detail.empty()) what += ": " + impl_->open_detail;
+    }
+    throw std::system_error(ec, what);
 }
 
 void Client::open(std::error_code &ec) noexcept

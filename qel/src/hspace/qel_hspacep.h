@@ -162,6 +162,11 @@ struct qel_hspace_struct {
     std::atomic<t_kro_bool> closing; /* an application thread's close has cut the socket */
     std::atomic<int> closers;  /* application threads inside close */
     std::atomic<t_qel_hspace_state> state; /* written under mutex (or before the reader starts), read anywhere */
+    /* TLS and failure texts: the thread calling create, set_tls and open. */
+    t_kro_bool tls_url;        /* the URL's scheme is tls */
+    t_kro_tls tls;             /* TLS configuration; null until set_tls (or open) makes it */
+    t_kro_str tls_server_name; /* our copy of the options' server name; null: the URL's host */
+    t_kro_char detail[256];    /* why the last open or set_tls failed; "" after a success */
 };
 
 /* A library-made object (user_created 0) holding copies of key_len bytes
