@@ -2,10 +2,11 @@
  * main.cpp - hspaced, the reference hspace service as a program.
  *
  * Listens until SIGINT or SIGTERM, then closes every connection and exits
- * 0. Prints "hspaced listening on tcp://HOST:PORT" on stdout once it
- * listens (so a script can learn the port chosen for --port 0) and one
- * line per connection event on stderr. Exit status: 0 stopped by a signal,
- * 1 cannot listen or use the store, 2 usage error.
+ * 0. Prints "hspaced listening on tcp://HOST:PORT" (tls:// with TLS) on
+ * stdout once it listens (so a script can learn the port chosen for --port
+ * 0) and one line per connection event on stderr. Exit status: 0 stopped
+ * by a signal, 1 cannot listen or use the store or the TLS files, 2 usage
+ * error.
  *
  * Options are parsed with CLI11; --help and --version print on stdout and
  * exit 0 (help2man builds the manual page from them).
@@ -31,7 +32,8 @@ namespace {
 
 const char kDescription[] =
     "hspaced - the reference hspace service: a keyed object store for development, tests and demos, in its "
-    "own memory (nothing persisted) or in an etcd cluster. There is no authentication.";
+    "own memory (nothing persisted) or in an etcd cluster, over TCP or TLS. Without --tls-client-ca there is no "
+    "authentication.";
 
 const char kFooter[] =
     "Limits:\n"
@@ -46,13 +48,20 @@ const char kFooter[] =
     "  With --store etcd://, etcd's own limit on a request (--max-request-bytes,\n"
     "  1.5 MiB by default) also bounds values: a put over it is answered with 12.\n"
     "\n"
+    "TLS:\n"
+    "  With --tls-cert and --tls-key the port speaks TLS 1.2 or newer only (clients use\n"
+    "  tls://HOST:PORT); a client that does not, a plain TCP one too, is refused at the\n"
+    "  TLS handshake and logged. With --tls-client-ca every client must also present a\n"
+    "  certificate that CA signed; its subject's CN and O values are logged.\n"
+    "\n"
     "Output:\n"
     "  Prints \"hspaced listening on tcp://HOST:PORT\" on standard output when ready, one\n"
     "  line per connection event on standard error (unless --quiet), and stops cleanly\n"
     "  on SIGINT or SIGTERM.\n"
     "\n"
     "Exit status:\n"
-    "  0 stopped by SIGINT or SIGTERM, 1 cannot listen or use the store, 2 usage error.";
+    "  0 stopped by SIGINT or SIGTERM, 1 cannot listen or use the store or the TLS\n"
+    "  files, 2 usage error.";
 
 // Checks the --listen value: a host name or an IPv4 address, which a service
 // URL (tcp://HOST:PORT) can carry. Empty text when it is usable, else why not.
@@ -137,6 +146,20 @@ int main(int argc, char **argv)
         ->check([](const std::string &store) { return check_store(store); });
     app.add_option("--store-prefix", options.store_prefix, "etcd: the prefix of every key stored (default hspace/)")
         ->option_text("P");
+    CLI::Option *cert = app.add_option("--tls-cert", options.tls_cert,
+                                       "serve TLS only, with this PEM certificate (and chain); needs --tls-key")
+                            ->option_text("FILE")
+                            ->check(CLI::ExistingFile);
+    CLI::Option *key = app.add_option("--tls-key", options.tls_key, "the PEM private key of --tls-cert (not encrypted)")
+                           ->option_text("FILE")
+                           ->check(CLI::ExistingFile);
+    app.add_option("--tls-client-ca", options.tls_client_ca,
+                   "require a client certificate signed by a CA of this PEM file; needs --tls-cert")
+        ->option_text("FILE")
+        ->check(CLI::ExistingFile)
+        ->needs(cert);
+    cert->needs(key);
+    key->needs(cert);
     app.add_flag("--quiet", quiet, "no connection log on standard error");
     try {
         app.parse(argc, argv);

@@ -14,7 +14,8 @@
  * its own answers pace it and never disconnect it; only unsent
  * notifications over max_queue do.
  *
- * Bytes on the wire are framed, decoded and encoded by the hspace codec.
+ * Bytes on the wire are framed, decoded and encoded by the hspace codec;
+ * they travel over plain TCP or TLS (transport.h), as the options say.
  */
 #include "server.h"
 
@@ -34,6 +35,7 @@
 
 #include "hspace_codec.h"
 #include "store/store.h"
+#include "transport.h"
 
 namespace hspace {
 namespace service {
@@ -161,8 +163,10 @@ private:
                       const std::vector<ObjectView> &objects);
     void refollow();
     static size_t largest_packet(const std::string &key, size_t value_size);
+    bool start_tls(std::string *why);
 
     asio::io_context io_;                      // runs every handler, on thread_
+    std::unique_ptr<asio::ssl::context> tls_;  // TLS of every connection; null: plain TCP
     asio::ip::tcp::acceptor acceptor_{io_};    // the listener
     std::thread thread_;                       // the I/O thread; joinable from start() to stop()
     bool started_ = false;                     // owning thread: start() succeeded once
@@ -181,16 +185,22 @@ namespace {
 // asynchronous operation holds it. I/O thread only.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
-    Connection(Engine &engine, asio::ip::tcp::socket socket, uint64_t id)
-        : engine_(engine), socket_(std::move(socket)), id_(id)
+    Connection(Engine &engine, Transport socket, uint64_t id) : engine_(engine), socket_(std::move(socket)), id_(id)
     {
     }
 
     uint64_t id() const { return id_; }
     bool closed() const { return closed_; }
+    // Who the client's verified certificate says it is; null without TLS
+    // client certificates.
+    const PeerIdentity *peer() const { return socket_.peer(); }
 
-    // Starts reading.
-    void start() { read(); }
+    // Runs the TLS handshake (if any), then starts reading.
+    void start()
+    {
+        auto self = shared_from_this();
+        socket_.async_handshake([self](const asio::error_code &ec) { self->on_handshake(ec); });
+    }
 
     // Queues an encoded answer to this connection's own request. Answers
     // never close the connection: while more than max_queue bytes are
@@ -209,9 +219,7 @@ public:
     {
         if (closed_) return;
         closed_ = true;
-        asio::error_code ignored;
-        if (abortive) socket_.set_option(asio::socket_base::linger(true, 0), ignored);
-        socket_.close(ignored);
+        socket_.close(abortive);
         size_t n = subs.size();
         subs.clear();
         folded.clear();
@@ -265,6 +273,8 @@ private:
 
     bool backlogged() const { return queued_ > engine_.options_.max_queue; }
 
+    void on_handshake(const asio::error_code &ec);
+
     void read()
     {
         reading_ = true;
@@ -281,7 +291,9 @@ private:
         if (closed_) return;
         in_.resize(have + n);
         if (ec) {
-            close(ec == asio::error::eof ? std::string("peer closed") : ec.message());
+            // A TLS client may end without a close_notify, as a TCP one does.
+            bool eof = ec == asio::error::eof || ec == asio::ssl::error::stream_truncated;
+            close(eof ? std::string("peer closed") : ec.message());
             return;
         }
         pump();
@@ -324,7 +336,7 @@ private:
             buffers.push_back(asio::buffer(*out_[i].bytes));
         in_flight_ = buffers.size();
         auto self = shared_from_this();
-        asio::async_write(socket_, buffers, [self](const asio::error_code &ec, size_t) { self->on_write(ec); });
+        socket_.async_write(buffers, [self](const asio::error_code &ec, size_t) { self->on_write(ec); });
     }
 
     void on_write(const asio::error_code &ec)
@@ -350,7 +362,7 @@ private:
     };
 
     Engine &engine_;                           // the owner of the table this connection is in
-    asio::ip::tcp::socket socket_;             // the client's socket
+    Transport socket_;                         // the client's socket, plain or TLS
     const uint64_t id_;                        // number in logs and in the table
     std::string in_;                           // received bytes not yet framed (plus read space)
     std::deque<Outbound> out_;                 // queued packets; the first in_flight_ are being written
@@ -363,6 +375,29 @@ private:
     bool pumping_ = false;                     // pump() is on the stack
     std::shared_ptr<Connection> hold_;         // this connection, while busy_
 };
+
+// A refused TLS handshake is logged and closes the connection; an accepted
+// one logs the protocol and, with client certificates, who the client is.
+void Connection::on_handshake(const asio::error_code &ec)
+{
+    if (closed_) return;
+    if (ec) {
+        engine_.stats_.tls_refused++;
+        close("TLS handshake failed: " + ec.message());
+        return;
+    }
+    if (socket_.tls()) {
+        socket_.identify();
+        const PeerIdentity *p = socket_.peer();
+        std::string groups;
+        for (const std::string &g : p != nullptr ? p->groups : std::vector<std::string>())
+            groups += (groups.empty() ? "" : ",") + printable(g);
+        engine_.log("conn %llu TLS %s%s%s%s%s", static_cast<unsigned long long>(id_), socket_.describe().c_str(),
+                    p != nullptr ? ", client certificate CN \"" : "", p != nullptr ? printable(p->name).c_str() : "",
+                    p != nullptr ? "\" O " : "", groups.c_str());
+    }
+    read();
+}
 
 } // namespace
 
@@ -385,6 +420,7 @@ bool Engine::start(std::string *error)
     };
     if (started_) return fail("already started");
     std::string why;
+    if (!start_tls(&why)) return fail(why);
     store_ = make_store(options_, io_, *this, &why);
     if (!store_) return fail(why);
     asio::error_code ec;
@@ -411,6 +447,50 @@ bool Engine::start(std::string *error)
     started_ = true;
     thread_ = std::thread([this] { io_.run(); });
     return true;
+}
+
+// Makes the TLS context when the options ask for TLS: TLS 1.2 and newer,
+// the certificate and key, and with a client CA, client certificates
+// required and verified. False with the reason when a file cannot be used.
+bool Engine::start_tls(std::string *why)
+{
+    const Options &o = options_;
+    if (o.tls_cert.empty() && o.tls_key.empty() && o.tls_client_ca.empty()) return true;
+    if (o.tls_cert.empty() || o.tls_key.empty()) {
+        *why = "TLS needs both a certificate and its key";
+        return false;
+    }
+    auto ctx = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_server);
+    SSL_CTX *native = ctx->native_handle();
+    SSL_CTX_set_min_proto_version(native, TLS1_2_VERSION);
+    SSL_CTX_set_options(native, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION | SSL_OP_CIPHER_SERVER_PREFERENCE);
+    SSL_CTX_set_num_tickets(native, 0); // no resumption: nothing to send after the handshake
+    SSL_CTX_set_default_passwd_cb(native, [](char *, int, int, void *) { return 0; }); // never prompt
+    auto use = [&](const char *what, const std::string &file, auto &&load) {
+        asio::error_code ec;
+        load(file, ec);
+        if (ec) *why = std::string("cannot use the TLS ") + what + " " + file + ": " + ec.message();
+        return !ec;
+    };
+    bool ok = use("certificate", o.tls_cert,
+                  [&](const std::string &f, asio::error_code &ec) { ctx->use_certificate_chain_file(f, ec); }) &&
+              use("key", o.tls_key, [&](const std::string &f, asio::error_code &ec) {
+                  ctx->use_private_key_file(f, asio::ssl::context::pem, ec);
+              });
+    if (ok && SSL_CTX_check_private_key(native) != 1) {
+        *why = "the TLS key " + o.tls_key + " does not belong to the certificate " + o.tls_cert;
+        ok = false;
+    }
+    if (ok && !o.tls_client_ca.empty()) {
+        ok = use("client CA", o.tls_client_ca,
+                 [&](const std::string &f, asio::error_code &ec) { ctx->load_verify_file(f, ec); });
+        STACK_OF(X509_NAME) *names = ok ? SSL_load_client_CA_file(o.tls_client_ca.c_str()) : nullptr;
+        if (names != nullptr) SSL_CTX_set_client_CA_list(native, names);
+        ctx->set_verify_mode(asio::ssl::verify_peer | asio::ssl::verify_fail_if_no_peer_cert);
+    }
+    ERR_clear_error();
+    if (ok) tls_ = std::move(ctx);
+    return ok;
 }
 
 void Engine::stop()
@@ -442,7 +522,8 @@ void Engine::accept()
             asio::error_code ignored;
             socket.set_option(asio::ip::tcp::no_delay(true), ignored);
             asio::ip::tcp::endpoint peer = socket.remote_endpoint(ignored);
-            auto c = std::make_shared<Connection>(*this, std::move(socket), next_id_++);
+            auto c = std::make_shared<Connection>(
+                *this, tls_ != nullptr ? Transport(std::move(socket), *tls_) : Transport(std::move(socket)), next_id_++);
             conns_[c->id()] = c;
             stats_.accepted++;
             stats_.open++;
@@ -774,7 +855,8 @@ uint16_t Server::port() const
 
 std::string Server::url() const
 {
-    return "tcp://" + engine_->host_ + ":" + std::to_string(engine_->port_);
+    bool tls = !engine_->options_.tls_cert.empty();
+    return (tls ? "tls://" : "tcp://") + engine_->host_ + ":" + std::to_string(engine_->port_);
 }
 
 const Stats &Server::stats() const

@@ -43,6 +43,12 @@ struct Options {
     std::string store = "memory";
     std::string store_prefix = "hspace/";      // etcd: every object's key is stored under this prefix
     unsigned store_timeout_ms = 3000;          // etcd: bound of each call, and of the feed's reconnection
+    // TLS: with a certificate and its key (PEM files) the port speaks TLS
+    // only (1.2 and newer); with a client CA too, every client must present
+    // a certificate that CA signed, or its TLS handshake is refused.
+    std::string tls_cert;
+    std::string tls_key;
+    std::string tls_client_ca;
 };
 
 // Counters of the service's life, readable from any thread while it runs.
@@ -51,6 +57,7 @@ struct Stats {
     std::atomic<uint64_t> open{0};             // connections open now
     std::atomic<uint64_t> dropped_invalid{0};  // connections closed for an invalid packet or handshake
     std::atomic<uint64_t> dropped_slow{0};     // connections closed for unsent notifications over max_queue
+    std::atomic<uint64_t> tls_refused{0};      // connections closed because their TLS handshake failed
 };
 
 // The service's machinery, private to server.cpp.
@@ -75,7 +82,8 @@ public:
 
     // The listening port, after a successful start.
     uint16_t port() const;
-    // "tcp://HOST:PORT" of the listener, after a successful start.
+    // "tcp://HOST:PORT" of the listener ("tls://..." with TLS), after a
+    // successful start.
     std::string url() const;
     // Counters; valid from construction to destruction.
     const Stats &stats() const;
