@@ -40,7 +40,7 @@ void kro_socket_detail_set(t_kro_socket socket, const std::string &text);
 t_kro_tls kro_tls_ref(t_kro_tls tls);
 void kro_tls_release(t_kro_tls tls);
 
-/* Runs the client handshake over fd (connected, non-blocking) within the
+/* Runs the client handshake over fd (connected, blocking) within the
  * socket's deadline, checking the peer's certificate for name; *conn is
  * the connection, null on failure (the reason recorded on the socket). */
 t_kro_error kro_tls_conn_open(t_kro_socket socket, t_kro_tls tls, const char *name, int fd, kro_tls_conn **conn);
@@ -50,9 +50,9 @@ t_kro_error kro_tls_conn_read(t_kro_socket socket, kro_tls_conn *conn, t_kro_byt
                               t_kro_uint4 *got);
 t_kro_error kro_tls_conn_write(t_kro_socket socket, kro_tls_conn *conn, const t_kro_byte *p, t_kro_uint4 n,
                                t_kro_uint4 *sent);
-/* Sends a close_notify unless a record is half-written; best effort,
- * never waits. */
-void kro_tls_conn_close_notify(kro_tls_conn *conn);
+/* Queues a close_notify and sends it unless a writer is sending; best
+ * effort, never waits for the network. */
+void kro_tls_conn_close_notify(t_kro_socket socket, kro_tls_conn *conn);
 /* Frees the connection (not the descriptor) and clears *conn; no other
  * thread may use it any more. */
 void kro_tls_conn_free(kro_tls_conn **conn);

@@ -217,12 +217,9 @@ t_kro_error kro_socket_connect(t_kro_socket socket)
         return last == ECONNREFUSED ? KRO_ERR_CONN_REFUSED : KRO_ERR_NET;
     }
     if (socket->tls != NULL) {
-        /* TLS runs on a non-blocking descriptor (kro_tls.cpp). */
         kro_tls_conn *conn = NULL;
-        t_kro_error error = fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK) == 0 ? 0 : KRO_ERR_NET;
         const char *name = socket->tls_name != NULL ? socket->tls_name : node != NULL ? node : "localhost";
-        if (error != 0) kro_socket_detail_set(socket, std::string("fcntl: ") + strerror(errno));
-        if (error == 0) error = kro_tls_conn_open(socket, socket->tls, name, fd, &conn);
+        t_kro_error error = kro_tls_conn_open(socket, socket->tls, name, fd, &conn);
         if (error != 0) {
             close(fd);
             return error;
@@ -315,7 +312,7 @@ t_kro_error kro_socket_interrupt(t_kro_socket socket)
     if (socket == NULL) return KRO_ERR_INVALID_ARG;
     socket->interrupted.store(true);
     fd = socket->fd.load();
-    if (kro_tls_conn *conn = fd >= 0 ? socket->tls_conn.load() : NULL) kro_tls_conn_close_notify(conn);
+    if (kro_tls_conn *conn = fd >= 0 ? socket->tls_conn.load() : NULL) kro_tls_conn_close_notify(socket, conn);
     if (fd >= 0 && shutdown(fd, SHUT_RDWR) != 0 && errno != ENOTCONN) {
         kro_em_net_error_set(errno);
         return KRO_ERR_NET;

@@ -4,38 +4,48 @@
  * A connection's SSL object is used by three kinds of thread: the reader
  * thread reads, one application thread at a time writes (the library
  * serialises its writers), and close interrupts from any thread. OpenSSL
- * allows one thread at a time in an SSL object, so each connection has one
- * lock held only around a single non-blocking SSL call (and the error
- * queries that belong to it), never while waiting: the descriptor is
- * non-blocking, and what an SSL call asks for (SSL_ERROR_WANT_READ or
- * _WANT_WRITE) decides what the thread then polls for, with the lock
- * released. So a writer blocked on a peer that does not read never holds
- * up the reader, and the reader waiting for bytes never holds up a writer.
- * Partial writes are enabled and the write buffer may move between retries
- * (SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER), so
- * a writer resumes a cut-short record with the rest of its own buffer.
+ * allows one thread at a time in an SSL object, and it may write while it
+ * reads (a TLS 1.3 peer may ask for a key update at any time; the answer is
+ * written from inside SSL_read), so an SSL object that could leave a record
+ * half-written on the socket between two calls would let the reader's
+ * answer cut into the writer's record.
  *
- * Only the reader reads records: renegotiation is refused and the client
- * offers no post-handshake authentication, so a write never needs to read.
- * Should one ever consume bytes anyway, the writer wakes the reader through
- * the connection's eventfd instead of leaving those bytes in OpenSSL's
- * buffer behind a reader asleep in poll.
+ * So OpenSSL never touches the socket: it reads from and writes to two
+ * memory BIOs, and this file moves the bytes. Each connection has two
+ * locks, always taken in this order:
+ *   - send: held by the one thread that moves encrypted bytes from the
+ *     output BIO (through out) to the socket, in the order OpenSSL made
+ *     them; it may block in send() while holding it;
+ *   - ssl: held only around one SSL call or BIO transfer, never across a
+ *     system call, so the reader and a writer never wait for each other's
+ *     network.
+ * The reader blocks in recv() with no lock held (exactly as a plain socket
+ * reads: one system call), then hands the bytes to OpenSSL and decrypts
+ * under ssl. A writer encrypts at most kChunk bytes under ssl, then sends
+ * its records and everything written before them under send, so a large
+ * put never sits whole in memory; its result is that of its own bytes.
+ * What OpenSSL writes while the reader reads (a key update's answer, an
+ * alert) is sent by the reader only if no writer holds send and only as
+ * far as the socket takes it without blocking (a reader that blocked in
+ * send() would stop reading a peer that writes before it reads);
+ * otherwise the writer holding send, which looks at the output BIO again
+ * after it lets send go, takes it, and what is left goes out ahead of the
+ * next writer's records.
  *
- * Bytes go through a BIO of our own that sends with MSG_NOSIGNAL (a peer's
- * reset never raises SIGPIPE) and records the errno of the last failed
- * call, which the failure texts report.
+ * Sends use MSG_NOSIGNAL (a peer's reset never raises SIGPIPE). Within a
+ * deadline (open) every recv() and send() waits in poll() first.
  *
- * An interrupt (close) sends a close_notify when no record is half-written
- * (so the peer sees an orderly end), then the socket layer shuts the
- * descriptor down, which wakes every poll on it; each waiting thread then
- * finds the socket interrupted and returns KRO_ERR_INTERRUPTED.
+ * An interrupt (close) queues a close_notify and sends it if no writer
+ * holds send, then the socket layer shuts the descriptor down, which wakes
+ * a blocked recv() and a blocked send(); each finds the socket interrupted
+ * and returns KRO_ERR_INTERRUPTED.
  */
 #include <arpa/inet.h>
 #include <errno.h>
 #include <poll.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -43,6 +53,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <vector>
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -53,27 +64,33 @@
 #include "kro_socket.h"
 
 #define KRO_SCOPED_CAPABILITY KRO_TS_ATTR(scoped_lockable)
+#define KRO_ACQUIRED_BEFORE(...) KRO_TS_ATTR(acquired_before(__VA_ARGS__))
+#define KRO_PT_GUARDED_BY(x) KRO_TS_ATTR(pt_guarded_by(x))
 
 namespace {
 
-/* The lock of one connection's SSL object, visible to clang's analysis. */
-class KRO_CAPABILITY("mutex") SslLock {
+/* A lock clang's analysis can follow. */
+class KRO_CAPABILITY("mutex") Lock {
 public:
     void lock() KRO_ACQUIRE() { m_.lock(); }
     void unlock() KRO_RELEASE() { m_.unlock(); }
+    bool try_lock() KRO_TRY_ACQUIRE(true) { return m_.try_lock(); }
 
 private:
     std::mutex m_;
 };
 
-class KRO_SCOPED_CAPABILITY SslGuard {
+class KRO_SCOPED_CAPABILITY Guard {
 public:
-    explicit SslGuard(SslLock &l) KRO_ACQUIRE(l) : l_(l) { l_.lock(); }
-    ~SslGuard() KRO_RELEASE() { l_.unlock(); }
+    explicit Guard(Lock &l) KRO_ACQUIRE(l) : l_(l) { l_.lock(); }
+    ~Guard() KRO_RELEASE() { l_.unlock(); }
 
 private:
-    SslLock &l_;
+    Lock &l_;
 };
+
+constexpr t_kro_uint4 kChunk = 64u * 1024u;       /* plaintext bytes one SSL_write takes at most */
+constexpr size_t kRawRead = 17u * 1024u;          /* bytes one recv() asks for: a whole record */
 
 } // namespace
 
@@ -85,83 +102,24 @@ struct kro_tls {
     std::atomic<int> refs{1};    /* references held */
 };
 
-/* One TLS connection. ssl is used only under lock; the flags the handshake
- * sets are read after it, by the threads the handshake's success let in. */
+/* One TLS connection over a socket's descriptor (not owned). */
 struct kro_tls_conn {
-    SslLock lock;                               /* held around each SSL call */
-    SSL *ssl = nullptr;                         /* the connection; lock */
-    bool write_partial KRO_GUARDED_BY(lock) = false; /* a record is half-written: no close_notify now */
-    bool established KRO_GUARDED_BY(lock) = false;   /* the handshake completed */
-    int wake = -1;                              /* eventfd: a writer tells the reader bytes wait in ssl */
-    std::atomic<bool> asked_cert{false};        /* the service asked for a client certificate */
-    bool has_cert = false;                      /* we had one to send */
-    bool buffered = false;                      /* reader thread: OpenSSL held bytes after its last SSL_read */
-    int fd = -1;                                /* the descriptor, not owned */
-    std::atomic<int> last_errno{0};             /* errno of the BIO's last failed call */
-    std::atomic<bool> saw_eof{false};           /* the BIO read the end of stream */
+    Lock send KRO_ACQUIRED_BEFORE(ssl);        /* one thread moves bytes to the socket */
+    Lock ssl;                                  /* held around each SSL call and BIO transfer */
+    SSL *tls KRO_PT_GUARDED_BY(ssl) = nullptr; /* the connection; owns in and out BIOs */
+    BIO *in KRO_PT_GUARDED_BY(ssl) = nullptr;  /* bytes received, for OpenSSL to read */
+    BIO *out KRO_PT_GUARDED_BY(ssl) = nullptr; /* bytes OpenSSL wrote, to be sent */
+    bool established KRO_GUARDED_BY(ssl) = false; /* the handshake completed */
+    uint64_t taken KRO_GUARDED_BY(ssl) = 0;    /* bytes moved from out into sending, ever */
+    std::vector<t_kro_byte> sending KRO_GUARDED_BY(send); /* taken from out, not yet all sent */
+    size_t sent KRO_GUARDED_BY(send) = 0;      /* bytes of sending already sent */
+    uint64_t sent_total KRO_GUARDED_BY(send) = 0; /* bytes sent, ever: the first sent_total of all taken */
+    std::atomic<bool> asked_cert{false};       /* the service asked for a client certificate */
+    bool has_cert = false;                     /* we had one to send; set before use */
+    int fd = -1;                               /* the descriptor; set before use */
+    bool buffered = false;                     /* reader thread: OpenSSL held bytes after its last read */
+    t_kro_byte raw[kRawRead];                  /* reader thread (or the handshake): bytes received */
 };
-
-/* ---- the BIO: send with MSG_NOSIGNAL, recv, errno recorded ---- */
-
-static int kro_tls_bio_write(BIO *bio, const char *data, int len)
-{
-    kro_tls_conn *c = static_cast<kro_tls_conn *>(BIO_get_data(bio));
-    ssize_t n;
-    BIO_clear_retry_flags(bio);
-    do {
-        n = send(c->fd, data, (size_t)len, MSG_NOSIGNAL);
-    } while (n < 0 && errno == EINTR);
-    if (n >= 0) return (int)n;
-    if (errno == EAGAIN || errno == EWOULDBLOCK) BIO_set_retry_write(bio);
-    else c->last_errno.store(errno);
-    return -1;
-}
-
-static int kro_tls_bio_read(BIO *bio, char *data, int len)
-{
-    kro_tls_conn *c = static_cast<kro_tls_conn *>(BIO_get_data(bio));
-    ssize_t n;
-    BIO_clear_retry_flags(bio);
-    do {
-        n = recv(c->fd, data, (size_t)len, 0);
-    } while (n < 0 && errno == EINTR);
-    if (n > 0) return (int)n;
-    if (n == 0) {
-        c->saw_eof.store(true);
-        return 0;
-    }
-    if (errno == EAGAIN || errno == EWOULDBLOCK) BIO_set_retry_read(bio);
-    else c->last_errno.store(errno);
-    return -1;
-}
-
-static long kro_tls_bio_ctrl(BIO *bio, int cmd, long num, void *ptr)
-{
-    (void)bio, (void)num, (void)ptr;
-    return cmd == BIO_CTRL_FLUSH ? 1 : 0;
-}
-
-static int kro_tls_bio_create(BIO *bio)
-{
-    BIO_set_init(bio, 1);
-    return 1;
-}
-
-/* The method is made once for the process and never freed (OpenSSL keeps
- * no count of its users). */
-static BIO_METHOD *kro_tls_bio_method(void)
-{
-    static BIO_METHOD *method = [] {
-        BIO_METHOD *m = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "kro socket");
-        if (m == nullptr) return m;
-        BIO_meth_set_write(m, kro_tls_bio_write);
-        BIO_meth_set_read(m, kro_tls_bio_read);
-        BIO_meth_set_ctrl(m, kro_tls_bio_ctrl);
-        BIO_meth_set_create(m, kro_tls_bio_create);
-        return m;
-    }();
-    return method;
-}
 
 /* ---- texts ---- */
 
@@ -226,8 +184,6 @@ t_kro_error kro_tls_create(const t_kro_tls_config_struct *config, t_kro_tls *tls
     }
     SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION);
     SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
-    SSL_CTX_set_mode(ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
-    SSL_CTX_set_read_ahead(ctx, 1);
     SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER, nullptr);
     SSL_CTX_set_default_passwd_cb(ctx, kro_tls_no_passphrase);
@@ -293,26 +249,6 @@ void kro_tls_release(t_kro_tls tls)
     delete tls;
 }
 
-/* ---- waiting ---- */
-
-/* Waits until fd reports events, or c's eventfd is signalled when wake is
- * set, or the socket's deadline passes. 0, ETIMEDOUT, or errno of poll. */
-static int kro_tls_wait(t_kro_socket socket, kro_tls_conn *c, short events, bool wake)
-{
-    struct pollfd pfd[2] = {{c->fd, events, 0}, {c->wake, POLLIN, 0}};
-    int rc;
-    do {
-        rc = poll(pfd, wake ? 2 : 1, kro_socket_remaining_ms(socket));
-    } while (rc < 0 && errno == EINTR);
-    if (rc < 0) return errno;
-    if (rc == 0) return ETIMEDOUT;
-    if (wake && (pfd[1].revents & POLLIN) != 0) {
-        uint64_t n;
-        (void)!read(c->wake, &n, sizeof n);
-    }
-    return 0;
-}
-
 /* ---- failures ---- */
 
 /* True for the alerts a service sends when it refuses a client without a
@@ -335,18 +271,16 @@ static bool kro_tls_is_certificate_alert(int reason)
     }
 }
 
-/* Turns a failed SSL call (err from SSL_get_error, lock held) into a code
- * and records the reason on the socket. handshake: the failure ended
- * SSL_connect. */
+/* Turns a failed SSL call (err from SSL_get_error) into a code and records
+ * the reason on the socket. handshake: the failure ended SSL_connect. */
 static t_kro_error kro_tls_failure(t_kro_socket socket, kro_tls_conn *c, int err, bool handshake)
-    KRO_REQUIRES(c->lock)
+    KRO_REQUIRES(c->ssl)
 {
     unsigned long e = ERR_peek_last_error();
     int reason = ERR_GET_REASON(e);
-    int sys = c->last_errno.load();
     std::string text;
     t_kro_error code = handshake ? KRO_ERR_TLS_HANDSHAKE : KRO_ERR_NET;
-    long verify = SSL_get_verify_result(c->ssl);
+    long verify = SSL_get_verify_result(c->tls);
     if (err == SSL_ERROR_ZERO_RETURN) {
         code = handshake ? KRO_ERR_TLS_HANDSHAKE : KRO_ERR_PEER_CLOSED;
         text = "the service ended the TLS session";
@@ -354,7 +288,7 @@ static t_kro_error kro_tls_failure(t_kro_socket socket, kro_tls_conn *c, int err
         code = KRO_ERR_TLS_VERIFY;
         text = std::string("certificate verify failed: ") + X509_verify_cert_error_string(verify);
         if (verify == X509_V_ERR_HOSTNAME_MISMATCH || verify == X509_V_ERR_IP_ADDRESS_MISMATCH) {
-            X509_VERIFY_PARAM *param = SSL_get0_param(c->ssl);
+            X509_VERIFY_PARAM *param = SSL_get0_param(c->tls);
             char *ip = verify == X509_V_ERR_IP_ADDRESS_MISMATCH ? X509_VERIFY_PARAM_get1_ip_asc(param) : nullptr;
             const char *want = ip != nullptr ? ip : X509_VERIFY_PARAM_get0_host(param, 0);
             if (want != nullptr) text += std::string(" (the certificate is not for ") + want + ")";
@@ -365,13 +299,6 @@ static t_kro_error kro_tls_failure(t_kro_socket socket, kro_tls_conn *c, int err
         text = c->has_cert ? "the service refused our client certificate"
                            : "the service asked for a client certificate and none is configured";
         text += std::string(" (") + kro_tls_reason("alert") + ")";
-    } else if (c->saw_eof.load() && (err == SSL_ERROR_SYSCALL || reason == SSL_R_UNEXPECTED_EOF_WHILE_READING)) {
-        code = handshake ? KRO_ERR_TLS_HANDSHAKE : KRO_ERR_PEER_CLOSED;
-        text = handshake ? "the service closed the connection during the TLS handshake (is it a plain TCP port?)"
-                         : "the service closed the connection without ending the TLS session";
-    } else if (err == SSL_ERROR_SYSCALL && sys != 0) {
-        kro_em_net_error_set(sys);
-        text = std::string(handshake ? "TLS handshake failed: " : "") + strerror(sys);
     } else {
         text = std::string(handshake ? "TLS handshake failed: " : "TLS: ") + kro_tls_reason("unknown reason");
         if (reason == SSL_R_WRONG_VERSION_NUMBER || reason == SSL_R_PACKET_LENGTH_TOO_LONG)
@@ -382,14 +309,137 @@ static t_kro_error kro_tls_failure(t_kro_socket socket, kro_tls_conn *c, int err
     return code;
 }
 
+/* ---- moving bytes ---- */
+
+/* Waits for events on c's descriptor within the socket's deadline. 0,
+ * ETIMEDOUT, or the errno of poll. */
+static int kro_tls_poll(t_kro_socket socket, kro_tls_conn *c, short events)
+{
+    struct pollfd pfd = {c->fd, events, 0};
+    int rc;
+    do {
+        rc = poll(&pfd, 1, kro_socket_remaining_ms(socket));
+    } while (rc < 0 && errno == EINTR);
+    return rc < 0 ? errno : rc == 0 ? ETIMEDOUT : 0;
+}
+
+/* The result of moving bytes through the descriptor: done, the peer
+ * ended the stream, or an errno value (ETIMEDOUT for the deadline,
+ * EAGAIN for a send that would block). */
+enum { KRO_TLS_EOF = -1 };
+
+/* One recv() into the raw buffer, the reader's (or the handshake's); waits
+ * in poll() first within a deadline. Bytes received: *n > 0, result 0. */
+static int kro_tls_recv(t_kro_socket socket, kro_tls_conn *c, size_t *n)
+{
+    ssize_t got;
+    int waited = kro_socket_remaining_ms(socket) >= 0 ? kro_tls_poll(socket, c, POLLIN) : 0;
+    if (waited != 0) return waited;
+    do {
+        got = recv(c->fd, c->raw, sizeof c->raw, 0);
+    } while (got < 0 && errno == EINTR);
+    if (got == 0) return KRO_TLS_EOF;
+    if (got < 0) return errno;
+    *n = (size_t)got;
+    return 0;
+}
+
+/* Sends what OpenSSL has written, in order: first what is left of sending,
+ * then what the out BIO holds, until the first target bytes ever written
+ * are out, or until nothing is left. block: a send may wait for the socket
+ * (within the deadline); else one that would wait returns EAGAIN, the
+ * bytes kept for the next sender. send held. */
+static int kro_tls_send_out(t_kro_socket socket, kro_tls_conn *c, bool block, uint64_t target) KRO_REQUIRES(c->send)
+{
+    while (c->sent_total < target) {
+        if (c->sent == c->sending.size()) {
+            Guard guard(c->ssl);
+            size_t pending = BIO_ctrl_pending(c->out);
+            c->sending.resize(pending);
+            c->sent = 0;
+            if (pending == 0) return 0;
+            KRO_CHECK(BIO_read(c->out, c->sending.data(), (int)pending) == (int)pending);
+            c->taken += pending;
+        }
+        int waited = block && kro_socket_remaining_ms(socket) >= 0 ? kro_tls_poll(socket, c, POLLOUT) : 0;
+        if (waited != 0) return waited;
+        int flags = MSG_NOSIGNAL | (block && kro_socket_remaining_ms(socket) < 0 ? 0 : MSG_DONTWAIT);
+        ssize_t n = send(c->fd, c->sending.data() + c->sent, c->sending.size() - c->sent, flags);
+        if (n >= 0) {
+            c->sent += (size_t)n;
+            c->sent_total += (uint64_t)n;
+        } else if (errno != EINTR && (errno != EAGAIN || !block)) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+/* Whether the out BIO holds bytes no one has taken. */
+static bool kro_tls_out_pending(kro_tls_conn *c)
+{
+    Guard guard(c->ssl);
+    return BIO_ctrl_pending(c->out) > 0;
+}
+
+/* Sends what OpenSSL has written, only if no one else is sending and only
+ * as far as the socket takes it at once: the reader's (and an interrupt's)
+ * way. What stays is sent by the next writer. */
+static void kro_tls_try_flush(t_kro_socket socket, kro_tls_conn *c)
+{
+    if (!c->send.try_lock()) return; // the holder looks at the out BIO again when it lets go
+    (void)kro_tls_send_out(socket, c, false, UINT64_MAX);
+    c->send.unlock();
+}
+
+/* Sends the first target bytes OpenSSL ever wrote (a writer's records and
+ * all before them), waiting for the socket: the writers' (and the
+ * handshake's) way; 0 or an errno value. Then, without waiting and without
+ * failing on them, what others wrote meanwhile (a close_notify, a key
+ * update's answer), looking at the out BIO again after letting send go, so
+ * that bytes a reader could not send meanwhile are not left behind. */
+static int kro_tls_flush(t_kro_socket socket, kro_tls_conn *c, uint64_t target)
+{
+    c->send.lock();
+    int rc = kro_tls_send_out(socket, c, true, target);
+    if (rc == 0) (void)kro_tls_send_out(socket, c, false, UINT64_MAX);
+    c->send.unlock();
+    if (rc == 0 && kro_tls_out_pending(c)) kro_tls_try_flush(socket, c);
+    return rc;
+}
+
+/* The first bytes ever written, up to what the out BIO holds now. */
+static uint64_t kro_tls_written(kro_tls_conn *c) KRO_REQUIRES(c->ssl)
+{
+    return c->taken + BIO_ctrl_pending(c->out);
+}
+
+/* The code and recorded reason of a failed recv or send (result rc). */
+static t_kro_error kro_tls_io_failure(t_kro_socket socket, int rc, bool handshake)
+{
+    if (kro_socket_is_interrupted(socket)) return KRO_ERR_INTERRUPTED;
+    if (rc == KRO_TLS_EOF) {
+        kro_socket_detail_set(socket, handshake ? "the service closed the connection during the TLS handshake "
+                                                  "(is it a plain TCP port?)"
+                                                : "the service closed the connection without ending the TLS session");
+        return handshake ? KRO_ERR_TLS_HANDSHAKE : KRO_ERR_PEER_CLOSED;
+    }
+    kro_em_net_error_set(rc);
+    if (rc == ETIMEDOUT) {
+        if (handshake) kro_socket_detail_set(socket, "TLS handshake timed out");
+        return handshake ? KRO_ERR_TLS_TIMEOUT : KRO_ERR_TIMEOUT;
+    }
+    kro_socket_detail_set(socket, std::string(handshake ? "TLS handshake failed: " : "") + strerror(rc));
+    return handshake ? KRO_ERR_TLS_HANDSHAKE : KRO_ERR_NET;
+}
+
 /* ---- the connection ---- */
 
 void kro_tls_conn_free(kro_tls_conn **conn)
 {
     kro_tls_conn *c = *conn;
     if (c == nullptr) return;
-    SSL_free(c->ssl);
-    if (c->wake >= 0) close(c->wake);
+    SSL_free(c->tls); // and the BIOs it owns
     delete c;
     *conn = nullptr;
 }
@@ -401,163 +451,161 @@ static bool kro_tls_is_address(const char *name)
     return inet_pton(AF_INET, name, buf) == 1 || inet_pton(AF_INET6, name, buf) == 1;
 }
 
+/* Hands n received bytes to OpenSSL. */
+static void kro_tls_take_in(kro_tls_conn *c, size_t n) KRO_REQUIRES(c->ssl)
+{
+    KRO_CHECK(BIO_write(c->in, c->raw, (int)n) == (int)n);
+}
+
 t_kro_error kro_tls_conn_open(t_kro_socket socket, t_kro_tls tls, const char *name, int fd, kro_tls_conn **conn)
 {
     kro_tls_conn *c = new (std::nothrow) kro_tls_conn;
-    BIO *bio = nullptr;
-    BIO_METHOD *method = kro_tls_bio_method();
-    t_kro_error error = 0;
     *conn = nullptr;
     if (c == nullptr) return KRO_ERR_NO_MEMORY;
     c->fd = fd;
     c->has_cert = tls->has_cert;
-    c->wake = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    ERR_clear_error();
-    if (c->wake >= 0 && method != nullptr) c->ssl = SSL_new(tls->ctx);
-    if (c->ssl != nullptr) bio = BIO_new(method);
-    if (bio == nullptr) {
-        kro_socket_detail_set(socket, "cannot set up TLS: " + kro_tls_reason(strerror(errno)));
+    {
+        Guard guard(c->ssl);
+        ERR_clear_error();
+        c->tls = SSL_new(tls->ctx);
+        c->in = c->tls != nullptr ? BIO_new(BIO_s_mem()) : nullptr;
+        c->out = c->in != nullptr ? BIO_new(BIO_s_mem()) : nullptr;
+        if (c->out == nullptr) {
+            BIO_free(c->in);
+            kro_socket_detail_set(socket, "cannot set up TLS: " + kro_tls_reason("no memory"));
+        } else {
+            BIO_set_mem_eof_return(c->in, -1); // empty: "read again later", never the end
+            SSL_set_bio(c->tls, c->in, c->out);
+            SSL_set_app_data(c->tls, c);
+            SSL_set_hostflags(c->tls, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+        }
+    }
+    if (c->out == nullptr) {
         kro_tls_conn_free(&c);
         return KRO_ERR_NO_MEMORY;
     }
-    BIO_set_data(bio, c);
-    SSL_set_bio(c->ssl, bio, bio);
-    SSL_set_app_data(c->ssl, c);
-    SSL_set_hostflags(c->ssl, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
     /* The name check is the point of verification: no name, no handshake. */
-    bool named = kro_tls_is_address(name) ? X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(c->ssl), name) == 1
-                                          : SSL_set1_host(c->ssl, name) == 1;
+    bool address = kro_tls_is_address(name), named;
+    {
+        Guard guard(c->ssl);
+        named = address ? X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(c->tls), name) == 1
+                        : SSL_set1_host(c->tls, name) == 1;
+        if (named && !address) SSL_set_tlsext_host_name(c->tls, name); // SNI; optional
+    }
     if (!named) {
         kro_socket_detail_set(socket, std::string("cannot check the service's certificate for the name ") + name);
         kro_tls_conn_free(&c);
         return KRO_ERR_TLS_CONFIG;
     }
-    if (!kro_tls_is_address(name)) SSL_set_tlsext_host_name(c->ssl, name); // SNI; optional
+    t_kro_error error = 0;
     for (;;) {
-        int rc, err, waited;
+        int rc, err = SSL_ERROR_NONE, io;
+        size_t n = 0;
+        uint64_t written;
         {
-            SslGuard guard(c->lock);
+            Guard guard(c->ssl);
             ERR_clear_error();
-            rc = SSL_connect(c->ssl);
-            if (rc == 1) {
-                c->established = true;
-                c->buffered = SSL_has_pending(c->ssl) == 1; // bytes read past the handshake
-                break;
-            }
-            err = SSL_get_error(c->ssl, rc);
-            if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) {
-                error = kro_tls_failure(socket, c, err, true);
-                break;
-            }
+            rc = SSL_connect(c->tls);
+            if (rc != 1) err = SSL_get_error(c->tls, rc);
+            if (rc == 1) c->established = true;
+            /* Bytes already received past the handshake wait for the reader. */
+            if (rc == 1) c->buffered = SSL_pending(c->tls) > 0 || BIO_ctrl_pending(c->in) > 0;
+            if (rc != 1 && err != SSL_ERROR_WANT_READ) error = kro_tls_failure(socket, c, err, true);
+            written = kro_tls_written(c);
         }
-        waited = kro_tls_wait(socket, c, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, false);
-        if (waited == ETIMEDOUT) {
-            kro_socket_detail_set(socket, "TLS handshake timed out");
-            kro_em_net_error_set(ETIMEDOUT);
-            error = KRO_ERR_TLS_TIMEOUT;
+        /* What the handshake wrote goes out first, an alert of a failure too. */
+        io = kro_tls_flush(socket, c, written);
+        if (error != 0 || rc == 1) break;
+        if (io == 0) io = kro_tls_recv(socket, c, &n);
+        if (io != 0) {
+            error = kro_tls_io_failure(socket, io, true);
             break;
         }
-        if (waited != 0) {
-            kro_socket_detail_set(socket, std::string("TLS handshake: poll: ") + strerror(waited));
-            kro_em_net_error_set(waited);
-            error = KRO_ERR_NET;
-            break;
-        }
+        Guard guard(c->ssl);
+        kro_tls_take_in(c, n);
     }
     if (error != 0) kro_tls_conn_free(&c);
     *conn = c;
     return error;
 }
 
-/* Polls first when OpenSSL held no byte after the last read (a read would
- * only find the descriptor empty), then reads. Whether it held any is
- * noted under the lock at the end of each read, so that this test takes no
- * lock: the reader going for the lock just as the caller it woke writes
- * its next request would make both wait. Only this thread makes OpenSSL
- * read, but for a write that a wake-up reports. */
+/* Decrypts what OpenSSL holds first; receives (one recv(), no lock held)
+ * only when it holds no whole record. */
 t_kro_error kro_tls_conn_read(t_kro_socket socket, kro_tls_conn *c, t_kro_byte *p, t_kro_uint4 n, t_kro_uint4 *got)
 {
-    bool first = true;
+    *got = 0;
     for (;;) {
-        int err = SSL_ERROR_WANT_READ, waited;
-        if (!first || c->buffered) {
-            SslGuard guard(c->lock);
-            ERR_clear_error();
-            int rc = SSL_read(c->ssl, p, (int)(n > 0x7FFFFFFFu ? 0x7FFFFFFFu : n));
-            c->buffered = SSL_has_pending(c->ssl) == 1;
+        if (c->buffered) {
+            int rc, err = SSL_ERROR_NONE;
+            bool wrote;
+            t_kro_error error = 0;
+            {
+                Guard guard(c->ssl);
+                ERR_clear_error();
+                rc = SSL_read(c->tls, p, (int)(n > 0x7FFFFFFFu ? 0x7FFFFFFFu : n));
+                if (rc <= 0) err = SSL_get_error(c->tls, rc);
+                /* After WANT_READ no whole record is left: receive first. */
+                c->buffered = rc > 0 && (SSL_pending(c->tls) > 0 || BIO_ctrl_pending(c->in) > 0);
+                wrote = BIO_ctrl_pending(c->out) > 0; // a key update's answer, an alert
+                if (rc <= 0 && err != SSL_ERROR_WANT_READ && !kro_socket_is_interrupted(socket))
+                    error = kro_tls_failure(socket, c, err, false);
+            }
+            if (wrote) kro_tls_try_flush(socket, c);
             if (rc > 0) {
                 *got = (t_kro_uint4)rc;
                 return 0;
             }
-            err = SSL_get_error(c->ssl, rc);
             if (kro_socket_is_interrupted(socket)) return KRO_ERR_INTERRUPTED;
-            if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) return kro_tls_failure(socket, c, err, false);
+            if (error != 0) return error;
+        } else if (kro_socket_is_interrupted(socket)) {
+            return KRO_ERR_INTERRUPTED;
         }
-        first = false;
-        if (kro_socket_is_interrupted(socket)) return KRO_ERR_INTERRUPTED;
-        waited = kro_tls_wait(socket, c, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, true);
-        if (kro_socket_is_interrupted(socket)) return KRO_ERR_INTERRUPTED;
-        if (waited == ETIMEDOUT) {
-            kro_em_net_error_set(ETIMEDOUT);
-            return KRO_ERR_TIMEOUT;
-        }
-        if (waited != 0) {
-            kro_em_net_error_set(waited);
-            return KRO_ERR_NET;
-        }
+        size_t received = 0;
+        int io = kro_tls_recv(socket, c, &received);
+        if (io != 0) return kro_tls_io_failure(socket, io, false);
+        Guard guard(c->ssl);
+        kro_tls_take_in(c, received);
+        c->buffered = true;
     }
 }
 
+/* Encrypts at most kChunk bytes at a time and sends them before the next:
+ * the out BIO never holds more than about one chunk. */
 t_kro_error kro_tls_conn_write(t_kro_socket socket, kro_tls_conn *c, const t_kro_byte *p, t_kro_uint4 n,
                                t_kro_uint4 *sent)
 {
     t_kro_uint4 total = 0;
     *sent = 0;
     while (total < n) {
-        int rc, err = SSL_ERROR_NONE, waited;
-        bool pending;
+        t_kro_uint4 chunk = n - total < kChunk ? n - total : kChunk;
+        int rc;
+        t_kro_error error = 0;
+        uint64_t written;
         {
-            SslGuard guard(c->lock);
-            bool before = SSL_has_pending(c->ssl) == 1;
+            Guard guard(c->ssl);
             ERR_clear_error();
-            rc = SSL_write(c->ssl, p + total, (int)(n - total > 0x40000000u ? 0x40000000u : n - total));
-            if (rc <= 0) err = SSL_get_error(c->ssl, rc);
-            c->write_partial = err == SSL_ERROR_WANT_WRITE || err == SSL_ERROR_WANT_READ;
-            pending = !before && SSL_has_pending(c->ssl) == 1; // this write read bytes the reader waits for
-            if (rc <= 0 && !c->write_partial && !kro_socket_is_interrupted(socket)) {
-                *sent = total;
-                return kro_tls_failure(socket, c, err, false);
-            }
+            rc = SSL_write(c->tls, p + total, (int)chunk);
+            if (rc <= 0 && !kro_socket_is_interrupted(socket))
+                error = kro_tls_failure(socket, c, SSL_get_error(c->tls, rc), false);
+            written = kro_tls_written(c);
         }
-        if (pending) {
-            uint64_t one = 1;
-            (void)!write(c->wake, &one, sizeof one);
-        }
-        if (rc > 0) {
-            total += (t_kro_uint4)rc;
-            continue;
-        }
+        if (rc <= 0) return kro_socket_is_interrupted(socket) ? KRO_ERR_INTERRUPTED : error;
+        int io = kro_tls_flush(socket, c, written);
+        if (io != 0) return kro_tls_io_failure(socket, io, false);
+        total += (t_kro_uint4)rc;
         *sent = total;
-        if (kro_socket_is_interrupted(socket)) return KRO_ERR_INTERRUPTED;
-        waited = kro_tls_wait(socket, c, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, false);
-        if (kro_socket_is_interrupted(socket)) return KRO_ERR_INTERRUPTED;
-        if (waited == ETIMEDOUT) {
-            kro_em_net_error_set(ETIMEDOUT);
-            return KRO_ERR_TIMEOUT;
-        }
-        if (waited != 0) {
-            kro_em_net_error_set(waited);
-            return KRO_ERR_NET;
-        }
     }
-    *sent = total;
     return 0;
 }
 
-void kro_tls_conn_close_notify(kro_tls_conn *c)
+void kro_tls_conn_close_notify(t_kro_socket socket, kro_tls_conn *c)
 {
-    SslGuard guard(c->lock);
-    if (!c->established || c->write_partial) return;
-    SSL_shutdown(c->ssl);
-    ERR_clear_error();
+    {
+        Guard guard(c->ssl);
+        if (!c->established) return;
+        ERR_clear_error();
+        SSL_shutdown(c->tls);
+        ERR_clear_error();
+    }
+    kro_tls_try_flush(socket, c);
 }
