@@ -10,7 +10,6 @@
 #ifndef HSPACE_SERVICE_TRANSPORT_H
 #define HSPACE_SERVICE_TRANSPORT_H
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -53,6 +52,7 @@ inline PeerIdentity identity_of(X509 *cert)
 class Transport {
 public:
     using Tcp = asio::ip::tcp::socket;
+    static constexpr size_t kCoalesce = 64 * 1024; // bytes a TLS write copies into one buffer at most
 
     // Plain TCP over socket.
     explicit Transport(Tcp socket) : tcp_(std::move(socket)) {}
@@ -82,23 +82,28 @@ public:
         else tcp_.async_read_some(buffer, std::forward<Handler>(handler));
     }
 
-    // Writes every buffer; one write at a time. With TLS several buffers
-    // are copied into one, so that small packets share records instead of
-    // costing a record and a system call each.
-    void async_write(const std::vector<asio::const_buffer> &buffers,
-                     std::function<void(const asio::error_code &, size_t)> handler)
+    // Writes every buffer, then handler(ec, n); one write at a time. With
+    // TLS a TLS record carries one buffer at most, so buffers of up to
+    // kCoalesce bytes in all are copied into one first: small packets
+    // share records instead of costing a record and a system call each.
+    template <class Handler> void async_write(const std::vector<asio::const_buffer> &buffers, Handler &&handler)
     {
         if (tls_ == nullptr) {
-            asio::async_write(tcp_, buffers, std::move(handler));
+            asio::async_write(tcp_, buffers, std::forward<Handler>(handler));
             return;
         }
-        if (buffers.size() == 1) {
-            asio::async_write(*tls_, buffers, std::move(handler));
+        size_t total = asio::buffer_size(buffers);
+        if (buffers.size() == 1 || total > kCoalesce) {
+            asio::async_write(*tls_, buffers, std::forward<Handler>(handler));
             return;
         }
-        gathered_.clear();
-        for (const asio::const_buffer &b : buffers) gathered_.append(static_cast<const char *>(b.data()), b.size());
-        asio::async_write(*tls_, asio::buffer(gathered_), std::move(handler));
+        auto one = std::make_shared<std::string>(); // lives until the write completes, no longer
+        one->reserve(total);
+        for (const asio::const_buffer &b : buffers) one->append(static_cast<const char *>(b.data()), b.size());
+        asio::async_write(*tls_, asio::buffer(*one),
+                          [one, h = std::forward<Handler>(handler)](const asio::error_code &ec, size_t n) mutable {
+                              h(ec, n);
+                          });
     }
 
     // Closes the socket; abortive resets the connection instead of letting
@@ -133,7 +138,6 @@ public:
 private:
     Tcp tcp_;                                        // the socket when plain; unused with TLS
     std::unique_ptr<asio::ssl::stream<Tcp>> tls_;    // TLS over the socket, or null
-    std::string gathered_;                           // a TLS write's buffers in one; kept until it completes
     std::unique_ptr<PeerIdentity> peer_;             // the client certificate's identity, or null
 };
 
