@@ -275,6 +275,25 @@ bool FakeConnection::write_all(const std::string &bytes)
     return true;
 }
 
+bool FakeConnection::key_update()
+{
+    Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
+    if (ssl_ == nullptr || SSL_key_update(ssl_, SSL_KEY_UPDATE_REQUESTED) != 1) {
+        ADD_FAILURE() << "fake service: no TLS 1.3 session to update the keys of";
+        return false;
+    }
+    for (;;) { // the message goes out with the next handshake step
+        int rc = NoSigpipe([&] { return SSL_do_handshake(ssl_); });
+        if (rc == 1) return true;
+        int err = SSL_get_error(ssl_, rc);
+        if (err != SSL_ERROR_WANT_WRITE && err != SSL_ERROR_WANT_READ) {
+            ADD_FAILURE() << "fake service: key update: " << TlsReason();
+            return false;
+        }
+        if (!wait_for(fd_, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline, "the client to read")) return false;
+    }
+}
+
 bool FakeConnection::wait_closed()
 {
     Clock::time_point deadline = Clock::now() + kDefaultWatchdog;

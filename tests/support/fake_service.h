@@ -79,6 +79,9 @@ public:
     void batch() { batching_ = true; } // sends only collect from here ...
     bool flush();                      // ... to here, which writes them at once
 
+    // TLS 1.3: updates the service's keys and asks the client to update its
+    // own (a KeyUpdate message, sent at once).
+    bool key_update();
     bool wait_closed();   // the client closed; bytes read meanwhile stay for next_packet()
     bool wait_readable(); // the client sent unread bytes; reads nothing, so a blocked writer stays blocked
     void close();         // orderly: end of stream (FIN) to the client

@@ -1,6 +1,7 @@
 /*
  * tls_test.cpp - tls:// handles: every way an open can fail, each with its
- * own code and cause; the options call's checks and file errors; mutual
+ * own code and cause; key updates in the middle of reads and writes; the
+ * options call's checks and file errors; mutual
  * TLS through the C API and the C++ API against hspaced, which refuses a
  * client without a certificate and a plain-TCP client at the handshake; the
  * identity hspaced reads from a client certificate. Certificates come from
@@ -155,6 +156,39 @@ TEST_F(Tls, ServerNameOptionAndARetriedOpen)
     EXPECT_EQ("", c.detail());
     EXPECT_EQ(HSPACE_STATE_OPEN, State(c.h));
     ASSERT_TRUE(svc.join());
+}
+
+// The service updates its keys and asks the client to update its own while
+// a large put is being written and answers are being read: the reader's
+// read then has to write (the client's KeyUpdate) while the writer is in
+// the middle of a record. Every answer arrives, the put completes, and the
+// service reads the whole put intact.
+TEST_F(Tls, KeyUpdatesWhileAWriteAndReadsAreUnderWay)
+{
+    FakeTls tls = ServiceTls();
+    FakeService svc(tls);
+    Client c(svc);
+    ASSERT_TRUE(c.open());
+    ASSERT_EQ(0u, Bounded([&] { return qel_hspace_get(c.h, "a", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); }));
+    Packet get = c.conn.next_packet();
+    ASSERT_TRUE(get.rr);
+    UserObject big("big", std::string(8u << 20, 'x'));
+    Call put([&] { return qel_hspace_put(c.h, big.obj, HSPACE_PUT_SYNC, 0); });
+    ASSERT_TRUE(c.conn.wait_readable()); // the put is under way
+    const uint32_t n = 64;
+    for (uint32_t i = 1; i <= n; i++) {
+        if (i % 16 == 1) ASSERT_TRUE(c.conn.key_update());
+        ASSERT_TRUE(c.conn.object(get.rr->corrid, codec::kOpGet, "a", std::string(32u << 10, 'a'), n, i));
+    }
+    Packet p = c.conn.next_packet();
+    ASSERT_TRUE(p.rr);
+    EXPECT_EQ(std::string(8u << 20, 'x'), p.body);
+    ASSERT_TRUE(c.conn.key_update());
+    c.conn.reply(p.rr->corrid, 0);
+    EXPECT_EQ(0u, put.result());
+    ASSERT_TRUE(c.events.wait_count(n));
+    EXPECT_EQ(n, c.events.events().back().index);
+    EXPECT_TRUE(Barrier(c));
 }
 
 // The options call: argument, version and state checks, and every file it
