@@ -4,11 +4,12 @@
  * A connection's SSL object is used by three kinds of thread: the reader
  * thread reads, one application thread at a time writes (the library
  * serialises its writers), and close interrupts from any thread. OpenSSL
- * allows one thread at a time in an SSL object, and it may write while it
- * reads (a TLS 1.3 peer may ask for a key update at any time; the answer is
- * written from inside SSL_read), so an SSL object that could leave a record
- * half-written on the socket between two calls would let the reader's
- * answer cut into the writer's record.
+ * allows one thread at a time in an SSL object; it may write while it
+ * reads (an alert); and on a non-blocking socket a record it could send
+ * only in part must be finished by retrying the very same write before it
+ * writes anything else. With OpenSSL on the socket and a lock around each
+ * call, a service that updated its keys in the middle of a large put
+ * stalled the connection.
  *
  * So OpenSSL never touches the socket: it reads from and writes to two
  * memory BIOs, and this file moves the bytes. Each connection has two
@@ -24,8 +25,8 @@
  * under ssl. A writer encrypts at most kChunk bytes under ssl, then sends
  * its records and everything written before them under send, so a large
  * put never sits whole in memory; its result is that of its own bytes.
- * What OpenSSL writes while the reader reads (a key update's answer, an
- * alert) is sent by the reader only if no writer holds send and only as
+ * What OpenSSL writes while the reader reads (an alert) is sent by the
+ * reader only if no writer holds send and only as
  * far as the socket takes it without blocking (a reader that blocked in
  * send() would stop reading a peer that writes before it reads);
  * otherwise the writer holding send, which looks at the output BIO again
@@ -132,6 +133,19 @@ static std::string kro_tls_reason(const char *what)
     return what;
 }
 
+/* Whether the PEM file at path holds an encrypted key ("BEGIN ENCRYPTED
+ * PRIVATE KEY", or a "Proc-Type: 4,ENCRYPTED" header). */
+static bool kro_tls_key_encrypted(const char *path)
+{
+    char line[256];
+    bool encrypted = false;
+    FILE *f = fopen(path, "r");
+    while (f != nullptr && !encrypted && fgets(line, sizeof line, f) != nullptr)
+        encrypted = strstr(line, "ENCRYPTED") != nullptr;
+    if (f != nullptr) fclose(f);
+    return encrypted;
+}
+
 static void kro_tls_copy(const std::string &text, t_kro_char *out, t_kro_uint4 size)
 {
     if (out == nullptr || size == 0) return;
@@ -206,8 +220,12 @@ t_kro_error kro_tls_create(const t_kro_tls_config_struct *config, t_kro_tls *tls
         if (why.empty()) why = kro_tls_unreadable("key file", key);
         if (why.empty() && SSL_CTX_use_PrivateKey_file(ctx, key, SSL_FILETYPE_PEM) != 1) {
             unsigned long e = ERR_peek_last_error();
-            if (ERR_GET_LIB(e) != ERR_LIB_X509 || ERR_GET_REASON(e) != X509_R_KEY_VALUES_MISMATCH)
-                why = std::string("cannot use the key file ") + key + ": " + kro_tls_reason("no key");
+            std::string reason = kro_tls_reason("no key");
+            bool mismatch = ERR_GET_LIB(e) == ERR_LIB_X509 && ERR_GET_REASON(e) == X509_R_KEY_VALUES_MISMATCH;
+            if (kro_tls_key_encrypted(key))
+                why = std::string("cannot use the key file ") + key + ": it is encrypted, and no passphrase is asked for";
+            else if (!mismatch) // the check below says it in words
+                why = std::string("cannot use the key file ") + key + ": " + reason;
         }
         if (why.empty() && SSL_CTX_check_private_key(ctx) != 1)
             why = std::string("the key in ") + key + " does not belong to the certificate in " + config->cert_file;
@@ -546,7 +564,7 @@ t_kro_error kro_tls_conn_read(t_kro_socket socket, kro_tls_conn *c, t_kro_byte *
                 if (rc <= 0) err = SSL_get_error(c->tls, rc);
                 /* After WANT_READ no whole record is left: receive first. */
                 c->buffered = rc > 0 && (SSL_pending(c->tls) > 0 || BIO_ctrl_pending(c->in) > 0);
-                wrote = BIO_ctrl_pending(c->out) > 0; // a key update's answer, an alert
+                wrote = BIO_ctrl_pending(c->out) > 0; // an alert
                 if (rc <= 0 && err != SSL_ERROR_WANT_READ && !kro_socket_is_interrupted(socket))
                     error = kro_tls_failure(socket, c, err, false);
             }
