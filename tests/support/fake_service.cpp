@@ -84,6 +84,8 @@ FakeConnection &FakeConnection::operator=(FakeConnection &&other) noexcept
         other.fd_ = -1;
         ssl_ = other.ssl_;
         other.ssl_ = nullptr;
+        key_updates_ = std::move(other.key_updates_);
+        key_updates_seen_ = other.key_updates_seen_;
         tls_error_ = std::move(other.tls_error_);
         in_ = std::move(other.in_);
         batch_ = std::move(other.batch_);
@@ -100,6 +102,12 @@ bool FakeConnection::start_tls(SSL_CTX *ctx)
         tls_error_ = "cannot make a TLS session";
         return false;
     }
+    key_updates_.reset(new int(0));
+    SSL_set_msg_callback_arg(ssl_, key_updates_.get());
+    SSL_set_msg_callback(ssl_, [](int write_p, int, int type, const void *buf, size_t len, SSL *, void *arg) {
+        if (!write_p && type == SSL3_RT_HANDSHAKE && len > 0 && *static_cast<const uint8_t *>(buf) == SSL3_MT_KEY_UPDATE)
+            ++*static_cast<int *>(arg);
+    });
     for (;;) {
         ERR_clear_error();
         int rc = NoSigpipe([&] { return SSL_accept(ssl_); });
@@ -278,6 +286,7 @@ bool FakeConnection::write_all(const std::string &bytes)
 bool FakeConnection::key_update()
 {
     Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
+    if (key_updates_ != nullptr) key_updates_seen_ = *key_updates_;
     if (ssl_ == nullptr || SSL_key_update(ssl_, SSL_KEY_UPDATE_REQUESTED) != 1) {
         ADD_FAILURE() << "fake service: no TLS 1.3 session to update the keys of";
         return false;
@@ -292,6 +301,58 @@ bool FakeConnection::key_update()
         }
         if (!wait_for(fd_, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline, "the client to read")) return false;
     }
+}
+
+bool FakeConnection::await_key_update()
+{
+    Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
+    while (key_updates_ != nullptr && *key_updates_ == key_updates_seen_) {
+        char buf[65536];
+        ERR_clear_error();
+        int n = NoSigpipe([&] { return SSL_read(ssl_, buf, sizeof buf); });
+        if (n > 0) {
+            in_.append(buf, static_cast<size_t>(n));
+            continue;
+        }
+        int err = SSL_get_error(ssl_, n);
+        if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) break;
+        if (*key_updates_ != key_updates_seen_) break;
+        if (!wait_for(fd_, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline, "the client's key update")) break;
+    }
+    if (key_updates_ == nullptr || *key_updates_ == key_updates_seen_) {
+        ADD_FAILURE() << "fake service: no key update from the client";
+        return false;
+    }
+    return true;
+}
+
+bool FakeConnection::send_beneath_tls(const std::string &bytes)
+{
+    SSL *ssl = ssl_;
+    ssl_ = nullptr; // write_all's plain path
+    bool ok = write_all(bytes);
+    ssl_ = ssl;
+    return ok;
+}
+
+std::string FakeConnection::read_until_tls_fails()
+{
+    Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
+    while (ssl_ != nullptr) {
+        char buf[65536];
+        ERR_clear_error();
+        int n = NoSigpipe([&] { return SSL_read(ssl_, buf, sizeof buf); });
+        if (n > 0) {
+            in_.append(buf, static_cast<size_t>(n));
+            continue;
+        }
+        int err = SSL_get_error(ssl_, n);
+        if (err == SSL_ERROR_ZERO_RETURN) return "close notify";
+        if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) return TlsReason();
+        if (!wait_for(fd_, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline, "the TLS session to fail"))
+            return "watchdog";
+    }
+    return "no TLS session";
 }
 
 bool FakeConnection::wait_closed()

@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -82,6 +83,15 @@ public:
     // TLS 1.3: updates the service's keys and asks the client to update its
     // own (a KeyUpdate message, sent at once).
     bool key_update();
+    // Reads until a KeyUpdate of the client's arrives after the last
+    // key_update() (bytes read meanwhile stay for next_packet()).
+    bool await_key_update();
+    // TLS: bytes straight onto the socket, beneath the TLS session (a
+    // forged record, say).
+    bool send_beneath_tls(const std::string &bytes);
+    // TLS: reads until the session fails and returns why (for instance the
+    // client's alert); bytes read meanwhile stay for next_packet().
+    std::string read_until_tls_fails();
     bool wait_closed();   // the client closed; bytes read meanwhile stay for next_packet()
     bool wait_readable(); // the client sent unread bytes; reads nothing, so a blocked writer stays blocked
     void close();         // orderly: end of stream (FIN) to the client
@@ -99,6 +109,8 @@ private:
 
     int fd_ = -1;                      // the socket, non-blocking; -1 when none
     SSL *ssl_ = nullptr;               // the TLS session over fd_, or null
+    std::unique_ptr<int> key_updates_; // KeyUpdate messages received (the TLS session's callback counts)
+    int key_updates_seen_ = 0;         // of which had arrived at the last key_update()
     std::string tls_error_;            // why the TLS handshake failed
     std::string in_;                   // received bytes not yet returned as packets
     std::string batch_;                // bytes collected since batch()

@@ -1,7 +1,7 @@
 /*
  * tls_test.cpp - tls:// handles: every way an open can fail, each with its
- * own code and cause; key updates in the middle of reads and writes; the
- * options call's checks and file errors; mutual
+ * own code and cause; key updates in the middle of reads and writes, a
+ * forged record; the options call's checks and file errors; mutual
  * TLS through the C API and the C++ API against hspaced, which refuses a
  * client without a certificate and a plain-TCP client at the handshake; the
  * identity hspaced reads from a client certificate. Certificates come from
@@ -116,6 +116,12 @@ TEST_F(Tls, EveryFailedOpenReadsAsItsCause)
          KRO_ERR_TLS_CLIENT_CERT, "the service refused our client certificate (sslv3 alert certificate expired)"},
         {"TLS 1.1 only", Fake(Certs().server, false, TLS1_1_VERSION, TLS1_VERSION), {}, refuse,
          KRO_ERR_TLS_HANDSHAKE, "TLS handshake failed: tlsv1 alert protocol version"},
+        {"a tcp:// handle, the service closes half-way through its reply", std::nullopt, plain,
+         [&](FakeConnection &c) { c.expect_handshake(), c.send_raw(reply.substr(0, 9)), c.close(); },
+         KRO_ERR_PEER_CLOSED, "the service closed the connection before its handshake reply"},
+        {"a tcp:// handle, the service answers with bytes that are no packet", std::nullopt, plain,
+         [](FakeConnection &c) { c.expect_handshake(), c.send_raw(std::string(8, '\x16')), c.wait_closed(); },
+         KRO_ERR_INVALID_PACKET, "the service's answer is no handshake reply"},
         {"a tcp:// handle, the service answers with a TLS alert", std::nullopt, plain,
          [](FakeConnection &c) { c.expect_handshake(), c.send_raw(std::string("\x15\x03\x03\x00\x02\x02\x46", 7)), c.close(); },
          KRO_ERR_PEER_CLOSED, "the service answered in TLS: use a tls:// URL"},
@@ -159,10 +165,9 @@ TEST_F(Tls, ServerNameOptionAndARetriedOpen)
 }
 
 // The service updates its keys and asks the client to update its own while
-// a large put is being written and answers are being read: the reader's
-// read then has to write (the client's KeyUpdate) while the writer is in
-// the middle of a record. Every answer arrives, the put completes, and the
-// service reads the whole put intact.
+// a large put is being written and answers are being read. Every answer
+// arrives, the put completes, the service reads the whole put intact, and
+// the client's own key update goes out ahead of its next write.
 TEST_F(Tls, KeyUpdatesWhileAWriteAndReadsAreUnderWay)
 {
     FakeTls tls = ServiceTls();
@@ -177,18 +182,39 @@ TEST_F(Tls, KeyUpdatesWhileAWriteAndReadsAreUnderWay)
     ASSERT_TRUE(c.conn.wait_readable()); // the put is under way
     const uint32_t n = 64;
     for (uint32_t i = 1; i <= n; i++) {
-        if (i % 16 == 1) ASSERT_TRUE(c.conn.key_update());
+        if (i % 16 == 1) {
+            ASSERT_TRUE(c.conn.key_update());
+        }
         ASSERT_TRUE(c.conn.object(get.rr->corrid, codec::kOpGet, "a", std::string(32u << 10, 'a'), n, i));
     }
     Packet p = c.conn.next_packet();
     ASSERT_TRUE(p.rr);
     EXPECT_EQ(std::string(8u << 20, 'x'), p.body);
-    ASSERT_TRUE(c.conn.key_update());
     c.conn.reply(p.rr->corrid, 0);
     EXPECT_EQ(0u, put.result());
     ASSERT_TRUE(c.events.wait_count(n));
     EXPECT_EQ(n, c.events.events().back().index);
+    ASSERT_TRUE(c.conn.key_update());
+    ASSERT_TRUE(c.conn.notify("after", 1, "update")); // read after the update: the next write answers it
+    ASSERT_TRUE(c.events.wait_count(n + 1));
     EXPECT_TRUE(Barrier(c));
+    EXPECT_TRUE(c.conn.await_key_update());
+}
+
+// A forged record while nothing is being written: the reader's read fails
+// its check, the link fails, and the service learns why from the alert
+// OpenSSL wrote during that read, which the reader sent itself.
+TEST_F(Tls, AForgedRecordEndsTheLinkAndTheServiceIsTold)
+{
+    FakeTls tls = ServiceTls();
+    FakeService svc(tls);
+    Client c(svc);
+    ASSERT_TRUE(c.open());
+    ASSERT_TRUE(c.conn.send_beneath_tls(std::string("\x17\x03\x03\x00\x20", 5) + std::string(32, 'f')));
+    EXPECT_EQ("sslv3 alert bad record mac", c.conn.read_until_tls_fails());
+    ASSERT_TRUE(c.events.wait_count(1));
+    EXPECT_EQ(HSPACE_EVENT_LINK_FAIL, c.events.events()[0].type);
+    EXPECT_EQ(KRO_ERR_NET, c.events.events()[0].status);
 }
 
 // The options call: argument, version and state checks, and every file it
@@ -221,7 +247,8 @@ TEST_F(Tls, OptionsAreCheckedAndFilesReadAtOnce)
         {nullptr, z.alice.cert.c_str(), nullptr, "cannot use the key file " + z.alice.cert + ": "},
         {nullptr, z.alice.cert.c_str(), z.bob.key.c_str(),
          "the key in " + z.bob.key + " does not belong to the certificate in " + z.alice.cert},
-        {nullptr, z.alice.cert.c_str(), z.locked_key.c_str(), "cannot use the key file " + z.locked_key + ": "},
+        {nullptr, z.alice.cert.c_str(), z.locked_key.c_str(),
+         "cannot use the key file " + z.locked_key + ": it is encrypted, and no passphrase is asked for"},
         {nullptr, nullptr, z.alice.key.c_str(), "the key file " + z.alice.key + " is given without a certificate file"},
     };
     for (const auto &b : bad) {
