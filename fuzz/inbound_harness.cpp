@@ -98,7 +98,8 @@ void run(const uint8_t *data, size_t size)
     h->event_handler = on_event;
     kro_llist_create(&h->reqtable);
     KRO_CHECK(kro_mutex_create(KRO_MT_FAST, &h->mutex) == 0 && kro_mutex_create(KRO_MT_FAST, &h->mutex_close) == 0);
-    KRO_CHECK(kro_cond_create(&h->cond) == 0);
+    new (&h->send_state) std::atomic<uint32_t>(0);
+    new (&h->link_error) std::atomic<t_kro_error>(0);
     t_kro_llist objects = NULL;
     kro_llist_create(&objects);
     t_qel_hspace_request owned[4] = {NULL, NULL, NULL, NULL};

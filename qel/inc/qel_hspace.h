@@ -77,6 +77,12 @@ typedef enum qel_hspace_remove_semantic {
 #define HSPACE_GET_FLAG_KEY_ONLY 0x4   /* objects without their values */
 #define HSPACE_POST_FLAG_NO_IMAGE 0x2  /* no initial image */
 #define HSPACE_POST_FLAG_KEY_ONLY 0x4  /* image and notifications without values */
+/* With HSPACE_POST_FLAG_NO_IMAGE: when the service's success reply to the
+ * post arrives, the reader thread raises one HSPACE_EVENT_POST_IMAGE event
+ * (status 0, cardinality 0, no object), in stream order, so every
+ * notification raised after it follows the subscription's start. Library
+ * only: never sent; ignored without HSPACE_POST_FLAG_NO_IMAGE. */
+#define HSPACE_POST_FLAG_START_EVENT 0x100
 
 /* Statuses the service answers with besides the library's own codes
  * (2 no match, 12 invalid argument, 14 not supported, 20 exists); each has
@@ -169,6 +175,10 @@ KRO_API t_kro_error qel_hspace_create(t_qel_hspace_create_data create_data,
  * KRO_ERR_INVALID_PACKET for an answer that is no handshake reply, and
  * KRO_ERR_TLS_HANDSHAKE, _VERIFY, _CLIENT_CERT, _CONFIG, _TIMEOUT. */
 KRO_API t_kro_error qel_hspace_open(t_qel_hspace hspace);
+
+/* qel_hspace_open with a bound of timeout_ms milliseconds instead of
+ * QEL_HSPACE_OPEN_TIMEOUT_MS; 0 waits without bound. */
+KRO_API t_kro_error qel_hspace_open_timed(t_qel_hspace hspace, t_kro_uint4 timeout_ms);
 
 /* TLS options of a tls:// handle. Set version to
  * QEL_HSPACE_TLS_OPTIONS_VERSION; a null member takes its default. Files
@@ -273,6 +283,43 @@ KRO_API t_kro_error qel_hspace_cancel(t_qel_hspace hspace, t_kro_str key,
 /* Deletes what is stored under key. flags is unused. */
 KRO_API t_kro_error qel_hspace_remove(t_qel_hspace hspace, t_kro_str key,
                                       t_qel_hspace_remove_semantic semantic, t_kro_int4 flags);
+
+/* ---- timed data operations ----
+ * The calls above with a deadline timeout_ms milliseconds from the call
+ * (0: none, exactly the untimed call). It covers waiting for the turn to
+ * send (requests go out one at a time, in call order), the write, and for a
+ * synchronous call the wait for the answer; when it passes the call returns
+ * KRO_ERR_TIMEOUT:
+ * - before the write started: the request is withdrawn, nothing was sent;
+ * - during the write, part of the packet sent: the stream is unusable, so
+ *   the handle fails as on a broken link (HSPACE_STATE_FAILED by the time
+ *   the call returns; every other outstanding request completes with
+ *   KRO_ERR_TIMEOUT, then HSPACE_EVENT_LINK_FAIL with KRO_ERR_TIMEOUT);
+ * - waiting for the answer: the request leaves the request table, so a late
+ *   answer reaches no one and what it carries is freed. Objects a
+ *   synchronous get received before the deadline stay in its list; none is
+ *   added after the call returned. A timed-out post may still be registered
+ *   by the service (its notifications then arrive; cancel the key to be
+ *   sure); a timed-out cancel ends the local subscription as its answer
+ *   would have.
+ * An asynchronous get, a no-reply put or remove is bounded up to the end of
+ * its write; the answers of an asynchronous get come as events whenever
+ * they come. Argument and state checks are those of the untimed calls. */
+KRO_API t_kro_error qel_hspace_put_timed(t_qel_hspace hspace, t_qel_hspace_object object,
+                                         t_qel_hspace_put_semantic semantic, t_kro_int4 flags,
+                                         t_kro_uint4 timeout_ms);
+KRO_API t_kro_error qel_hspace_get_timed(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
+                                         t_qel_hspace_get_semantic semantic, t_kro_int4 flags,
+                                         t_kro_llist objects, t_kro_uint4 timeout_ms);
+KRO_API t_kro_error qel_hspace_post_timed(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
+                                          t_qel_hspace_post_semantic semantic, t_kro_byte triggers,
+                                          t_kro_int4 flags, t_kro_uint4 timeout_ms);
+KRO_API t_kro_error qel_hspace_cancel_timed(t_qel_hspace hspace, t_kro_str key,
+                                            t_qel_hspace_cancel_semantic semantic, t_kro_int4 flags,
+                                            t_kro_uint4 timeout_ms);
+KRO_API t_kro_error qel_hspace_remove_timed(t_qel_hspace hspace, t_kro_str key,
+                                            t_qel_hspace_remove_semantic semantic, t_kro_int4 flags,
+                                            t_kro_uint4 timeout_ms);
 
 #ifdef __cplusplus
 }

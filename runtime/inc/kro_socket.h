@@ -12,6 +12,7 @@
 
 #include "kro.h"
 #include "kro_buf.h"
+#include <stdint.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -63,6 +64,24 @@ t_kro_error kro_socket_read(t_kro_socket socket, t_kro_buf buf, t_kro_uint4 *byt
  * never raising SIGPIPE; 0 means all were sent. pos is left unchanged. */
 t_kro_error kro_socket_write_single(t_kro_socket socket, t_kro_buf buf,
                                     t_kro_uint4 *bytes_transferred);
+
+/* One piece of a gathered write: len bytes at ptr. */
+typedef struct kro_socket_chunk {
+    const void *ptr;
+    t_kro_uint4 len;
+} t_kro_socket_chunk;
+
+/* Sends the bytes of the count chunks in their order as one stream (in one
+ * system call when the socket takes them all), retrying partial writes and
+ * EINTR, never raising SIGPIPE; stores the bytes sent, also on failure.
+ * deadline is a monotonic time in nanoseconds (kro_wake.h), 0 for none; it
+ * bounds the write alone (the socket's own deadline is not consulted):
+ * KRO_ERR_TIMEOUT once it has passed, checked before the first byte too, so
+ * a count of 0 then means nothing was sent. A write cut by
+ * kro_socket_interrupt is KRO_ERR_INTERRUPTED, any other failure
+ * KRO_ERR_NET. Writers are serialised by the caller. */
+t_kro_error kro_socket_write_gather(t_kro_socket socket, const t_kro_socket_chunk *chunks, t_kro_uint4 count,
+                                    uint64_t deadline, t_kro_uint4 *bytes_transferred);
 
 /* Makes a read blocked in another thread return KRO_ERR_INTERRUPTED
  * promptly; later reads fail the same way. */

@@ -44,15 +44,17 @@ void kro_tls_release(t_kro_tls tls);
  * socket's deadline, checking the peer's certificate for name; *conn is
  * the connection, null on failure (the reason recorded on the socket). */
 t_kro_error kro_tls_conn_open(t_kro_socket socket, t_kro_tls tls, const char *name, int fd, kro_tls_conn **conn);
-/* kro_socket_read and kro_socket_write_single over TLS: one reader, one
- * writer at a time, any thread interrupting (see kro_tls.cpp). */
+/* kro_socket_read, and kro_socket_write_gather (and _single) over TLS,
+ * the write bounded by the monotonic deadline in nanoseconds (0: none):
+ * one reader, one writer at a time, any thread interrupting (see
+ * kro_tls.cpp). */
 t_kro_error kro_tls_conn_read(t_kro_socket socket, kro_tls_conn *conn, t_kro_byte *p, t_kro_uint4 n,
                               t_kro_uint4 *got);
-t_kro_error kro_tls_conn_write(t_kro_socket socket, kro_tls_conn *conn, const t_kro_byte *p, t_kro_uint4 n,
-                               t_kro_uint4 *sent);
+t_kro_error kro_tls_conn_write(t_kro_socket socket, kro_tls_conn *conn, const t_kro_socket_chunk *chunks,
+                               t_kro_uint4 count, uint64_t deadline, t_kro_uint4 *sent);
 /* Queues a close_notify and sends it unless a writer is sending; best
  * effort, never waits for the network. */
-void kro_tls_conn_close_notify(t_kro_socket socket, kro_tls_conn *conn);
+void kro_tls_conn_close_notify(kro_tls_conn *conn);
 /* Frees the connection (not the descriptor) and clears *conn; no other
  * thread may use it any more. */
 void kro_tls_conn_free(kro_tls_conn **conn);

@@ -17,6 +17,8 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -28,6 +30,7 @@
 #include "kro_llist.h"
 #include "kro_private.h"
 #include "kro_socket.h"
+#include "kro_wake.h"
 
 struct kro_socket {
     t_kro_socket_client_create_data create_data; /* addresses; owned, freed in destroy */
@@ -283,7 +286,12 @@ t_kro_error kro_socket_write_single(t_kro_socket socket, t_kro_buf buf,
     if (fd < 0) return KRO_ERR_NOT_CONNECTED;
     p = (const t_kro_byte *)buf->ptr + buf->pos;
     length = buf->lim - buf->pos;
-    if (kro_tls_conn *conn = socket->tls_conn.load()) return kro_tls_conn_write(socket, conn, p, length, bytes_transferred);
+    if (kro_tls_conn *conn = socket->tls_conn.load()) {
+        t_kro_socket_chunk chunk = {p, length};
+        int ms = kro_socket_remaining_ms(socket);
+        uint64_t deadline = ms < 0 ? 0 : kro_clock_now_ns() + (uint64_t)ms * 1000000u + 1u;
+        return kro_tls_conn_write(socket, conn, &chunk, 1, deadline, bytes_transferred);
+    }
     while (total < length) {
         if (socket->bounded && kro_socket_wait(socket, fd, POLLOUT) == ETIMEDOUT) {
             kro_em_net_error_set(ETIMEDOUT);
@@ -303,6 +311,89 @@ t_kro_error kro_socket_write_single(t_kro_socket socket, t_kro_buf buf,
     return 0;
 }
 
+#define KRO_SOCKET_GATHER_MAX 8 /* chunks one gathered write takes */
+
+/* Waits until fd can take more bytes or the monotonic deadline passes.
+ * Returns 0 or ETIMEDOUT. A failed poll counts as ready: the next send
+ * reports the error. */
+static int kro_socket_wait_writable(int fd, uint64_t deadline)
+{
+    struct pollfd pfd;
+    struct timespec left;
+    uint64_t now = kro_clock_now_ns();
+    if (now >= deadline) return ETIMEDOUT;
+    left.tv_sec = (time_t)((deadline - now) / 1000000000u);
+    left.tv_nsec = (long)((deadline - now) % 1000000000u);
+    pfd.fd = fd;
+    pfd.events = POLLOUT;
+    return ppoll(&pfd, 1, &left, NULL) == 0 ? ETIMEDOUT : 0;
+}
+
+/* One sendmsg per pass over the chunks not yet sent: blocking without a
+ * deadline (close's shutdown ends it), else non-blocking with a wait for
+ * room that the deadline bounds. */
+t_kro_error kro_socket_write_gather(t_kro_socket socket, const t_kro_socket_chunk *chunks, t_kro_uint4 count,
+                                    uint64_t deadline, t_kro_uint4 *bytes_transferred)
+{
+    struct iovec iov[KRO_SOCKET_GATHER_MAX];
+    t_kro_uint4 first = 0; /* first chunk not wholly sent */
+    t_kro_uint4 offset = 0; /* bytes of it already sent */
+    t_kro_uint4 total = 0;
+    int fd;
+    if (socket == NULL || (chunks == NULL && count != 0) || count > KRO_SOCKET_GATHER_MAX ||
+        bytes_transferred == NULL)
+        return KRO_ERR_INVALID_ARG;
+    *bytes_transferred = 0;
+    fd = socket->fd.load();
+    if (fd < 0) return KRO_ERR_NOT_CONNECTED;
+    if (socket->interrupted.load()) return KRO_ERR_INTERRUPTED;
+    if (deadline != 0 && kro_clock_now_ns() >= deadline) {
+        kro_em_net_error_set(ETIMEDOUT);
+        return KRO_ERR_TIMEOUT;
+    }
+    if (kro_tls_conn *conn = socket->tls_conn.load())
+        return kro_tls_conn_write(socket, conn, chunks, count, deadline, bytes_transferred);
+    for (;;) {
+        struct msghdr msg;
+        t_kro_uint4 n = 0;
+        ssize_t sent;
+        while (first < count && chunks[first].len == offset) first++, offset = 0;
+        if (first == count) break;
+        for (t_kro_uint4 i = first; i < count; i++) {
+            if (chunks[i].len == (i == first ? offset : 0)) continue;
+            iov[n].iov_base = (t_kro_byte *)chunks[i].ptr + (i == first ? offset : 0);
+            iov[n].iov_len = chunks[i].len - (i == first ? offset : 0);
+            n++;
+        }
+        memset(&msg, 0, sizeof msg);
+        msg.msg_iov = iov;
+        msg.msg_iovlen = n;
+        sent = sendmsg(fd, &msg, MSG_NOSIGNAL | (deadline != 0 ? MSG_DONTWAIT : 0));
+        if (sent < 0) {
+            if (errno == EINTR) continue;
+            if (deadline != 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+                if (kro_socket_wait_writable(fd, deadline) == 0) continue;
+                kro_em_net_error_set(ETIMEDOUT);
+                *bytes_transferred = total;
+                return KRO_ERR_TIMEOUT;
+            }
+            kro_em_net_error_set(errno);
+            *bytes_transferred = total;
+            return socket->interrupted.load() ? KRO_ERR_INTERRUPTED : KRO_ERR_NET;
+        }
+        total += (t_kro_uint4)sent;
+        while (sent > 0) {
+            t_kro_uint4 step = chunks[first].len - offset;
+            if ((size_t)sent < step) step = (t_kro_uint4)sent;
+            offset += step;
+            sent -= step;
+            if (offset == chunks[first].len) first++, offset = 0;
+        }
+    }
+    *bytes_transferred = total;
+    return 0;
+}
+
 /* Marks the socket interrupted and shuts the connection down both ways,
  * which wakes a recv blocked on another thread. Sticky: later reads fail
  * with KRO_ERR_INTERRUPTED. 0 also when not connected. */
@@ -312,7 +403,7 @@ t_kro_error kro_socket_interrupt(t_kro_socket socket)
     if (socket == NULL) return KRO_ERR_INVALID_ARG;
     socket->interrupted.store(true);
     fd = socket->fd.load();
-    if (kro_tls_conn *conn = fd >= 0 ? socket->tls_conn.load() : NULL) kro_tls_conn_close_notify(socket, conn);
+    if (kro_tls_conn *conn = fd >= 0 ? socket->tls_conn.load() : NULL) kro_tls_conn_close_notify(conn);
     if (fd >= 0 && shutdown(fd, SHUT_RDWR) != 0 && errno != ENOTCONN) {
         kro_em_net_error_set(errno);
         return KRO_ERR_NET;

@@ -63,6 +63,7 @@
 #include "kro_mutex.h"
 #include "kro_private.h"
 #include "kro_socket.h"
+#include "kro_wake.h"
 
 #define KRO_SCOPED_CAPABILITY KRO_TS_ATTR(scoped_lockable)
 #define KRO_ACQUIRED_BEFORE(...) KRO_TS_ATTR(acquired_before(__VA_ARGS__))
@@ -91,6 +92,7 @@ private:
 };
 
 constexpr t_kro_uint4 kChunk = 64u * 1024u;       /* plaintext bytes one SSL_write takes at most */
+constexpr t_kro_uint4 kStage = 16u * 1024u;       /* small pieces of a write copied together: one record */
 constexpr size_t kRawRead = 17u * 1024u;          /* bytes one recv() asks for: a whole record */
 
 } // namespace
@@ -329,16 +331,27 @@ static t_kro_error kro_tls_failure(t_kro_socket socket, kro_tls_conn *c, int err
 
 /* ---- moving bytes ---- */
 
-/* Waits for events on c's descriptor within the socket's deadline. 0,
- * ETIMEDOUT, or the errno of poll. */
-static int kro_tls_poll(t_kro_socket socket, kro_tls_conn *c, short events)
+/* The socket's deadline (open's) as a monotonic time in nanoseconds; 0
+ * for none. */
+static uint64_t kro_tls_socket_deadline(t_kro_socket socket)
+{
+    int ms = kro_socket_remaining_ms(socket);
+    return ms < 0 ? 0 : kro_clock_now_ns() + (uint64_t)ms * 1000000u + 1u;
+}
+
+/* Waits for events on c's descriptor until the monotonic deadline (not 0).
+ * 0, ETIMEDOUT, or the errno of poll. */
+static int kro_tls_poll(kro_tls_conn *c, short events, uint64_t deadline)
 {
     struct pollfd pfd = {c->fd, events, 0};
     int rc;
     do {
-        rc = poll(&pfd, 1, kro_socket_remaining_ms(socket));
-    } while (rc < 0 && errno == EINTR);
-    return rc < 0 ? errno : rc == 0 ? ETIMEDOUT : 0;
+        uint64_t now = kro_clock_now_ns();
+        if (now >= deadline) return ETIMEDOUT;
+        uint64_t ms = (deadline - now + 999999u) / 1000000u;
+        rc = poll(&pfd, 1, ms > 0x7FFFFFFFu ? 0x7FFFFFFF : (int)ms);
+    } while ((rc < 0 && errno == EINTR) || rc == 0);
+    return rc < 0 ? errno : 0;
 }
 
 /* The result of moving bytes through the descriptor: done, the peer
@@ -351,7 +364,8 @@ enum { KRO_TLS_EOF = -1 };
 static int kro_tls_recv(t_kro_socket socket, kro_tls_conn *c, size_t *n)
 {
     ssize_t got;
-    int waited = kro_socket_remaining_ms(socket) >= 0 ? kro_tls_poll(socket, c, POLLIN) : 0;
+    uint64_t deadline = kro_tls_socket_deadline(socket);
+    int waited = deadline != 0 ? kro_tls_poll(c, POLLIN, deadline) : 0;
     if (waited != 0) return waited;
     do {
         got = recv(c->fd, c->raw, sizeof c->raw, 0);
@@ -365,9 +379,9 @@ static int kro_tls_recv(t_kro_socket socket, kro_tls_conn *c, size_t *n)
 /* Sends what OpenSSL has written, in order: first what is left of sending,
  * then what the out BIO holds, until the first target bytes ever written
  * are out, or until nothing is left. block: a send may wait for the socket
- * (within the deadline); else one that would wait returns EAGAIN, the
- * bytes kept for the next sender. send held. */
-static int kro_tls_send_out(t_kro_socket socket, kro_tls_conn *c, bool block, uint64_t target) KRO_REQUIRES(c->send)
+ * until the monotonic deadline (0: without bound); else one that would
+ * wait returns EAGAIN, the bytes kept for the next sender. send held. */
+static int kro_tls_send_out(kro_tls_conn *c, bool block, uint64_t deadline, uint64_t target) KRO_REQUIRES(c->send)
 {
     while (c->sent_total < target) {
         if (c->sent == c->sending.size()) {
@@ -379,14 +393,15 @@ static int kro_tls_send_out(t_kro_socket socket, kro_tls_conn *c, bool block, ui
             KRO_CHECK(BIO_read(c->out, c->sending.data(), (int)pending) == (int)pending);
             c->taken += pending;
         }
-        int waited = block && kro_socket_remaining_ms(socket) >= 0 ? kro_tls_poll(socket, c, POLLOUT) : 0;
-        if (waited != 0) return waited;
-        int flags = MSG_NOSIGNAL | (block && kro_socket_remaining_ms(socket) < 0 ? 0 : MSG_DONTWAIT);
+        int flags = MSG_NOSIGNAL | (block && deadline == 0 ? 0 : MSG_DONTWAIT);
         ssize_t n = send(c->fd, c->sending.data() + c->sent, c->sending.size() - c->sent, flags);
         if (n >= 0) {
             c->sent += (size_t)n;
             c->sent_total += (uint64_t)n;
-        } else if (errno != EINTR && (errno != EAGAIN || !block)) {
+        } else if (errno == EAGAIN && block) {
+            int waited = kro_tls_poll(c, POLLOUT, deadline);
+            if (waited != 0) return waited;
+        } else if (errno != EINTR) {
             return errno;
         }
     }
@@ -403,10 +418,10 @@ static bool kro_tls_out_pending(kro_tls_conn *c)
 /* Sends what OpenSSL has written, only if no one else is sending and only
  * as far as the socket takes it at once: the reader's (and an interrupt's)
  * way. What stays is sent by the next writer. */
-static void kro_tls_try_flush(t_kro_socket socket, kro_tls_conn *c)
+static void kro_tls_try_flush(kro_tls_conn *c)
 {
     if (!c->send.try_lock()) return; // the holder looks at the out BIO again when it lets go
-    (void)kro_tls_send_out(socket, c, false, UINT64_MAX);
+    (void)kro_tls_send_out(c, false, 0, UINT64_MAX);
     c->send.unlock();
 }
 
@@ -416,13 +431,13 @@ static void kro_tls_try_flush(t_kro_socket socket, kro_tls_conn *c)
  * failing on them, what others wrote meanwhile (a close_notify, a key
  * update's answer), looking at the out BIO again after letting send go, so
  * that bytes a reader could not send meanwhile are not left behind. */
-static int kro_tls_flush(t_kro_socket socket, kro_tls_conn *c, uint64_t target)
+static int kro_tls_flush(kro_tls_conn *c, uint64_t deadline, uint64_t target)
 {
     c->send.lock();
-    int rc = kro_tls_send_out(socket, c, true, target);
-    if (rc == 0) (void)kro_tls_send_out(socket, c, false, UINT64_MAX);
+    int rc = kro_tls_send_out(c, true, deadline, target);
+    if (rc == 0) (void)kro_tls_send_out(c, false, 0, UINT64_MAX);
     c->send.unlock();
-    if (rc == 0 && kro_tls_out_pending(c)) kro_tls_try_flush(socket, c);
+    if (rc == 0 && kro_tls_out_pending(c)) kro_tls_try_flush(c);
     return rc;
 }
 
@@ -532,7 +547,7 @@ t_kro_error kro_tls_conn_open(t_kro_socket socket, t_kro_tls tls, const char *na
             written = kro_tls_written(c);
         }
         /* What the handshake wrote goes out first, an alert of a failure too. */
-        io = kro_tls_flush(socket, c, written);
+        io = kro_tls_flush(c, kro_tls_socket_deadline(socket), written);
         if (error != 0 || rc == 1) break;
         if (io == 0) io = kro_tls_recv(socket, c, &n);
         if (io != 0) {
@@ -568,7 +583,7 @@ t_kro_error kro_tls_conn_read(t_kro_socket socket, kro_tls_conn *c, t_kro_byte *
                 if (rc <= 0 && err != SSL_ERROR_WANT_READ && !kro_socket_is_interrupted(socket))
                     error = kro_tls_failure(socket, c, err, false);
             }
-            if (wrote) kro_tls_try_flush(socket, c);
+            if (wrote) kro_tls_try_flush(c);
             if (rc > 0) {
                 *got = (t_kro_uint4)rc;
                 return 0;
@@ -587,36 +602,70 @@ t_kro_error kro_tls_conn_read(t_kro_socket socket, kro_tls_conn *c, t_kro_byte *
     }
 }
 
-/* Encrypts at most kChunk bytes at a time and sends them before the next:
- * the out BIO never holds more than about one chunk. */
-t_kro_error kro_tls_conn_write(t_kro_socket socket, kro_tls_conn *c, const t_kro_byte *p, t_kro_uint4 n,
-                               t_kro_uint4 *sent)
+/* Encrypts n bytes at p (at most kChunk), adds them to *sent once
+ * encrypted (they are on their way whatever follows), and sends them with
+ * everything written before them, within the deadline. */
+static t_kro_error kro_tls_commit(t_kro_socket socket, kro_tls_conn *c, const t_kro_byte *p, t_kro_uint4 n,
+                                  uint64_t deadline, t_kro_uint4 *sent)
 {
-    t_kro_uint4 total = 0;
-    *sent = 0;
-    while (total < n) {
-        t_kro_uint4 chunk = n - total < kChunk ? n - total : kChunk;
-        int rc;
-        t_kro_error error = 0;
-        uint64_t written;
-        {
-            Guard guard(c->ssl);
-            ERR_clear_error();
-            rc = SSL_write(c->tls, p + total, (int)chunk);
-            if (rc <= 0 && !kro_socket_is_interrupted(socket))
-                error = kro_tls_failure(socket, c, SSL_get_error(c->tls, rc), false);
-            written = kro_tls_written(c);
-        }
-        if (rc <= 0) return kro_socket_is_interrupted(socket) ? KRO_ERR_INTERRUPTED : error;
-        int io = kro_tls_flush(socket, c, written);
-        if (io != 0) return kro_tls_io_failure(socket, io, false);
-        total += (t_kro_uint4)rc;
-        *sent = total;
+    int rc;
+    t_kro_error error = 0;
+    uint64_t written;
+    {
+        Guard guard(c->ssl);
+        ERR_clear_error();
+        rc = SSL_write(c->tls, p, (int)n);
+        if (rc <= 0 && !kro_socket_is_interrupted(socket))
+            error = kro_tls_failure(socket, c, SSL_get_error(c->tls, rc), false);
+        written = kro_tls_written(c);
     }
-    return 0;
+    if (rc <= 0) return kro_socket_is_interrupted(socket) ? KRO_ERR_INTERRUPTED : error;
+    KRO_CHECK((t_kro_uint4)rc == n); // a memory BIO takes every record
+    *sent += n;
+    int io = kro_tls_flush(c, deadline, written);
+    return io == 0 ? 0 : kro_tls_io_failure(socket, io, false);
 }
 
-void kro_tls_conn_close_notify(t_kro_socket socket, kro_tls_conn *c)
+/* Nothing is encrypted before what others left is out and the socket
+ * takes bytes, so a deadline that passes first leaves the stream as it
+ * was (nothing sent). Then the chunks go in records: pieces under kStage
+ * bytes copied together (a small packet is one record), larger ones
+ * encrypted where they are, at most kChunk bytes at a time. */
+t_kro_error kro_tls_conn_write(t_kro_socket socket, kro_tls_conn *c, const t_kro_socket_chunk *chunks,
+                               t_kro_uint4 count, uint64_t deadline, t_kro_uint4 *sent)
+{
+    t_kro_byte stage[kStage];
+    t_kro_uint4 staged = 0;
+    t_kro_error error = 0;
+    *sent = 0;
+    c->send.lock();
+    int io = kro_tls_send_out(c, true, deadline, UINT64_MAX);
+    if (io == 0 && deadline != 0) io = kro_tls_poll(c, POLLOUT, deadline);
+    c->send.unlock();
+    if (io != 0) return kro_tls_io_failure(socket, io, false);
+    for (t_kro_uint4 i = 0; i < count && error == 0; i++) {
+        const t_kro_byte *p = (const t_kro_byte *)chunks[i].ptr;
+        t_kro_uint4 left = chunks[i].len;
+        while (left > 0 && error == 0) {
+            t_kro_uint4 take;
+            if (staged == 0 && left >= kStage) { // large: encrypted where it is
+                take = left < kChunk ? left : kChunk;
+                error = kro_tls_commit(socket, c, p, take, deadline, sent);
+            } else {
+                take = left < kStage - staged ? left : kStage - staged;
+                memcpy(stage + staged, p, take);
+                staged += take;
+                if (staged == kStage) error = kro_tls_commit(socket, c, stage, staged, deadline, sent), staged = 0;
+            }
+            p += take;
+            left -= take;
+        }
+    }
+    if (error == 0 && staged > 0) error = kro_tls_commit(socket, c, stage, staged, deadline, sent);
+    return error;
+}
+
+void kro_tls_conn_close_notify(kro_tls_conn *c)
 {
     {
         Guard guard(c->ssl);
@@ -625,5 +674,5 @@ void kro_tls_conn_close_notify(t_kro_socket socket, kro_tls_conn *c)
         SSL_shutdown(c->tls);
         ERR_clear_error();
     }
-    kro_tls_try_flush(socket, c);
+    kro_tls_try_flush(c);
 }

@@ -232,9 +232,14 @@ public:
         });
     }
 
-    void read(std::string_view key, bool key_only, Read done) override
+    void read(std::string_view key, bool key_only, Read done) override { range(key, key_only, 0, std::move(done)); }
+
+    // A Range of key (or of a pattern's prefix) as it was at revision, or
+    // as it is now when revision is 0; done gets the revision read at.
+    void range(std::string_view key, bool key_only, int64_t revision, Read done)
     {
         auto call = new_call<pb::RangeRequest, pb::RangeResponse>();
+        call->req.set_revision(revision);
         if (is_pattern(key)) {
             std::string prefix = prefix_ + std::string(key.substr(0, key.size() - 1));
             call->req.set_range_end(range_end(prefix));
@@ -243,7 +248,7 @@ public:
             call->req.set_key(prefix_ + std::string(key));
         }
         call->req.set_keys_only(key_only);
-        attempt(call, [this](auto *ctx, auto *req, auto *resp, auto cb) { kv_->async()->Range(ctx, req, resp, std::move(cb)); }, [this, call, done](const grpc::Status &s) {
+        attempt(call, [this](auto *ctx, auto *req, auto *resp, auto cb) { kv_->async()->Range(ctx, req, resp, std::move(cb)); }, [this, call, done, revision](const grpc::Status &s) {
             if (!s.ok()) return failed("get", s, [&] { done(status_of(s), 0, {}); });
             std::vector<ObjectView> objects;
             objects.reserve(call->resp.kvs_size());
@@ -252,7 +257,7 @@ public:
                 if (k.compare(0, prefix_.size(), prefix_) != 0) continue;
                 objects.push_back(ObjectView{k.substr(prefix_.size()), kv.value()});
             }
-            done(0, call->resp.header().revision(), objects);
+            done(0, revision != 0 ? revision : call->resp.header().revision(), objects);
         });
     }
 
@@ -276,8 +281,10 @@ public:
             waiting_.push_back(Waiting{std::string(key), key_only, with_objects, std::move(done)});
             return;
         }
+        // The image is read at the revision the feed has delivered, so that
+        // the changes after it are exactly those the feed delivers next.
         if (!with_objects) return done(0, delivered_, {});
-        read(key, key_only, std::move(done));
+        range(key, key_only, delivered_, std::move(done));
     }
 
     void close() override

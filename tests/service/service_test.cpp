@@ -489,6 +489,195 @@ TEST_P(ServiceTest, ValuesAreBoundedAndAnswersOverTheBoundArePaced)
     EXPECT_EQ(server_->stats().dropped_slow.load(), 0u);
 }
 
+TEST_P(ServiceTest, QueuedAnswersKeepTheValuesTheyWereMadeWith)
+{
+    // Pipelined by a client that reads nothing until all is sent: the
+    // answer to the first get still waits to be sent when the next put
+    // replaces the value (large values are sent from the stored string
+    // itself), and must go out as it was; a subscriber's notifications too.
+    RawClient raw(server_->port(), 4096), sub(server_->port(), 4096);
+    sub.send(request(codec::kOpPost, "big", 1u, codec::kSemSync, codec::kFlagNoImage));
+    ASSERT_TRUE(sub.next().rr->is_success());
+    const std::string a(200 * 1024, 'a'), b(200 * 1024, 'b'), c(100, 'c');
+    raw.send(request(codec::kOpPut, "big", 1u, codec::kSemSync, 0, a) + request(codec::kOpGet, "big", 2u) +
+             request(codec::kOpPut, "big", 3u, codec::kSemSync, 0, b) + request(codec::kOpGet, "big", 4u) +
+             request(codec::kOpPut, "big", 5u, codec::kSemSync, 0, c) + request(codec::kOpGet, "big", 6u) +
+             request(codec::kOpRemove, "big", 7u) + request(codec::kOpGet, "big", 8u));
+    const std::pair<uint32_t, const std::string *> answers[] = {{1, nullptr}, {2, &a}, {3, nullptr}, {4, &b},
+                                                                {5, nullptr}, {6, &c}, {7, nullptr}, {8, nullptr}};
+    for (const auto &[corrid, value] : answers) {
+        codec::Packet p = raw.next();
+        ASSERT_TRUE(p.rr.has_value()) << corrid;
+        EXPECT_EQ(p.rr->corrid, corrid);
+        EXPECT_EQ(p.rr->error(), corrid == 8 ? KRO_ERR_NO_MATCH : 0u) << corrid;
+        EXPECT_TRUE(value == nullptr || p.body == *value) << corrid << ": " << p.body.substr(0, 8);
+    }
+    for (const std::string *value : {&a, &b, &c}) {
+        codec::Packet p = sub.next();
+        EXPECT_TRUE(p.hspace && p.hspace->triggers == 1 && p.body == *value) << p.body.substr(0, 8);
+    }
+    codec::Packet removed = sub.next();
+    EXPECT_TRUE(removed.hspace && removed.hspace->triggers == 2 && removed.body.empty());
+}
+
+// What a raw connection received: notifications, replies and objects in
+// arrival order.
+struct Seen {
+    bool note;          // a notification (else an answer to corrid)
+    std::string key;    // notification or object key
+    std::string value;  // notification or object value
+    uint32_t corrid;    // answer: its correlation id
+    uint32_t status;    // answer: its error, 0 on success
+    uint32_t num;       // object: its number (1..count); 0 for a bare reply
+    uint32_t count;     // object: the count
+};
+
+Seen seen(const codec::Packet &p)
+{
+    if (p.hspace && p.hspace->opcode == codec::kOpNotification)
+        return Seen{true, p.hspace->key, p.body, 0, 0, 0, 0};
+    EXPECT_TRUE(p.rr.has_value());
+    Seen s{false, p.hspace ? p.hspace->key : "", p.body, p.rr ? p.rr->corrid : 0, p.rr ? p.rr->error() : 0, 0, 0};
+    if (p.hspace && p.rr) s.num = p.rr->num(), s.count = p.rr->count();
+    return s;
+}
+
+// Sends one post and reads, into log, up to its reply and its image's end:
+// the last object, or the no-match reply. Its reply's status.
+uint32_t post_raw(RawClient &raw, std::vector<Seen> &log, const std::string &key, uint32_t corrid, int32_t flags,
+                  uint8_t triggers = 0)
+{
+    std::string out;
+    codec::encode_request(out, codec::Request{0, codec::kOpPost, codec::kSemSync, triggers, 0, flags, key, corrid, ""});
+    raw.send(out);
+    bool replied = false;
+    for (;;) {
+        codec::Packet p = raw.next();
+        if (p.wirelen == 0) return ~0u;
+        log.push_back(seen(p));
+        const Seen &s = log.back();
+        if (s.note || s.corrid != corrid) continue;
+        if (!replied) {
+            replied = true;
+            if (s.status != 0 || (flags & codec::kFlagNoImage) != 0) return s.status;
+        } else if (s.num == s.count) { // the last object, or the no-match reply (0 of 0)
+            return 0;
+        }
+    }
+}
+
+// Whether the key or pattern subscribed selects key.
+bool selects(const std::string &subscribed, const std::string &key)
+{
+    if (subscribed.empty() || subscribed.back() != '*') return subscribed == key;
+    return key.compare(0, subscribed.size() - 1, subscribed, 0, subscribed.size() - 1) == 0;
+}
+
+TEST_P(ServiceTest, PostsAmidWritesSendTheChangesUpToTheImageBeforeTheReplyAndOnlyLaterOnesAfterIt)
+{
+    // Connection a subscribes to every key written before any write, then
+    // posts subscriptions inside, over and beside it while a writer puts
+    // "n/(i % 5)" = i for i = 0, 1, ...; connection b posts an exact key
+    // first, then a pattern over it.
+    RawClient a(server_->port()), b(server_->port());
+    std::vector<Seen> log_a, log_b;
+    ASSERT_EQ(post_raw(a, log_a, "n/*", 1, codec::kFlagNoImage), 0u);
+    std::atomic<bool> posted{false};
+    std::promise<void> begun; // a few writes made
+    int written = 0;
+    std::thread writer([&] {
+        Client w(*server_);
+        for (int i = 0; i < 100000 && (i < 20 || !posted); i++, written = i) {
+            if (i == 3) begun.set_value();
+            if (w.put("n/" + std::to_string(i % 5), std::to_string(i)) != 0u) break;
+        }
+    });
+    EXPECT_EQ(begun.get_future().wait_for(kBound), std::future_status::ready);
+    const struct {
+        const char *key;
+        int32_t flags;
+        uint8_t triggers;
+        uint32_t status;
+    } posts[] = {
+        {"n/1", 0, 0, 0},                               // an exact key inside the pattern
+        {"n/2", codec::kFlagKeyOnly, 0, 0},             // key only: the pattern still wants values
+        {"n*", 0, 0, 0},                                // a pattern over the first
+        {"n/3", codec::kFlagNoImage, 0, 0},             // no image
+        {"n/4", 0, hspace::service::kTriggerRemoved, 0}, // a mask that selects none of the puts
+        {"N/1", 0, 0, KRO_ERR_EXISTS},                  // the same key, in other letters
+        {"m/*", 0, 0, 0},                               // beside: nothing there
+    };
+    uint32_t corrid = 10;
+    for (const auto &post : posts)
+        EXPECT_EQ(post_raw(a, log_a, post.key, ++corrid, post.flags, post.triggers), post.status) << post.key;
+    ASSERT_EQ(post_raw(b, log_b, "n/0", 1, 0), 0u);
+    ASSERT_EQ(post_raw(b, log_b, "n/*", 2, 0), 0u);
+    // Cancels find their subscription, or none.
+    for (const auto &[key, status] : {std::pair<const char *, uint32_t>{"N/1", 0}, {"n/1", 2}, {"n/9", 2}}) {
+        a.send(request(codec::kOpCancel, key, ++corrid));
+        do log_a.push_back(seen(a.next()));
+        while (log_a.back().note);
+        EXPECT_EQ(log_a.back().corrid, corrid);
+        EXPECT_EQ(log_a.back().status, status) << key;
+    }
+    posted = true;
+    writer.join();
+    ASSERT_GE(written, 20);
+    const std::string last = std::to_string(written - 1);
+    for (auto [raw, log] : {std::pair<RawClient *, std::vector<Seen> *>{&a, &log_a}, {&b, &log_b}})
+        for (bool got = std::any_of(log->begin(), log->end(), [&](const Seen &s) { return s.note && s.value == last; });
+             !got; got = log->back().note && log->back().value == last) {
+            log->push_back(seen(raw->next()));
+            ASSERT_FALSE(log->back().key.empty() && log->back().corrid == 0) << "stream ended";
+        }
+
+    // a: every write notified once, in order, with its value (a's first
+    // subscription wants values); each image holds exactly the state the
+    // notifications before its reply describe.
+    int next = 0;
+    std::map<std::string, std::string> state; // key -> value, from a's notifications so far
+    for (size_t i = 0; i < log_a.size(); i++) {
+        const Seen &s = log_a[i];
+        if (s.note) {
+            EXPECT_EQ(s.key + "=" + s.value, "n/" + std::to_string(next % 5) + "=" + std::to_string(next)) << i;
+            next++;
+            state[s.key] = s.value;
+            continue;
+        }
+        size_t p = s.corrid - 11;
+        if (p >= std::size(posts) || s.num != 0 || s.status != 0 || (posts[p].flags & codec::kFlagNoImage)) continue;
+        Pairs want, got;
+        for (const auto &[k, v] : state)
+            if (selects(posts[p].key, k)) want.emplace_back(k, posts[p].flags & codec::kFlagKeyOnly ? "" : v);
+        for (size_t j = i + 1; j < log_a.size() && !log_a[j].note && log_a[j].corrid == s.corrid && log_a[j].num != 0;
+             j++)
+            got.emplace_back(log_a[j].key, log_a[j].value);
+        EXPECT_EQ(got, want) << posts[p].key << " after " << next << " writes";
+    }
+    EXPECT_EQ(next, written);
+
+    // b: before the pattern's reply, n/0 alone; the pattern's image holds
+    // n/0 as b last saw it; after the image, every later write once, in
+    // order, from the one after the newest in the image.
+    std::string n0;
+    size_t i = 0;
+    for (; i < log_b.size() && !(log_b[i].corrid == 2 && log_b[i].num == 0); i++) {
+        EXPECT_TRUE(log_b[i].key == "n/0" || log_b[i].key.empty()) << log_b[i].key;
+        if (log_b[i].key == "n/0") n0 = log_b[i].value;
+    }
+    int newest = -1;
+    for (i++; i < log_b.size() && !log_b[i].note; i++) {
+        EXPECT_EQ(log_b[i].corrid, 2u);
+        if (log_b[i].key == "n/0") {
+            EXPECT_EQ(log_b[i].value, n0);
+        }
+        if (!log_b[i].value.empty()) newest = std::max(newest, std::stoi(log_b[i].value));
+    }
+    for (next = newest + 1; i < log_b.size(); i++, next++)
+        EXPECT_EQ(log_b[i].key + "=" + log_b[i].value, "n/" + std::to_string(next % 5) + "=" + std::to_string(next));
+    EXPECT_EQ(next, written);
+}
+
 std::string store_name(const ::testing::TestParamInfo<std::string> &info) { return info.param; }
 INSTANTIATE_TEST_SUITE_P(Stores, ServiceTest,
                          ::testing::ValuesIn(QEL_TEST_ETCD ? Lines{"memory", "etcd"} : Lines{"memory"}), store_name);
@@ -568,7 +757,12 @@ TEST_P(EtcdTest, FailoverOfAMemberThenAnOutageAndRecovery)
     EXPECT_EQ(c.put("f/lost", std::string("x")), kStatusStoreUnavailable);
     EXPECT_TRUE(c.get("f/1", 0, kStatusStoreUnavailable).empty());
     EXPECT_EQ(c.remove("f/1"), kStatusStoreUnavailable);
-    EXPECT_EQ(show(c.wait_events(1)), (Lines{"note 4 f/*"})); // trigger 4: ended
+    // Trigger 4 (ended), the cause as its value.
+    std::vector<Event> ended = c.wait_events(1);
+    ASSERT_EQ(ended.size(), 1u);
+    EXPECT_EQ(ended[0].trigger, HSPACE_TRIGGER_ENDED);
+    EXPECT_EQ(ended[0].object_key, "f/*");
+    EXPECT_NE(ended[0].object_value.find("etcd"), std::string::npos) << ended[0].object_value;
     c.events.reset();
     EXPECT_EQ(c.post("g"), kStatusStoreUnavailable);
     // The ended subscription is still the client's until it cancels it.

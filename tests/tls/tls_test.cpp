@@ -11,7 +11,6 @@
 
 #include "client_harness.h"
 #include "qel_hspace.hpp"
-#include "qel_hspacep.h" // qel_hspace_open_timed
 #include "server.h"
 #include "transport.h"
 

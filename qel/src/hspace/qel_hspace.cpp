@@ -837,6 +837,8 @@ static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro
     request->in_event = 0;
     request->abandoned = 0;
     request->cancelled = 0;
+    request->start_event = 0;
+    request->call = NULL;
     request->corrid_next = NULL;
     request->key_next = NULL;
     request->key_hash = 0;
@@ -863,16 +865,6 @@ static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro
     }
     qel_hspace_request_link(hspace, request);
     return request;
-}
-
-/* Blocks until the request is complete and returns its status. The mutex
- * is released while waiting. */
-static t_kro_error qel_hspace_request_reply_wait(t_qel_hspace_request request)
-{
-    t_qel_hspace hspace = request->hspace;
-    KRO_CHECK(request->sync_ctx != NULL);
-    while (!request->sync_ctx->complete) kro_cond_wait(hspace->cond, hspace->mutex, KRO_WAIT_FOREVER);
-    return request->sync_ctx->error;
 }
 
 /* The oldest record with corrid, or null. */
@@ -916,15 +908,37 @@ static void qel_hspace_request_destroy(t_qel_hspace_request *request)
     KRO_CHECK(kro_mm_free(request) == 0);
 }
 
+/* Sets bits in a waiting call's wake-up. When the call sleeps, the notify
+ * waits until the mutex is released (qel_hspace_unlock_and_wake), so the
+ * woken thread does not run into the held mutex; a second one decided in
+ * the same hold is made at once. */
+static void qel_hspace_call_wake(t_qel_hspace hspace, struct qel_hspace_call *call, uint32_t bits)
+    KRO_REQUIRES(hspace->mutex)
+{
+    if (!kro_wake_set(&call->wake, bits)) return;
+    if (hspace->wake_pending != NULL) kro_wake_notify(hspace->wake_pending);
+    hspace->wake_pending = &call->wake;
+}
+
+/* Releases the mutex, then notifies the call woken under it, if any. */
+static void qel_hspace_unlock_and_wake(t_qel_hspace hspace) KRO_RELEASE(hspace->mutex)
+{
+    t_kro_wake wake = hspace->wake_pending;
+    hspace->wake_pending = NULL;
+    qel_hspace_unlock(hspace);
+    if (wake != NULL) kro_wake_notify(wake);
+}
+
 /* Ends a record on the reader thread's behalf. A record whose calling
  * thread is still inside its write or has not yet read its status is only
- * unlinked and marked orphaned: that thread frees it once it is back, so no
- * thread touches freed memory. */
-static void qel_hspace_request_end(t_qel_hspace_request request)
+ * unlinked and marked orphaned, and its call woken: that thread frees it
+ * once it is back, so no thread touches freed memory. */
+static void qel_hspace_request_end(t_qel_hspace hspace, t_qel_hspace_request request) KRO_REQUIRES(hspace->mutex)
 {
     if (request->caller_waiting) {
         if (request->head != NULL) qel_hspace_request_unlink(request);
         request->orphaned = 1;
+        if (request->call != NULL) qel_hspace_call_wake(hspace, request->call, QEL_HSPACE_CALL_COMPLETE);
     } else {
         qel_hspace_request_destroy(&request);
     }
@@ -935,6 +949,7 @@ static void qel_hspace_request_end(t_qel_hspace_request request)
  * it when the callback returns. */
 static void qel_hspace_request_abandon(t_qel_hspace_request request)
 {
+    request->call = NULL;
     if (request->in_event) {
         if (request->head != NULL) kro_llist_remove(request);
         request->abandoned = 1;
@@ -948,16 +963,6 @@ static void qel_hspace_request_abandon(t_qel_hspace_request request)
  * by the caller and release it around the callback; notification events
  * are raised without it. Reader thread only.
  * ====================================================================== */
-
-/* Releases the mutex, then wakes the synchronous waiters if a record of
- * theirs completed meanwhile. Mutex held on entry. */
-static void qel_hspace_unlock_and_wake(t_qel_hspace hspace) KRO_RELEASE(hspace->mutex)
-{
-    bool wake = hspace->wake_waiters != 0;
-    hspace->wake_waiters = 0;
-    qel_hspace_unlock(hspace);
-    if (wake) kro_cond_notifyall(hspace->cond);
-}
 
 /* Raises a get-reply or post-image event about request. False when the
  * record's caller gave it up meanwhile: it is then freed here and the
@@ -1004,26 +1009,29 @@ static void qel_hspace_dispatch_notification_event(t_qel_hspace hspace, t_kro_by
 /* ======================================================================
  * Request completion. Called with the handle's mutex held, on the reader
  * thread. Synchronous records are marked complete and unlinked (a post that
- * succeeded stays as the subscription); their waiters are woken once the
- * packet is processed and the mutex released, so a woken caller does not
- * block again on the mutex; their callers free them. Asynchronous gets and open subscription images end
- * with a reply-image event.
+ * succeeded stays as the subscription), and only their own caller is
+ * woken, once the mutex is released, so a woken caller does not block
+ * again on it; their callers free them. Asynchronous gets and open
+ * subscription images end with a reply-image event.
  * ====================================================================== */
 
+/* Completes a synchronous record with error; remove unlinks it. The last
+ * touch of the record: its caller may free it as soon as it is woken. */
 static void qel_hspace_complete_sync_request(t_qel_hspace hspace, t_qel_hspace_request request, t_kro_error error,
-                                             t_kro_bool notify, t_kro_bool remove) KRO_REQUIRES(hspace->mutex)
+                                             t_kro_bool remove) KRO_REQUIRES(hspace->mutex)
 {
-    KRO_CHECK(request->sync_ctx != NULL);
+    KRO_CHECK(request->sync_ctx != NULL && !request->sync_ctx->complete);
     request->sync_ctx->complete = 1;
     request->sync_ctx->error = error;
     if (remove && request->head != NULL) qel_hspace_request_unlink(request);
-    if (notify) hspace->wake_waiters = 1;
+    if (request->call != NULL) qel_hspace_call_wake(hspace, request->call, QEL_HSPACE_CALL_COMPLETE);
 }
 
 static void qel_hspace_complete_async_request_with_error(t_qel_hspace hspace, t_qel_hspace_request request,
                                                          t_kro_error error) KRO_REQUIRES(hspace->mutex)
 {
-    if (qel_hspace_dispatch_reply_image_event(hspace, request, error, 0, 0, NULL)) qel_hspace_request_end(request);
+    if (qel_hspace_dispatch_reply_image_event(hspace, request, error, 0, 0, NULL))
+        qel_hspace_request_end(hspace, request);
 }
 
 static void qel_hspace_complete_async_request_with_no_match(t_qel_hspace hspace, t_qel_hspace_request request)
@@ -1033,7 +1041,7 @@ static void qel_hspace_complete_async_request_with_no_match(t_qel_hspace hspace,
     if (request->opcode == HSPACE_OPCODE_POST)
         request->initial_image_complete = 1;
     else
-        qel_hspace_request_end(request);
+        qel_hspace_request_end(hspace, request);
 }
 
 /* Completes request with a status-only answer. */
@@ -1058,13 +1066,16 @@ static void qel_hspace_complete_request(t_qel_hspace hspace, t_qel_hspace_reques
             t_qel_hspace_request post = qel_hspace_request_get_post_before(hspace, request->key, request);
             if (post != NULL) {
                 if (post->sync_ctx->complete)
-                    qel_hspace_request_end(post);
+                    qel_hspace_request_end(hspace, post);
                 else
                     post->cancelled = 1;
             }
         }
         keep = request->opcode == HSPACE_OPCODE_POST && status == 0 && !request->cancelled;
-        qel_hspace_complete_sync_request(hspace, request, status, 1, keep ? 0 : 1);
+        qel_hspace_complete_sync_request(hspace, request, status, keep ? 0 : 1);
+        /* The start of a subscription without image, where it lies in the
+         * stream; the caller, already woken, cannot free it meanwhile. */
+        if (keep && request->start_event) qel_hspace_dispatch_reply_image_event(hspace, request, 0, 0, 0, NULL);
         return;
     }
     /* Asynchronous get or subscription. A success reply, or any reply to a
@@ -1079,7 +1090,7 @@ static void qel_hspace_complete_request(t_qel_hspace hspace, t_qel_hspace_reques
 }
 
 /* Abandons every outstanding request with status (never 0), oldest first,
- * then wakes every waiter. The first record is re-read on every pass, so
+ * waking each one's caller. The first record is re-read on every pass, so
  * records freed while a callback runs do not disturb the walk. */
 static void qel_hspace_complete_all_requests(t_qel_hspace hspace, t_kro_error status) KRO_REQUIRES(hspace->mutex)
 {
@@ -1088,12 +1099,10 @@ static void qel_hspace_complete_all_requests(t_qel_hspace hspace, t_kro_error st
     while ((n = kro_llist_first(hspace->reqtable)) != NULL) {
         t_qel_hspace_request request = (t_qel_hspace_request)n;
         if (request->opcode == HSPACE_OPCODE_POST && request->sync_ctx->complete && request->initial_image_complete)
-            qel_hspace_request_end(request);
+            qel_hspace_request_end(hspace, request);
         else
             qel_hspace_complete_request(hspace, request, status);
     }
-    hspace->wake_waiters = 0;
-    kro_cond_notifyall(hspace->cond);
 }
 
 /* ======================================================================
@@ -1177,11 +1186,11 @@ static void qel_hspace_process_object(t_qel_hspace hspace, t_qel_hspace_packet p
         /* Synchronous get: the caller's list, in arrival order. */
         qel_hspace_object_create_from_packet(packet, &object);
         kro_llist_append(request->sync_ctx->replies, object);
-        if (num == count) qel_hspace_complete_sync_request(hspace, request, error, 1, 1);
+        if (num == count) qel_hspace_complete_sync_request(hspace, request, error, 1);
     } else if (request != NULL && request->opcode == HSPACE_OPCODE_GET) {
         qel_hspace_object_create_from_packet(packet, &object);
         if (qel_hspace_dispatch_reply_image_event(hspace, request, 0, count, num, object) && num == count)
-            qel_hspace_request_end(request);
+            qel_hspace_request_end(hspace, request);
     } else if (request != NULL && request->opcode == HSPACE_OPCODE_POST && request->sync_ctx->complete) {
         /* An active subscription; objects for a post whose own reply has
          * not arrived are dropped. */
@@ -1248,19 +1257,25 @@ static void qel_hspace_reader_entry_point(t_kro_ptr ptr)
     }
     qel_hspace_lock(hspace);
     state = hspace->state.load();
-    KRO_CHECK(state == HSPACE_STATE_OPEN || state == HSPACE_STATE_CLOSING);
+    KRO_CHECK(state != HSPACE_STATE_INIT);
     /* Decided once, under the mutex: a read that failed after an
      * application thread's close cut the socket is that close, never a
-     * link failure. */
-    if (state == HSPACE_STATE_OPEN && !hspace->closing.load())
+     * link failure. A writer that failed the link (a deadline cut its
+     * write) set FAILED and the cause before cutting the socket. */
+    if (state == HSPACE_STATE_OPEN && !hspace->closing.load()) {
+        hspace->link_error.store(error);
         qel_hspace_close_final(hspace, error, HSPACE_STATE_FAILED);
-    else
+    } else if (state == HSPACE_STATE_FAILED) {
+        error = hspace->link_error.load();
+        qel_hspace_close_final(hspace, error, HSPACE_STATE_FAILED);
+    } else {
         qel_hspace_close_final(hspace, KRO_ERR_CLOSED, HSPACE_STATE_CLOSED);
+    }
     /* A callback's close during the failure's sweep turns it into a close;
      * an application thread's close leaves FAILED alone until this thread
      * has ended. */
     failed = hspace->state.load() == HSPACE_STATE_FAILED;
-    qel_hspace_unlock(hspace);
+    qel_hspace_unlock_and_wake(hspace);
     if (failed) {
         t_qel_hspace_fail_event_data_struct event_data;
         event_data.error = error;
@@ -1314,6 +1329,8 @@ extern "C" KRO_API t_kro_error qel_hspace_create(t_qel_hspace_create_data create
     new (&h->state) std::atomic<t_qel_hspace_state>(HSPACE_STATE_INIT);
     new (&h->closing) std::atomic<t_kro_bool>(0);
     new (&h->closers) std::atomic<int>(0);
+    new (&h->send_state) std::atomic<uint32_t>(0);
+    new (&h->link_error) std::atomic<t_kro_error>(0);
     kro_str_assign(&h->service_url, create_data->service_url);
     kro_str_assign(&h->client_name, create_data->client_name != NULL ? create_data->client_name : "anonymous");
     kro_str_assign(&h->client_group, create_data->client_group != NULL ? create_data->client_group : "default");
@@ -1327,7 +1344,6 @@ extern "C" KRO_API t_kro_error qel_hspace_create(t_qel_hspace_create_data create
     kro_llist_create(&h->reqtable);
     KRO_CHECK(kro_mutex_create(KRO_MT_FAST, &h->mutex) == 0);
     KRO_CHECK(kro_mutex_create(KRO_MT_FAST, &h->mutex_close) == 0);
-    KRO_CHECK(kro_cond_create(&h->cond) == 0);
     h->state.store(HSPACE_STATE_INIT);
     return 0;
 }
@@ -1416,7 +1432,7 @@ static t_kro_error qel_hspace_handshake(t_qel_hspace hspace, t_kro_uint2 *servic
     return error;
 }
 
-t_kro_error qel_hspace_open_timed(t_qel_hspace hspace, t_kro_uint4 timeout_ms)
+extern "C" KRO_API t_kro_error qel_hspace_open_timed(t_qel_hspace hspace, t_kro_uint4 timeout_ms)
 {
     t_kro_error error;
     t_kro_str name = NULL;
@@ -1544,7 +1560,6 @@ static void qel_hspace_destroy_final(t_qel_hspace *hspace)
     if (h->socket != NULL) KRO_CHECK(kro_socket_destroy(&h->socket) == 0);
     if (h->mutex != NULL) KRO_CHECK(kro_mutex_destroy(&h->mutex) == 0);
     if (h->mutex_close != NULL) KRO_CHECK(kro_mutex_destroy(&h->mutex_close) == 0);
-    if (h->cond != NULL) KRO_CHECK(kro_cond_destroy(&h->cond) == 0);
     if (h->reqtable != NULL) kro_llist_destroy(&h->reqtable);
     if (h->readbuf != NULL) kro_buf_release(&h->readbuf);
     if (h->service_url != NULL) KRO_CHECK(kro_mm_free(&h->service_url) == 0);
@@ -1556,6 +1571,8 @@ static void qel_hspace_destroy_final(t_qel_hspace *hspace)
     h->state.~atomic();
     h->closing.~atomic();
     h->closers.~atomic();
+    h->send_state.~atomic();
+    h->link_error.~atomic();
     KRO_CHECK(kro_mm_free(hspace) == 0);
 }
 
@@ -1609,11 +1626,18 @@ extern "C" KRO_API t_kro_error qel_hspace_object_destroy(t_qel_hspace_object *ob
 
 /* ======================================================================
  * Data operations. Checks run without the lock in a fixed order: 7, then
- * 12, then 14, then 13, then 23. The mutex is then held to the return,
- * except during the socket write and while a synchronous caller waits for
- * its completion. Writes go out one at a time in the order their records
- * were made, so the wire carries requests in request-table order.
+ * 12, then 14, then 13, then 23. The mutex is then taken to make the
+ * request and join the send queue, and released for the write and for the
+ * wait for the answer. Writes go out one at a time in the order their
+ * records were made, so the wire carries requests in request-table order.
+ * Each call waits on its own wake-up (struct qel_hspace_call): a
+ * completion wakes its own caller, a finished write the next writer only.
  * ====================================================================== */
+
+/* Internal result of qel_hspace_send: the call's request was completed or
+ * ended before its turn came; nothing was sent. Never returned to the
+ * application. */
+#define QEL_HSPACE_ENDED 0xFFFFFFFFu
 
 /* A key the wire can carry: at most 65535 bytes. */
 static bool qel_hspace_key_ok(t_kro_str key)
@@ -1630,37 +1654,6 @@ static t_kro_error qel_hspace_check_open(t_qel_hspace hspace)
     return 0;
 }
 
-/* Flips buf and sends it with one write once every earlier send has gone
- * out. Mutex held; released while waiting for the turn and during the
- * write, so a peer that stops reading holds up neither the reader thread
- * nor close. The caller keeps buf (and a record holding it: caller_waiting
- * is set) alive until this returns. A write that close cut short is
- * KRO_ERR_CLOSED. */
-static t_kro_error qel_hspace_send(t_qel_hspace hspace, t_kro_buf buf) KRO_REQUIRES(hspace->mutex)
-{
-    t_kro_uint4 bytes_transferred = 0;
-    uint64_t ticket = hspace->send_next++;
-    t_kro_error error;
-    kro_buf_flip(buf);
-    while (hspace->send_turn != ticket) kro_cond_wait(hspace->cond, hspace->mutex, KRO_WAIT_FOREVER);
-    qel_hspace_unlock(hspace);
-    error = kro_socket_write_single(hspace->socket, buf, &bytes_transferred);
-    qel_hspace_lock(hspace);
-    hspace->send_turn++;
-    kro_cond_notifyall(hspace->cond);
-    if (error != 0 && hspace->closing.load()) error = KRO_ERR_CLOSED;
-    return error;
-}
-
-/* Waits for a synchronous record whose packet went out, then checks that
- * no object was filed under it (only gets receive objects). Mutex held. */
-static t_kro_error qel_hspace_wait_status(t_qel_hspace_request request)
-{
-    t_kro_error error = qel_hspace_request_reply_wait(request);
-    KRO_CHECK(request->sync_ctx->replies->num_elements == 0);
-    return error;
-}
-
 /* Takes the mutex and tests the state again: true with the mutex held,
  * false (the caller returns KRO_ERR_INVALID_STATE) with it released. */
 static bool qel_hspace_lock_open(t_qel_hspace hspace) KRO_TRY_ACQUIRE(true, hspace->mutex)
@@ -1671,28 +1664,231 @@ static bool qel_hspace_lock_open(t_qel_hspace hspace) KRO_TRY_ACQUIRE(true, hspa
     return false;
 }
 
-/* Sends buf for a put, cancel or remove and, when request is set (it then
- * takes buf over), waits for the status; frees the request or releases
- * buf. Mutex held. */
-static t_kro_error qel_hspace_send_for_status(t_qel_hspace hspace, t_qel_hspace_request request, t_kro_buf buf)
-    KRO_REQUIRES(hspace->mutex)
+/* A call starting now with a deadline timeout_ms from now (0: none). */
+static void qel_hspace_call_init(struct qel_hspace_call *call, t_kro_uint4 timeout_ms)
 {
-    t_kro_error error;
-    if (request != NULL) request->buf = buf;
-    error = qel_hspace_send(hspace, buf);
-    if (error == 0 && request != NULL) error = qel_hspace_wait_status(request);
-    if (request == NULL)
-        kro_buf_release(&buf);
+    call->wake.word.store(0, std::memory_order_relaxed);
+    call->send_next = NULL;
+    call->deadline = kro_deadline_after_ms(timeout_ms);
+}
+
+/* Takes the send turn when it is free, else queues call behind the calls
+ * waiting for it. True when the turn is the caller's now. Mutex held, so
+ * the queue's order is the request table's. */
+static bool qel_hspace_send_enter(t_qel_hspace hspace, struct qel_hspace_call *call) KRO_REQUIRES(hspace->mutex)
+{
+    uint32_t state = hspace->send_state.load(std::memory_order_relaxed);
+    for (;;) {
+        if (state == 0) {
+            if (hspace->send_state.compare_exchange_weak(state, 1, std::memory_order_acquire)) return true;
+        } else if (state == 1) {
+            if (hspace->send_state.compare_exchange_weak(state, 2, std::memory_order_relaxed)) break;
+        } else {
+            break; /* 2 changes only under the mutex */
+        }
+    }
+    call->send_next = NULL;
+    if (hspace->send_tail != NULL)
+        hspace->send_tail->send_next = call;
     else
-        qel_hspace_request_abandon(request);
+        hspace->send_head = call;
+    hspace->send_tail = call;
+    return false;
+}
+
+/* Hands the turn the caller holds to the oldest waiting call, or frees it.
+ * Mutex held. */
+static void qel_hspace_send_pass(t_qel_hspace hspace) KRO_REQUIRES(hspace->mutex)
+{
+    struct qel_hspace_call *next = hspace->send_head;
+    if (next == NULL) {
+        hspace->send_state.store(0, std::memory_order_release);
+        return;
+    }
+    hspace->send_head = next->send_next;
+    if (hspace->send_head == NULL) {
+        hspace->send_tail = NULL;
+        hspace->send_state.store(1, std::memory_order_relaxed);
+    }
+    qel_hspace_call_wake(hspace, next, QEL_HSPACE_CALL_GRANTED);
+}
+
+/* Gives up the turn after a write: one atomic operation and no lock when
+ * no call waits for it. Mutex not held. */
+static void qel_hspace_send_leave(t_qel_hspace hspace)
+{
+    uint32_t busy = 1;
+    if (hspace->send_state.compare_exchange_strong(busy, 0, std::memory_order_release)) return;
+    qel_hspace_lock(hspace);
+    qel_hspace_send_pass(hspace);
+    qel_hspace_unlock_and_wake(hspace);
+}
+
+/* Takes a call that was not granted the turn out of the send queue. Mutex
+ * held. */
+static void qel_hspace_send_withdraw(t_qel_hspace hspace, struct qel_hspace_call *call) KRO_REQUIRES(hspace->mutex)
+{
+    struct qel_hspace_call **slot = &hspace->send_head;
+    struct qel_hspace_call *prev = NULL;
+    while (*slot != call) {
+        KRO_CHECK(*slot != NULL);
+        prev = *slot;
+        slot = &prev->send_next;
+    }
+    *slot = call->send_next;
+    if (hspace->send_tail == call) hspace->send_tail = prev;
+    if (hspace->send_head == NULL) hspace->send_state.store(1, std::memory_order_relaxed); /* the writer's alone */
+}
+
+/* A write the deadline cut part-way: the stream is unusable. Fails the
+ * handle as a broken link does: the cause stored, state FAILED, the socket
+ * cut, so that the reader thread leaves its read, completes every
+ * outstanding request with error and raises HSPACE_EVENT_LINK_FAIL. Nothing
+ * when a close or another ending came first. Mutex not held. */
+static void qel_hspace_fail_link(t_qel_hspace hspace, t_kro_error error)
+{
+    bool failed = false;
+    qel_hspace_lock(hspace);
+    if (hspace->state.load() == HSPACE_STATE_OPEN && !hspace->closing.load()) {
+        hspace->link_error.store(error);
+        hspace->state.store(HSPACE_STATE_FAILED);
+        failed = true;
+    }
+    qel_hspace_unlock(hspace);
+    if (failed) KRO_CHECK(kro_socket_interrupt(hspace->socket) == 0);
+}
+
+/* Why a write cannot be made on a handle that is no longer open. */
+static t_kro_error qel_hspace_ended_error(t_qel_hspace hspace)
+{
+    t_kro_error link = hspace->link_error.load();
+    if (hspace->closing.load() || hspace->state.load() != HSPACE_STATE_FAILED || link == 0) return KRO_ERR_CLOSED;
+    return link;
+}
+
+/* Writes one packet, given as count chunks, when the call's turn comes.
+ * Entered with the mutex held, right after the call's request (if any) was
+ * made; returns with it released. Neither the wait for the turn nor the
+ * write holds the mutex, so a peer that stops reading holds up neither the
+ * reader thread nor close. Returns 0 once every byte is sent;
+ * KRO_ERR_TIMEOUT when the deadline passed (before the first byte: nothing
+ * was sent; after it: the handle has failed); QEL_HSPACE_ENDED when the
+ * request was ended while the call waited for its turn; KRO_ERR_CLOSED for
+ * a handle closed meanwhile or a write a close cut short; the link's error
+ * on a failed handle; else the socket's error. The caller keeps the bytes,
+ * and its record (caller_waiting is set), alive until this returns. */
+static t_kro_error qel_hspace_send(t_qel_hspace hspace, struct qel_hspace_call *call,
+                                   const t_kro_socket_chunk *chunks, t_kro_uint4 count) KRO_RELEASE(hspace->mutex)
+{
+    t_kro_uint4 sent = 0;
+    t_kro_error error;
+    if (!qel_hspace_send_enter(hspace, call)) {
+        uint32_t bits;
+        qel_hspace_unlock(hspace);
+        kro_wake_wait(&call->wake, QEL_HSPACE_CALL_GRANTED | QEL_HSPACE_CALL_COMPLETE, call->deadline);
+        qel_hspace_lock(hspace);
+        /* Under the mutex every bit set so far is visible. */
+        bits = call->wake.word.load(std::memory_order_relaxed);
+        if ((bits & QEL_HSPACE_CALL_GRANTED) == 0) {
+            qel_hspace_send_withdraw(hspace, call);
+            qel_hspace_unlock(hspace);
+            return (bits & QEL_HSPACE_CALL_COMPLETE) != 0 ? QEL_HSPACE_ENDED : KRO_ERR_TIMEOUT;
+        }
+        if ((bits & QEL_HSPACE_CALL_COMPLETE) != 0 || hspace->state.load() != HSPACE_STATE_OPEN) {
+            qel_hspace_send_pass(hspace);
+            qel_hspace_unlock_and_wake(hspace);
+            return (bits & QEL_HSPACE_CALL_COMPLETE) != 0 ? QEL_HSPACE_ENDED : qel_hspace_ended_error(hspace);
+        }
+    }
+    qel_hspace_unlock(hspace);
+    error = kro_socket_write_gather(hspace->socket, chunks, count, call->deadline, &sent);
+    if (error == KRO_ERR_TIMEOUT && sent > 0) qel_hspace_fail_link(hspace, KRO_ERR_TIMEOUT);
+    qel_hspace_send_leave(hspace);
+    if (error != 0 && error != KRO_ERR_TIMEOUT && (hspace->closing.load() || hspace->state.load() != HSPACE_STATE_OPEN))
+        error = qel_hspace_ended_error(hspace);
     return error;
 }
 
-extern "C" KRO_API t_kro_error qel_hspace_put(t_qel_hspace hspace, t_qel_hspace_object object,
-                                              t_qel_hspace_put_semantic semantic, t_kro_int4 flags)
+/* A one-chunk packet: buf from 0 to pos, as the encoders leave it. */
+static t_kro_socket_chunk qel_hspace_chunk_of(t_kro_buf buf)
+{
+    t_kro_socket_chunk chunk;
+    chunk.ptr = buf->ptr;
+    chunk.len = buf->pos;
+    return chunk;
+}
+
+/* Takes back the caller's synchronous record when its call ends without
+ * having seen the completion (a send that failed or was withdrawn, or the
+ * deadline): the completion status when the record was completed
+ * meanwhile, else error with the record taken out of the table, so that a
+ * late answer reaches no one. A cancel whose packet went out ends the
+ * local subscription as its answer would have. Mutex held. */
+static t_kro_error qel_hspace_request_settle(t_qel_hspace hspace, t_qel_hspace_request request, t_kro_error error,
+                                             bool written) KRO_REQUIRES(hspace->mutex)
+{
+    request->call = NULL;
+    request->caller_waiting = 0;
+    if (request->sync_ctx->complete) return request->sync_ctx->error;
+    KRO_CHECK(error != QEL_HSPACE_ENDED);
+    if (written && request->opcode == HSPACE_OPCODE_CANCEL) {
+        t_qel_hspace_request post = qel_hspace_request_get_post_before(hspace, request->key, request);
+        if (post != NULL && post->sync_ctx->complete)
+            qel_hspace_request_end(hspace, post);
+        else if (post != NULL)
+            post->cancelled = 1;
+    }
+    if (request->head != NULL) qel_hspace_request_unlink(request);
+    return error;
+}
+
+/* Waits for the status of the caller's synchronous record (not a post)
+ * whose send returned error, and frees the record. Mutex not held. */
+static t_kro_error qel_hspace_await(t_qel_hspace hspace, struct qel_hspace_call *call, t_qel_hspace_request request,
+                                    t_kro_error error)
+{
+    bool written = error == 0;
+    if (error == 0) {
+        if ((kro_wake_wait(&call->wake, QEL_HSPACE_CALL_COMPLETE, call->deadline) & QEL_HSPACE_CALL_COMPLETE) != 0) {
+            /* Completed and unlinked by the reader thread, which touches
+             * it no more: the record is the caller's alone. */
+            error = request->sync_ctx->error;
+            qel_hspace_request_destroy(&request);
+            return error;
+        }
+        error = KRO_ERR_TIMEOUT;
+    }
+    qel_hspace_lock(hspace);
+    error = qel_hspace_request_settle(hspace, request, error, written);
+    qel_hspace_request_abandon(request);
+    qel_hspace_unlock_and_wake(hspace);
+    return error;
+}
+
+/* Sends buf for a put, cancel or remove and, when request is set (it then
+ * takes buf over), waits for its status; frees the request or releases
+ * buf. Entered with the mutex held; returns with it released. */
+static t_kro_error qel_hspace_send_for_status(t_qel_hspace hspace, struct qel_hspace_call *call,
+                                              t_qel_hspace_request request, t_kro_buf buf) KRO_RELEASE(hspace->mutex)
+{
+    t_kro_socket_chunk chunk = qel_hspace_chunk_of(buf);
+    t_kro_error error;
+    if (request == NULL) {
+        error = qel_hspace_send(hspace, call, &chunk, 1);
+        kro_buf_release(&buf);
+        return error;
+    }
+    request->buf = buf;
+    request->call = call;
+    return qel_hspace_await(hspace, call, request, qel_hspace_send(hspace, call, &chunk, 1));
+}
+
+static t_kro_error qel_hspace_put_call(t_qel_hspace hspace, t_qel_hspace_object object,
+                                       t_qel_hspace_put_semantic semantic, t_kro_int4 flags, t_kro_uint4 timeout_ms)
 {
     t_kro_error error;
     t_qel_hspace_request request = NULL;
+    struct qel_hspace_call call;
     t_kro_buf buf;
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL || object == NULL || object->key == NULL) return KRO_ERR_INVALID_ARG;
@@ -1707,21 +1903,22 @@ extern "C" KRO_API t_kro_error qel_hspace_put(t_qel_hspace hspace, t_qel_hspace_
     if (semantic == HSPACE_PUT_PIPELINED) return KRO_ERR_NOT_SUPPORTED;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
+    qel_hspace_call_init(&call, timeout_ms);
     if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     if (semantic != HSPACE_PUT_NOREPLY)
         request = qel_hspace_request_create(hspace, HSPACE_OPCODE_PUT, object->key, NULL, NULL, 0, 0, NULL);
     buf = qel_hspace_pkt_serialize_put_request(hspace, object, semantic, flags, request ? request->corrid : 0);
-    error = qel_hspace_send_for_status(hspace, request, buf);
-    qel_hspace_unlock(hspace);
-    return error;
+    return qel_hspace_send_for_status(hspace, &call, request, buf);
 }
 
-extern "C" KRO_API t_kro_error qel_hspace_get(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
-                                              t_qel_hspace_get_semantic semantic, t_kro_int4 timeout,
-                                              t_kro_int4 flags, t_kro_llist objects)
+static t_kro_error qel_hspace_get_call(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
+                                       t_qel_hspace_get_semantic semantic, t_kro_int4 timeout, t_kro_int4 flags,
+                                       t_kro_llist objects, t_kro_uint4 timeout_ms)
 {
     t_kro_error error;
     t_qel_hspace_request request;
+    struct qel_hspace_call call;
+    t_kro_socket_chunk chunk;
     bool sync = semantic == HSPACE_GET_SYNC;
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL || key == NULL) return KRO_ERR_INVALID_ARG;
@@ -1731,36 +1928,45 @@ extern "C" KRO_API t_kro_error qel_hspace_get(t_qel_hspace hspace, t_kro_str key
     if (timeout != 0) return KRO_ERR_NOT_SUPPORTED;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
+    qel_hspace_call_init(&call, timeout_ms);
     if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     request = qel_hspace_request_create(hspace, HSPACE_OPCODE_GET, key, urid, NULL, sync ? 0 : 1, sync ? 0 : 1,
                                         sync ? objects : NULL);
     request->buf = qel_hspace_pkt_serialize_get_request(hspace, key, semantic, timeout, flags, request->corrid);
-    error = qel_hspace_send(hspace, request->buf);
-    if (error == 0 && sync) {
-        error = qel_hspace_request_reply_wait(request);
-        if (error == KRO_ERR_NO_MATCH) error = 0;
+    request->call = &call;
+    chunk = qel_hspace_chunk_of(request->buf);
+    error = qel_hspace_send(hspace, &call, &chunk, 1);
+    if (sync) {
+        error = qel_hspace_await(hspace, &call, request, error);
+        return error == KRO_ERR_NO_MATCH ? 0 : error;
     }
+    qel_hspace_lock(hspace);
+    request->call = NULL;
+    request->caller_waiting = 0;
     /* An asynchronous get that the reader thread has already ended, or is
      * raising its event about, returns 0 whatever its write did: its
      * outcome is that event. */
-    if (!sync && error != 0 && (request->orphaned || request->in_event)) error = 0;
-    request->caller_waiting = 0;
-    if (error != 0 || sync || request->orphaned) qel_hspace_request_abandon(request);
+    if (error != 0 && (request->orphaned || request->in_event)) error = 0;
+    KRO_CHECK(error != QEL_HSPACE_ENDED);
+    if (error != 0 || request->orphaned) qel_hspace_request_abandon(request);
     qel_hspace_unlock(hspace);
     return error;
 }
 
-extern "C" KRO_API t_kro_error qel_hspace_post(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
-                                               t_qel_hspace_post_semantic semantic, t_kro_byte triggers,
-                                               t_kro_int4 flags)
+static t_kro_error qel_hspace_post_call(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
+                                        t_qel_hspace_post_semantic semantic, t_kro_byte triggers, t_kro_int4 flags,
+                                        t_kro_uint4 timeout_ms)
 {
     t_kro_error error;
     t_qel_hspace_request request;
+    struct qel_hspace_call call;
+    t_kro_socket_chunk chunk;
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL || key == NULL || semantic != HSPACE_POST_SYNC) return KRO_ERR_INVALID_ARG;
     if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
+    qel_hspace_call_init(&call, timeout_ms);
     qel_hspace_lock(hspace);
     if (qel_hspace_request_get_post(hspace, key) != NULL) {
         qel_hspace_unlock(hspace);
@@ -1772,42 +1978,51 @@ extern "C" KRO_API t_kro_error qel_hspace_post(t_qel_hspace hspace, t_kro_str ke
     }
     request = qel_hspace_request_create(hspace, HSPACE_OPCODE_POST, key, urid, NULL, 1, 0, NULL);
     request->initial_image_complete = (flags & HSPACE_POST_FLAG_NO_IMAGE) ? 1 : 0;
+    request->start_event = (flags & HSPACE_POST_FLAG_NO_IMAGE) && (flags & HSPACE_POST_FLAG_START_EVENT) ? 1 : 0;
     request->buf = qel_hspace_pkt_serialize_post_request(hspace, key, semantic, triggers, flags, request->corrid);
-    error = qel_hspace_send(hspace, request->buf);
-    if (error == 0) error = qel_hspace_wait_status(request);
+    request->call = &call;
+    chunk = qel_hspace_chunk_of(request->buf);
+    error = qel_hspace_send(hspace, &call, &chunk, 1);
+    bool written = error == 0;
+    if (error == 0 &&
+        (kro_wake_wait(&call.wake, QEL_HSPACE_CALL_COMPLETE, call.deadline) & QEL_HSPACE_CALL_COMPLETE) == 0)
+        error = KRO_ERR_TIMEOUT;
+    qel_hspace_lock(hspace);
     /* The status is read: from now on the reader thread may free the
      * subscription itself. A record it ended meanwhile (orphaned), or one
      * a cancel overtook (no longer linked), is ours to free. */
-    request->caller_waiting = 0;
+    error = qel_hspace_request_settle(hspace, request, error, written);
+    KRO_CHECK(request->sync_ctx->replies->num_elements == 0);
     if (error != 0 || request->orphaned || request->head == NULL) qel_hspace_request_abandon(request);
-    qel_hspace_unlock(hspace);
+    qel_hspace_unlock_and_wake(hspace);
     return error;
 }
 
-extern "C" KRO_API t_kro_error qel_hspace_cancel(t_qel_hspace hspace, t_kro_str key,
-                                                 t_qel_hspace_cancel_semantic semantic, t_kro_int4 flags)
+static t_kro_error qel_hspace_cancel_call(t_qel_hspace hspace, t_kro_str key, t_qel_hspace_cancel_semantic semantic,
+                                          t_kro_int4 flags, t_kro_uint4 timeout_ms)
 {
     t_kro_error error;
     t_qel_hspace_request request;
+    struct qel_hspace_call call;
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL || key == NULL || semantic != HSPACE_CANCEL_SYNC) return KRO_ERR_INVALID_ARG;
     if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
+    qel_hspace_call_init(&call, timeout_ms);
     if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     request = qel_hspace_request_create(hspace, HSPACE_OPCODE_CANCEL, key, NULL, NULL, 0, 0, NULL);
-    error = qel_hspace_send_for_status(
-        hspace, request,
+    return qel_hspace_send_for_status(
+        hspace, &call, request,
         qel_hspace_pkt_serialize_cancel_request(hspace, HSPACE_OPCODE_CANCEL, key, semantic, flags, request->corrid));
-    qel_hspace_unlock(hspace);
-    return error;
 }
 
-extern "C" KRO_API t_kro_error qel_hspace_remove(t_qel_hspace hspace, t_kro_str key,
-                                                 t_qel_hspace_remove_semantic semantic, t_kro_int4 flags)
+static t_kro_error qel_hspace_remove_call(t_qel_hspace hspace, t_kro_str key, t_qel_hspace_remove_semantic semantic,
+                                          t_kro_int4 flags, t_kro_uint4 timeout_ms)
 {
     t_kro_error error;
     t_qel_hspace_request request = NULL;
+    struct qel_hspace_call call;
     t_kro_buf buf;
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL || key == NULL) return KRO_ERR_INVALID_ARG;
@@ -1815,11 +2030,77 @@ extern "C" KRO_API t_kro_error qel_hspace_remove(t_qel_hspace hspace, t_kro_str 
     if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
+    qel_hspace_call_init(&call, timeout_ms);
     if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     if (semantic == HSPACE_REMOVE_SYNC)
         request = qel_hspace_request_create(hspace, HSPACE_OPCODE_REMOVE, key, NULL, NULL, 0, 0, NULL);
     buf = qel_hspace_pkt_serialize_remove_request(hspace, key, semantic, flags, request ? request->corrid : 0);
-    error = qel_hspace_send_for_status(hspace, request, buf);
-    qel_hspace_unlock(hspace);
-    return error;
+    return qel_hspace_send_for_status(hspace, &call, request, buf);
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_put(t_qel_hspace hspace, t_qel_hspace_object object,
+                                              t_qel_hspace_put_semantic semantic, t_kro_int4 flags)
+{
+    return qel_hspace_put_call(hspace, object, semantic, flags, 0);
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_put_timed(t_qel_hspace hspace, t_qel_hspace_object object,
+                                                    t_qel_hspace_put_semantic semantic, t_kro_int4 flags,
+                                                    t_kro_uint4 timeout_ms)
+{
+    return qel_hspace_put_call(hspace, object, semantic, flags, timeout_ms);
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_get(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
+                                              t_qel_hspace_get_semantic semantic, t_kro_int4 timeout,
+                                              t_kro_int4 flags, t_kro_llist objects)
+{
+    return qel_hspace_get_call(hspace, key, urid, semantic, timeout, flags, objects, 0);
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_get_timed(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
+                                                    t_qel_hspace_get_semantic semantic, t_kro_int4 flags,
+                                                    t_kro_llist objects, t_kro_uint4 timeout_ms)
+{
+    return qel_hspace_get_call(hspace, key, urid, semantic, 0, flags, objects, timeout_ms);
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_post(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
+                                               t_qel_hspace_post_semantic semantic, t_kro_byte triggers,
+                                               t_kro_int4 flags)
+{
+    return qel_hspace_post_call(hspace, key, urid, semantic, triggers, flags, 0);
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_post_timed(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
+                                                     t_qel_hspace_post_semantic semantic, t_kro_byte triggers,
+                                                     t_kro_int4 flags, t_kro_uint4 timeout_ms)
+{
+    return qel_hspace_post_call(hspace, key, urid, semantic, triggers, flags, timeout_ms);
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_cancel(t_qel_hspace hspace, t_kro_str key,
+                                                 t_qel_hspace_cancel_semantic semantic, t_kro_int4 flags)
+{
+    return qel_hspace_cancel_call(hspace, key, semantic, flags, 0);
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_cancel_timed(t_qel_hspace hspace, t_kro_str key,
+                                                       t_qel_hspace_cancel_semantic semantic, t_kro_int4 flags,
+                                                       t_kro_uint4 timeout_ms)
+{
+    return qel_hspace_cancel_call(hspace, key, semantic, flags, timeout_ms);
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_remove(t_qel_hspace hspace, t_kro_str key,
+                                                 t_qel_hspace_remove_semantic semantic, t_kro_int4 flags)
+{
+    return qel_hspace_remove_call(hspace, key, semantic, flags, 0);
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_remove_timed(t_qel_hspace hspace, t_kro_str key,
+                                                       t_qel_hspace_remove_semantic semantic, t_kro_int4 flags,
+                                                       t_kro_uint4 timeout_ms)
+{
+    return qel_hspace_remove_call(hspace, key, semantic, flags, timeout_ms);
 }

@@ -11,11 +11,11 @@
 
 #include "kro.h"
 #include "kro_buf.h"
-#include "kro_cond.h"
 #include "kro_llist.h"
 #include "kro_mutex.h"
 #include "kro_socket.h"
 #include "kro_thread.h"
+#include "kro_wake.h"
 #include "qel_hspace.h"
 
 /* Wire constants. */
@@ -79,6 +79,20 @@ typedef struct qel_hspace_request_sync_ctx_struct *t_qel_hspace_request_sync_ctx
 /* One outstanding request; every field is guarded by the handle's mutex. */
 struct qel_hspace_request;
 
+/* Bits of a call's wake-up. */
+#define QEL_HSPACE_CALL_GRANTED 0x1u  /* the call's turn to write has come */
+#define QEL_HSPACE_CALL_COMPLETE 0x2u /* the call's request was completed or ended */
+
+/* One data operation in progress, on its calling thread's stack: its place
+ * in the send queue and its own wake-up. Other threads set its wake bits
+ * under the handle's mutex and notify it after releasing the mutex; the
+ * call leaves no pointer to itself behind when it returns. */
+struct qel_hspace_call {
+    struct kro_wake wake;              /* QEL_HSPACE_CALL_ bits */
+    struct qel_hspace_call *send_next; /* mutex: the next call in the send queue */
+    uint64_t deadline;                 /* monotonic nanoseconds; 0: none */
+};
+
 /* An intrusive hash index over the request table: buckets of singly linked
  * chains threaded through a link field of the records, each chain in
  * creation order. Starts on the inline buckets (no allocation while few
@@ -117,6 +131,8 @@ struct qel_hspace_request {
     t_kro_bool in_event;              /* the reader thread is in a callback about it */
     t_kro_bool abandoned;             /* given up by its caller during that callback: the reader frees it */
     t_kro_bool cancelled;             /* post overtaken by a cancel before its own reply */
+    t_kro_bool start_event;           /* post: raise the start event at its success reply */
+    struct qel_hspace_call *call;     /* the call waiting on it (while caller_waiting), else null */
 };
 typedef struct qel_hspace_request *t_qel_hspace_request;
 
@@ -148,16 +164,20 @@ struct qel_hspace_struct {
     t_kro_buf readbuf;         /* received bytes; reader thread (or open) only */
     t_kro_uint4 sno KRO_GUARDED_BY(mutex); /* last correlation id drawn */
     uint64_t seq KRO_GUARDED_BY(mutex); /* creation sequence number of the last request */
-    uint64_t send_next KRO_GUARDED_BY(mutex); /* next send ticket to hand out */
-    uint64_t send_turn KRO_GUARDED_BY(mutex); /* ticket of the write that may go out now */
+    /* The send turn: 0 idle, 1 a write is under way, 2 one is and calls
+     * wait in the send queue. 0 to 1 and 1 to 2 and 2 to 1 under mutex;
+     * 1 to 0 by the writer, without it. */
+    std::atomic<uint32_t> send_state;
+    struct qel_hspace_call *send_head KRO_GUARDED_BY(mutex); /* calls waiting for the turn, oldest first */
+    struct qel_hspace_call *send_tail KRO_GUARDED_BY(mutex);
+    t_kro_wake wake_pending KRO_GUARDED_BY(mutex); /* a call to notify once mutex is released */
+    std::atomic<t_kro_error> link_error; /* why the link failed; set before state becomes FAILED */
     t_kro_llist reqtable;      /* mutex: outstanding requests, oldest first */
     struct qel_hspace_request_index corrid_index; /* mutex: every record of reqtable by corrid */
     struct qel_hspace_request_index key_index;    /* mutex: the posts of reqtable by case-folded key */
     t_kro_thread reader;       /* the reader thread; null until open */
     t_kro_mutex mutex;         /* the handle's one lock */
     t_kro_mutex mutex_close;   /* created and destroyed, never locked */
-    t_kro_cond cond;           /* mutex: every synchronous waiter waits here */
-    t_kro_bool wake_waiters KRO_GUARDED_BY(mutex); /* a synchronous record completed; the reader wakes cond after unlocking */
     t_kro_bool destroy KRO_GUARDED_BY(mutex); /* release the handle as the reader thread's last act */
     std::atomic<t_kro_bool> closing; /* an application thread's close has cut the socket */
     std::atomic<int> closers;  /* application threads inside close */
@@ -174,12 +194,5 @@ struct qel_hspace_struct {
  * Internal to the library (the C++ API copies objects with it). */
 t_qel_hspace_object qel_hspace_object_make(const char *key, t_kro_uint4 key_len, const void *data,
                                            t_kro_uint4 data_len);
-
-/* Opens the handle like qel_hspace_open, giving up on connecting and the
- * handshake together after timeout_ms milliseconds (0: no bound) with
- * KRO_ERR_TIMEOUT, the handle left in HSPACE_STATE_INIT. qel_hspace_open
- * is this with the library's fixed bound. Internal to the library (the C++
- * API's open deadline); same threading rules as qel_hspace_open. */
-t_kro_error qel_hspace_open_timed(t_qel_hspace hspace, t_kro_uint4 timeout_ms);
 
 #endif /* QEL_HSPACEP_H */
