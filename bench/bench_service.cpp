@@ -11,19 +11,23 @@
  *     either client library in the figures;
  *   - put-to-notification latency with 0 and 100,000 subscriptions held by
  *     another connection (exact keys and patterns that never select the
- *     key written).
+ *     key written);
+ *   - the service's peak resident memory over its idle size while a value
+ *     of 60 MiB is put, then got back, then a second one notified to a
+ *     subscriber, less the values stored.
  *
- *   bench_rows_service [--quick] [--only peers|subs]
- *   bench_rows_service --load PORT [--ops N]
+ *   bench_rows_service [--quick] [--only peers|subs|memory]
+ *   bench_rows_service --load PORT [--redis] [--ops N]
  *
- * --load only drives an hspaced already listening on PORT (for a profiler
- * run around it): N synchronous puts, then N gets, from 1, 4 and 16
- * connections each, no rows.
+ * --load only drives an hspaced (or with --redis a redis-server) already
+ * listening on PORT, for a profiler run around it: N synchronous puts (SET),
+ * then N gets (GET), from 1, 4 and 16 connections each, no rows.
  *
  * Each server runs in a child process (hspaced forked before any thread,
  * redis-server executed), so its CPU is its own.
  */
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -36,6 +40,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <thread>
 #include <vector>
@@ -143,23 +148,26 @@ int HspaceConnect(uint16_t port)
     return fd;
 }
 
-// CPU seconds the process pid has used (user + system); 0 for pid 0.
+// CPU seconds the threads of process pid have run, to the nanosecond (the
+// scheduler's own count in /proc/PID/task/TID/schedstat); 0 for pid 0.
 double ProcessCpu(pid_t pid)
 {
     if (pid <= 0) return 0;
     char path[64];
-    snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-    FILE *f = fopen(path, "r");
-    if (f == nullptr) return 0;
-    char line[1024];
-    size_t n = fread(line, 1, sizeof line - 1, f);
-    fclose(f);
-    line[n] = '\0';
-    const char *p = strrchr(line, ')');
-    unsigned long utime = 0, stime = 0;
-    if (p != nullptr)
-        sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime, &stime);
-    return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+    snprintf(path, sizeof path, "/proc/%d/task", static_cast<int>(pid));
+    DIR *dir = opendir(path);
+    if (dir == nullptr) return 0;
+    double total = 0;
+    while (dirent *e = readdir(dir)) {
+        if (e->d_name[0] == '.') continue;
+        std::string stat = std::string(path) + "/" + e->d_name + "/schedstat";
+        FILE *f = fopen(stat.c_str(), "r");
+        unsigned long long ns = 0;
+        if (f != nullptr && fscanf(f, "%llu", &ns) == 1) total += static_cast<double>(ns) / 1e9;
+        if (f != nullptr) fclose(f);
+    }
+    closedir(dir);
+    return total;
 }
 
 struct Child {
@@ -270,6 +278,12 @@ Loop RunLoop(pid_t server, int conns, long per_conn, Connect connect, const std:
     return Loop{ops / wall, cpu / ops * 1e6};
 }
 
+double Median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
 void PeerFigures()
 {
     const std::string value(64, 'v');
@@ -296,22 +310,33 @@ void PeerFigures()
                                : HspaceRequest(codec::kOpPut, "key:000", 7, value);
         std::string rreq = get ? Resp({"GET", "key:000"}) : Resp({"SET", "key:000", value});
         for (int conns : {1, 4, 16}) {
-            long per = Iters(60000) / conns;
+            // Rounds alternate between the servers so that the machine's
+            // load drifts alike over both; medians of the rounds.
+            const int rounds = 5;
+            long per = Iters(60000) / conns / rounds;
             std::string n = std::to_string(conns), tag = std::string(op) + "." + n;
             std::string rkey = "svc.redis." + tag;
-            Loop r{0, 0};
-            if (redis.pid > 0) {
-                r = RunLoop(redis.pid, conns, per, [&] { return Connect(redis.port); }, rreq, RespAnswer);
-                Row(rkey, section, "redis-server, " + n + " connection(s), " + (get ? "GET" : "SET") + " 64B",
-                    r.ops_per_s, "op/s", -1);
-                Row(rkey + ".cpu", section, "redis-server CPU per " + std::string(get ? "GET" : "SET") + ", " + n +
-                    " connection(s)", r.server_cpu_us, "us", -1);
+            std::vector<double> rops, rcpu, hops, hcpu;
+            for (int round = 0; round < rounds; round++) {
+                if (redis.pid > 0) {
+                    Loop r = RunLoop(redis.pid, conns, per, [&] { return Connect(redis.port); }, rreq, RespAnswer);
+                    rops.push_back(r.ops_per_s);
+                    rcpu.push_back(r.server_cpu_us);
+                }
+                Loop h = RunLoop(hs.pid, conns, per, [&] { return HspaceConnect(hs.port); }, hreq, HspacePacket);
+                hops.push_back(h.ops_per_s);
+                hcpu.push_back(h.server_cpu_us);
             }
-            Loop h = RunLoop(hs.pid, conns, per, [&] { return HspaceConnect(hs.port); }, hreq, HspacePacket);
-            Row("svc.hspaced." + tag, section, "hspaced, " + n + " connection(s), " + op + " 64B", h.ops_per_s,
+            if (redis.pid > 0) {
+                Row(rkey, section, "redis-server, " + n + " connection(s), " + (get ? "GET" : "SET") + " 64B",
+                    Median(rops), "op/s", -1);
+                Row(rkey + ".cpu", section, "redis-server CPU per " + std::string(get ? "GET" : "SET") + ", " + n +
+                    " connection(s)", Median(rcpu), "us", -1);
+            }
+            Row("svc.hspaced." + tag, section, "hspaced, " + n + " connection(s), " + op + " 64B", Median(hops),
                 "op/s", -1, redis.pid > 0 ? rkey : "-", redis.pid > 0 ? ">= 1.00" : "-");
             Row("svc.hspaced." + tag + ".cpu", section, "hspaced CPU per " + std::string(op) + ", " + n +
-                " connection(s)", h.server_cpu_us, "us", -1, redis.pid > 0 ? rkey + ".cpu" : "-",
+                " connection(s)", Median(hcpu), "us", -1, redis.pid > 0 ? rkey + ".cpu" : "-",
                 redis.pid > 0 ? "<= 1.00" : "-");
         }
     }
@@ -319,53 +344,122 @@ void PeerFigures()
     Stop(hs);
 }
 
-// Put-to-notification on a connection that subscribes to the key, with n
-// subscriptions held by another connection, none of which selects it.
-double NotifyUs(uint16_t port, long n)
-{
-    int holder = HspaceConnect(port), sub = HspaceConnect(port), writer = HspaceConnect(port);
-    std::string buf;
-    // Exact keys, and a pattern for every hundredth: prefixes of many lengths.
-    const long batch = 1000;
-    for (long i = 0; i < n; i += batch) {
-        std::string out;
-        long end = std::min(n, i + batch);
-        for (long j = i; j < end; j++) {
-            std::string key = "held/" + std::to_string(j);
-            if (j % 100 == 0) key = "held/" + std::string(static_cast<size_t>(j / 100 % 40), 'p') + "*";
-            out += HspaceRequest(codec::kOpPost, key, static_cast<uint32_t>(j + 1), "", codec::kFlagNoImage);
+// A service with a subscriber, a writer and n subscriptions held by another
+// connection, none of which selects the key written.
+struct NotifyRig {
+    Child server;
+    int holder, sub, writer;
+    std::string put, sbuf, wbuf;
+
+    explicit NotifyRig(long n) : server(ForkHspaced())
+    {
+        holder = HspaceConnect(server.port);
+        sub = HspaceConnect(server.port);
+        writer = HspaceConnect(server.port);
+        std::string buf;
+        // Exact keys, and a pattern for every hundredth: prefixes of many lengths.
+        const long batch = 1000;
+        for (long i = 0; i < n; i += batch) {
+            std::string out;
+            long end = std::min(n, i + batch);
+            for (long j = i; j < end; j++) {
+                std::string key = "held/" + std::to_string(j);
+                if (j % 100 == 0) key = "held/" + std::string(static_cast<size_t>(j / 100 % 40), 'p') + "*";
+                out += HspaceRequest(codec::kOpPost, key, static_cast<uint32_t>(j + 1), "", codec::kFlagNoImage);
+            }
+            SendAll(holder, out);
+            for (long j = i; j < end; j++) ReadAnswer(holder, buf, HspacePacket);
         }
-        SendAll(holder, out);
-        for (long j = i; j < end; j++) ReadAnswer(holder, buf, HspacePacket);
+        SendAll(sub, HspaceRequest(codec::kOpPost, "watched", 1, "", codec::kFlagNoImage));
+        ReadAnswer(sub, buf, HspacePacket);
+        put = HspaceRequest(codec::kOpPut, "watched", 2, std::string(64, 'v'));
     }
-    SendAll(sub, HspaceRequest(codec::kOpPost, "watched", 1, "", codec::kFlagNoImage));
-    ReadAnswer(sub, buf, HspacePacket);
-    std::string put = HspaceRequest(codec::kOpPut, "watched", 2, std::string(64, 'v'));
-    std::string sbuf, wbuf;
-    double cpu;
-    double us = MedianUs(Iters(20000), [&] {
-        SendAll(writer, put);
-        ReadAnswer(sub, sbuf, HspacePacket);
-        ReadAnswer(writer, wbuf, HspacePacket);
-    }, &cpu);
-    close(holder);
-    close(sub);
-    close(writer);
-    return us;
-}
+    ~NotifyRig()
+    {
+        close(holder);
+        close(sub);
+        close(writer);
+        Stop(server);
+    }
+    // Mean microseconds from a put's write to its notification's arrival,
+    // over iters puts.
+    double Batch(long iters)
+    {
+        Clock::time_point t0 = Clock::now();
+        for (long i = 0; i < iters; i++) {
+            SendAll(writer, put);
+            ReadAnswer(sub, sbuf, HspacePacket);
+            ReadAnswer(writer, wbuf, HspacePacket);
+        }
+        return std::chrono::duration<double>(Clock::now() - t0).count() / iters * 1e6;
+    }
+};
 
 void SubscriptionFigures()
 {
+    // Both services run at once and are measured in alternating batches,
+    // so that the machine's load drifts alike over both; medians of the
+    // batches.
     const char *section = "hspaced: subscriptions on other connections";
+    NotifyRig none(0), many(100000);
+    std::vector<double> a, b;
+    long per = Iters(20000) / 20;
+    for (int round = 0; round < 20; round++) {
+        a.push_back(none.Batch(per));
+        b.push_back(many.Batch(per));
+    }
+    std::sort(a.begin(), a.end());
+    std::sort(b.begin(), b.end());
+    Row("svc.notify.0", section, "put-to-notification, no other subscriptions", a[a.size() / 2], "us", -1);
+    Row("svc.notify.100000", section, "put-to-notification, 100000 subscriptions on another connection",
+        b[b.size() / 2], "us", -1, "svc.notify.0", "<= 1.10");
+}
+
+// Peak resident bytes of process pid (VmHWM).
+double PeakBytes(pid_t pid)
+{
+    char path[64], line[256];
+    snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(pid));
+    FILE *f = fopen(path, "r");
+    double kb = 0;
+    while (f != nullptr && fgets(line, sizeof line, f) != nullptr)
+        if (sscanf(line, "VmHWM: %lf kB", &kb) == 1) break;
+    if (f != nullptr) fclose(f);
+    return kb * 1024;
+}
+
+void MemoryFigures()
+{
+    const char *section = "hspaced: memory for one large value";
+    const double mib = 1024.0 * 1024.0;
+    const std::string value(60 << 20, 'v');
     Child hs = ForkHspaced();
-    double none = NotifyUs(hs.port, 0);
-    Row("svc.notify.0", section, "put-to-notification, no other subscriptions", none, "us", -1);
+    int c = HspaceConnect(hs.port), sub = HspaceConnect(hs.port);
+    std::string buf, sbuf;
+    SendAll(c, HspaceRequest(codec::kOpGet, "none", 1));
+    ReadAnswer(c, buf, HspacePacket);
+    double base = PeakBytes(hs.pid);
+    SendAll(c, HspaceRequest(codec::kOpPut, "big", 2, value));
+    ReadAnswer(c, buf, HspacePacket);
+    double put = PeakBytes(hs.pid);
+    SendAll(c, HspaceRequest(codec::kOpGet, "big", 3));
+    ReadAnswer(c, buf, HspacePacket);
+    double get = PeakBytes(hs.pid);
+    SendAll(sub, HspaceRequest(codec::kOpPost, "big2", 1, "", codec::kFlagNoImage));
+    ReadAnswer(sub, sbuf, HspacePacket);
+    SendAll(c, HspaceRequest(codec::kOpPut, "big2", 4, value));
+    ReadAnswer(sub, sbuf, HspacePacket);
+    ReadAnswer(c, buf, HspacePacket);
+    double notify = PeakBytes(hs.pid);
+    close(c);
+    close(sub);
     Stop(hs);
-    hs = ForkHspaced();
-    double many = NotifyUs(hs.port, 100000);
-    Row("svc.notify.100000", section, "put-to-notification, 100000 subscriptions on another connection", many, "us",
-        -1, "svc.notify.0", "<= 1.10");
-    Stop(hs);
+    const double n = static_cast<double>(value.size());
+    Row("svc.mem.put", section, "peak memory over idle, put of 60 MiB, less the value", (put - base - n) / mib, "MiB",
+        -1, "-", "<= 16");
+    Row("svc.mem.get", section, "the same, then a get of it", (get - base - n) / mib, "MiB", -1, "-", "<= 16");
+    Row("svc.mem.notify", section, "the same, then a second value notified to a subscriber, less both values",
+        (notify - base - 2 * n) / mib, "MiB", -1, "-", "<= 16");
 }
 
 } // namespace
@@ -374,6 +468,7 @@ int main(int argc, char **argv)
 {
     std::string only;
     int load = 0;
+    bool redis = false;
     long ops = 30000;
     for (int i = 1; i < argc; i++) {
         if (strcmp(argv[i], "--quick") == 0) {
@@ -382,10 +477,13 @@ int main(int argc, char **argv)
             only = argv[++i];
         } else if (strcmp(argv[i], "--load") == 0 && i + 1 < argc) {
             load = atoi(argv[++i]);
+        } else if (strcmp(argv[i], "--redis") == 0) {
+            redis = true;
         } else if (strcmp(argv[i], "--ops") == 0 && i + 1 < argc) {
             ops = atol(argv[++i]);
         } else {
-            fprintf(stderr, "usage: bench_rows_service [--quick] [--only peers|subs] | --load PORT [--ops N]\n");
+            fprintf(stderr, "usage: bench_rows_service [--quick] [--only peers|subs|memory] | --load PORT [--redis] "
+                            "[--ops N]\n");
             return 2;
         }
     }
@@ -393,15 +491,19 @@ int main(int argc, char **argv)
     if (load > 0) {
         uint16_t port = static_cast<uint16_t>(load);
         const std::string value(64, 'v');
-        for (const std::string &req :
-             {HspaceRequest(codec::kOpPut, "key:000", 7, value), HspaceRequest(codec::kOpGet, "key:000", 7)})
+        std::vector<std::string> reqs = {HspaceRequest(codec::kOpPut, "key:000", 7, value),
+                                         HspaceRequest(codec::kOpGet, "key:000", 7)};
+        if (redis) reqs = {Resp({"SET", "key:000", value}), Resp({"GET", "key:000"})};
+        for (const std::string &req : reqs)
             for (int conns : {1, 4, 16}) {
-                Loop l = RunLoop(0, conns, ops / conns, [&] { return HspaceConnect(port); }, req, HspacePacket);
+                Loop l = redis ? RunLoop(0, conns, ops / conns, [&] { return Connect(port); }, req, RespAnswer)
+                               : RunLoop(0, conns, ops / conns, [&] { return HspaceConnect(port); }, req, HspacePacket);
                 fprintf(stderr, "%d connection(s): %.0f op/s\n", conns, l.ops_per_s);
             }
         return 0;
     }
     if (only.empty() || only == "peers") PeerFigures();
     if (only.empty() || only == "subs") SubscriptionFigures();
+    if (only.empty() || only == "memory") MemoryFigures();
     return 0;
 }

@@ -105,7 +105,7 @@ void run(const uint8_t *data, size_t size)
     t_qel_hspace_request owned[4] = {NULL, NULL, NULL, NULL};
     qel_hspace_lock(h);
     owned[0] = qel_hspace_request_create(h, HSPACE_OPCODE_GET, "k1", NULL, NULL, 1, 0, objects);
-    qel_hspace_request_create(h, HSPACE_OPCODE_GET, "k2", (t_kro_ptr)h, NULL, 1, 1, NULL)->caller_waiting = 0;
+    qel_hspace_request_create(h, HSPACE_OPCODE_GET, "k2", (t_kro_ptr)h, NULL, 1, 1, NULL)->owners.store(1);
     t_qel_hspace_request post = qel_hspace_request_create(h, HSPACE_OPCODE_POST, "k3", (t_kro_ptr)h, NULL, 1, 0, NULL);
     if (selector & kSelPostWaiting) owned[1] = post;
     else post->sync_ctx->complete = 1, post->caller_waiting = 0;

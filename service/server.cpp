@@ -46,6 +46,7 @@
 #include <asio.hpp>
 
 #include "hspace_codec.h"
+#include "keyed_hash.h"
 #include "store/store.h"
 #include "subscription_index.h"
 #include "transport.h"
@@ -62,6 +63,10 @@ constexpr uint32_t kStatusNotSupported = 14;   // unknown opcode
 constexpr uint32_t kStatusExists = 20;         // the connection already subscribes to the key
 
 constexpr size_t kReadChunk = 64 * 1024;       // bytes asked of each read
+// A packet of this many bytes or more is received into a string of its own
+// (Connection::large_), from which a put's value moves into the store.
+constexpr size_t kLargePacket = 1024 * 1024;
+constexpr size_t kLargeChunk = 1024 * 1024;    // bytes asked of each read into it
 constexpr size_t kMaxGather = 64;              // queued packets handed to one write
 // Values of this many bytes or more are sent from the store's own string
 // when it shares it (ObjectView::shared), after a packet's first bytes,
@@ -168,14 +173,17 @@ public:
 
     // I/O thread: the connection asks to be forgotten (it has closed).
     void forget(uint64_t id, const std::string &why);
-    // I/O thread: one decoded packet from a connection.
-    void handle(Connection &c, const codec::PacketView &p);
+    // I/O thread: one decoded packet from a connection. packet, when not
+    // null, holds the packet's bytes, which p views, and a put may take it
+    // for its value (leaving it unspecified).
+    void handle(Connection &c, const codec::PacketView &p, std::string *packet = nullptr);
     // I/O thread: one line on stderr when logging is on.
     void log(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
     // I/O thread: the store call of c's op completed.
     void finish(Connection &c, const StoreStatus &outcome);
     void finish_read(Connection &c, const StoreStatus &outcome, const std::vector<ObjectView> &objects);
-    void finish_post(Connection &c, const StoreStatus &outcome, int64_t revision, const std::vector<ObjectView> &objects);
+    void finish_post(Connection &c, const StoreStatus &outcome, int64_t revision,
+                     const std::vector<ObjectView> &objects);
     // I/O thread: c is closing; its subscriptions end.
     void drop_all(Connection &c);
 
@@ -283,7 +291,7 @@ public:
     bool handshaken = false;                   // the handshake was answered
     // This connection's subscriptions by Subscription::folded, which the
     // key views: a post's duplicate test and a cancel are one lookup.
-    std::unordered_map<std::string_view, std::unique_ptr<Subscription>> subs;
+    std::unordered_map<std::string_view, std::unique_ptr<Subscription>, KeyedHash> subs;
     Subscription *starting = nullptr;          // the one whose post waits for the store, if any
     std::vector<Held> held;                    // changes held while starting is set
     std::string feed_lost;                     // why the store's feed ended while starting was set
@@ -313,6 +321,19 @@ private:
     void read()
     {
         reading_ = true;
+        if (large_want_ != 0) {
+            // Pages are touched as bytes come: the string's capacity was
+            // reserved (not filled) for the whole packet.
+            size_t have = large_.size(), ask = std::min(kLargeChunk, large_want_ - have);
+            large_.resize(have + ask);
+            auto self = shared_from_this();
+            socket_.async_read_some(asio::buffer(&large_[have], ask), [self, have](const asio::error_code &ec,
+                                                                                   size_t n) {
+                self->large_.resize(have + n);
+                self->on_read(ec, self->in_.size(), 0);
+            });
+            return;
+        }
         size_t have = in_.size();
         in_.resize(have + kReadChunk);
         auto self = shared_from_this();
@@ -345,9 +366,17 @@ private:
         pumping_ = true;
         size_t off = 0;
         while (!closed_ && !busy_ && !backlogged()) {
+            if (large_want_ != 0) {
+                if (large_.size() < large_want_) break;
+                handle_large();
+                continue;
+            }
             const uint8_t *data = reinterpret_cast<const uint8_t *>(in_.data()) + off;
             codec::FrameResult f = codec::frame(data, in_.size() - off);
-            if (f.status == codec::FrameStatus::NeedMore) break;
+            if (f.status == codec::FrameStatus::NeedMore) {
+                if (start_large(data, in_.size() - off)) off = in_.size();
+                break;
+            }
             codec::PacketView p;
             if (f.status == codec::FrameStatus::Invalid || !codec::decode(data, f.wirelen, p)) {
                 engine_.stats_.dropped_invalid++;
@@ -361,6 +390,42 @@ private:
         if (closed_) return;
         in_.erase(0, off);
         if (!busy_ && !reading_ && !backlogged()) read();
+    }
+
+    // The packet at data, of which avail bytes are in, is long enough to be
+    // received into large_ (after the handshake, up to the longest request
+    // that could be stored): its bytes move there and true is returned.
+    // Only the string's capacity is reserved, so a length announced costs
+    // no memory until its bytes come.
+    bool start_large(const uint8_t *data, size_t avail)
+    {
+        if (!handshaken || avail < 8) return false;
+        size_t wire = (size_t(data[4]) << 24) | (size_t(data[5]) << 16) | (size_t(data[6]) << 8) | size_t(data[7]);
+        size_t most = codec::object_size(codec::kMaxString, engine_.options_.max_queue);
+        if (wire < kLargePacket || wire > most) return false;
+        large_.reserve(wire);
+        large_.assign(reinterpret_cast<const char *>(data), avail);
+        large_want_ = wire;
+        return true;
+    }
+
+    // large_ holds its whole packet: framed, decoded and handled like any,
+    // with large_ offered to a put for its value.
+    void handle_large()
+    {
+        std::string packet(std::move(large_));
+        large_.clear();
+        large_want_ = 0;
+        const uint8_t *data = reinterpret_cast<const uint8_t *>(packet.data());
+        codec::FrameResult f = codec::frame(data, packet.size());
+        codec::PacketView p;
+        if (f.status != codec::FrameStatus::Complete || f.wirelen != packet.size() ||
+            !codec::decode(data, f.wirelen, p)) {
+            engine_.stats_.dropped_invalid++;
+            close("invalid packet");
+            return;
+        }
+        engine_.handle(*this, p, &packet);
     }
 
     // Writes up to kMaxGather queued packets in one operation.
@@ -400,6 +465,8 @@ private:
     Transport socket_;                         // the client's socket, plain or TLS
     const uint64_t id_;                        // number in logs and in the table
     std::string in_;                           // received bytes not yet framed (plus read space)
+    std::string large_;                        // the long packet being received, while large_want_
+    size_t large_want_ = 0;                    // its length; 0 when none is
     std::deque<Outbound> out_;                 // queued packets; the first in_flight_ are being written
     size_t in_flight_ = 0;                     // packets of out_ handed to the current write
     size_t queued_ = 0;                        // bytes in out_
@@ -456,8 +523,8 @@ bool Engine::start(std::string *error)
     if (started_) return fail("already started");
     std::string why;
     if (!start_tls(&why)) return fail(why);
-    store_ = make_store(options_, io_, *this, &why);
-    if (!store_) return fail(why);
+    store_ = options_.store_factory ? options_.store_factory(*this) : make_store(options_, io_, *this, &why);
+    if (!store_) return fail(why.empty() ? std::string("no store was made") : why);
     asio::error_code ec;
     asio::ip::address address = asio::ip::make_address(options_.host, ec);
     if (ec) {
@@ -577,7 +644,7 @@ void Engine::forget(uint64_t id, const std::string &why)
     log("conn %llu closed: %s", static_cast<unsigned long long>(id), why.c_str());
 }
 
-void Engine::handle(Connection &c, const codec::PacketView &p)
+void Engine::handle(Connection &c, const codec::PacketView &p, std::string *packet)
 {
     if (!c.handshaken) {
         if (p.body_type != codec::kTypeHandshakeRequest || p.strings[0] != "data") {
@@ -622,14 +689,25 @@ void Engine::handle(Connection &c, const codec::PacketView &p)
         size_t largest = codec::object_size(h.key.size(), p.body.size());
         if (largest > options_.max_queue) {
             log("conn %llu put refused: value of %zu bytes under key \"%s\" would make packets of %zu bytes, over "
-                "the %zu-byte queue bound",
+                "--max-queue (%zu bytes)",
                 static_cast<unsigned long long>(c.id()), p.body.size(), printable(h.key).c_str(), largest,
                 options_.max_queue);
             if (answer) codec::encode_reply(out, *corrid, kStatusTooLarge);
             break;
         }
         c.suspend();
-        store_->put(h.key, p.body, [cp](const StoreStatus &outcome) { cp->engine().finish(*cp, outcome); });
+        Store::Done done = [cp](const StoreStatus &outcome) { cp->engine().finish(*cp, outcome); };
+        if (packet == nullptr) {
+            store_->put(h.key, p.body, std::move(done));
+            break;
+        }
+        // The value is the packet's last bytes: they move to its front in
+        // place, and the string goes to the store as the value.
+        std::string key(h.key);
+        size_t at = static_cast<size_t>(p.body.data() - packet->data()), n = p.body.size();
+        packet->erase(0, at);
+        packet->resize(n);
+        store_->put_owned(key, std::move(*packet), std::move(done));
         break;
     }
     case codec::kOpRemove:
@@ -639,9 +717,10 @@ void Engine::handle(Connection &c, const codec::PacketView &p)
     case codec::kOpGet:
         if (!answer) break;
         c.suspend();
-        store_->read(h.key, c.op.key_only, [cp](const StoreStatus &outcome, int64_t, const std::vector<ObjectView> &objects) {
-            cp->engine().finish_read(*cp, outcome, objects);
-        });
+        store_->read(h.key, c.op.key_only,
+                     [cp](const StoreStatus &outcome, int64_t, const std::vector<ObjectView> &objects) {
+                         cp->engine().finish_read(*cp, outcome, objects);
+                     });
         break;
     case codec::kOpPost: {
         std::unique_ptr<Subscription> sub(new Subscription(&c, h.key, h.triggers, c.op.key_only));

@@ -1,8 +1,10 @@
 /*
  * subscription_index.h - finds the subscriptions that select a changed key
  * without looking at the others: exact keys in a hash table, prefix
- * patterns in a radix tree walked along the key. Selecting a key costs
- * O(key length + hash) plus one step per subscription that selects it,
+ * patterns in a radix tree walked along the key. The exact keys hash
+ * under a per-process key (keyed_hash.h), so no client can choose keys that
+ * share a bucket. Selecting a key costs O(key length) plus one step per
+ * subscription that selects it,
  * whatever else is indexed; adding and removing one costs O(key length)
  * (plus O(log 256) per tree level).
  *
@@ -18,6 +20,8 @@
 #include <string_view>
 #include <unordered_map>
 #include <vector>
+
+#include "keyed_hash.h"
 
 namespace hspace {
 namespace service {
@@ -74,7 +78,7 @@ private:
     static const Node *step(const Node *n, std::string_view key, size_t *pos);
     static void put_in(std::vector<Entry *> &list, Entry &e);
 
-    std::unordered_map<std::string_view, std::unique_ptr<Bucket>> exact_; // exact keys
+    std::unordered_map<std::string_view, std::unique_ptr<Bucket>, KeyedHash> exact_; // exact keys
     std::unique_ptr<Node> root_;               // patterns: the empty prefix ("*")
     size_t size_ = 0;                          // entries indexed
 };

@@ -158,7 +158,8 @@ TEST(Codec, ServiceEncodersMatchTheGenericEncoderAndDecodeInPlace)
         const char *name;
         uint8_t opcode;                        // kOpGet, kOpPost: an object; kOpNotification; 0: a bare reply
         std::string key, value;
-        uint32_t a, b, c;                      // reply: corrid, status; object: corrid, count, num; notification: trigger
+        uint32_t a, b, c;                      // reply: corrid, status; object: corrid, count, num;
+                                               // notification: trigger
         int32_t flags;
     } cases[] = {
         {"success", 0, "", "", 7, 0, 0, 0},

@@ -105,6 +105,16 @@ TEST_F(FaultTest, EveryCallReturnsAtItsDeadline)
              }
              return std::error_code();
          }, false, false},
+        {"put", codec::kOpPut, "p", [&] { std::error_code ec; c.put("p", "v", ec); return ec; }, false, false},
+        {"remove", codec::kOpRemove, "r", [&] { std::error_code ec; c.remove("r", ec); return ec; }, false, false},
+        {"subscribe waiting for its post's answer", codec::kOpPost, "s0",
+         [&] { std::error_code ec; c.subscribe("s0", never.images(), never.changes(), {}, ec); return ec; }, false, true},
+        {"subscribe without image", codec::kOpPost, "n0",
+         [&] {
+             std::error_code ec;
+             c.subscribe("n0", never.images(), never.changes(), qh::SubscribeOptions{0, true, false}, ec);
+             return ec;
+         }, false, true},
         {"subscribe waiting for its image", codec::kOpPost, "s1",
          [&] { std::error_code ec; c.subscribe("s1", never.images(), never.changes(), {}, ec); return ec; }, true, true},
     };
@@ -114,11 +124,14 @@ TEST_F(FaultTest, EveryCallReturnsAtItsDeadline)
         if (row.answer_post) conn_.reply(id);
         EXPECT_EQ(qh::error::timeout, call.wait()) << row.name;
         // Late: the whole answer, and for a post a change of its key.
-        if (row.answer_post) {
+        if (row.opcode == codec::kOpPost) {
+            if (!row.answer_post) conn_.reply(id);
             conn_.objects(id, codec::kOpPost, {{row.key, "late"}});
             conn_.notify(row.key, HSPACE_TRIGGER_STORED, "late");
-        } else {
+        } else if (row.opcode == codec::kOpGet) {
             conn_.objects(id, row.opcode, {{row.key, "late"}, {row.key, "late2"}});
+        } else {
+            conn_.reply(id);
         }
         if (row.cancel_follows) conn_.reply(expect(codec::kOpCancel, row.key));
     }
@@ -131,6 +144,81 @@ TEST_F(FaultTest, EveryCallReturnsAtItsDeadline)
     ASSERT_EQ(1u, last.size());
     EXPECT_EQ("last=1", Text(last[0]));
     EXPECT_TRUE(never.lines().empty());
+}
+
+// A service that accepts and never answers the handshake: open gives up at
+// Options::open_timeout (the C handle's bound unless set) and leaves the
+// Client idle, to be opened again.
+TEST_F(FaultTest, OpenGivesUpOnASilentService)
+{
+    EXPECT_EQ(ms(QEL_HSPACE_OPEN_TIMEOUT_MS), qh::Options().open_timeout);
+    Signal done;
+    svc_.serve([&](FakeConnection &c) { c.expect_handshake(), done.wait(); });
+    svc_.serve([](FakeConnection &c) { c.handshake(); });
+    qh::Options o = TestOptions(false);
+    o.open_timeout = ms(20);
+    client_ = std::make_unique<qh::Client>(svc_.url(), o);
+    std::error_code ec;
+    client_->open(ec);
+    EXPECT_EQ(qh::error::timeout, ec);
+    EXPECT_EQ(qh::State::idle, client_->state());
+    done.raise();
+    client_->open();
+    EXPECT_EQ(qh::State::connected, client_->state());
+    EXPECT_TRUE(svc_.join());
+}
+
+// A service that does not read: a put whose write cannot finish returns at
+// its deadline. The Client then reconnects once the link fails (the part
+// written left the stream unusable; the service hangs up here in any case).
+TEST_F(FaultTest, APutTheServiceDoesNotReadEndsAtItsDeadline)
+{
+    Seen states;
+    qh::Client &c = open(TestOptions(true, ms(1), &states));
+    svc_.serve([](FakeConnection &conn) {
+        conn.handshake();
+        Packet put = conn.next_packet();
+        EXPECT_TRUE(put.hspace && put.rr && put.hspace->key == "after");
+        conn.reply(put.rr->corrid);
+    });
+    std::error_code ec;
+    c.put("big", std::string(size_t(16) << 20, 'b'), qh::Call{ms(200)}, ec);
+    EXPECT_EQ(qh::error::timeout, ec);
+    conn_.close();
+    ASSERT_TRUE(states.wait_for("state:2"));
+    c.put("after", "1", qh::Call{qh::no_deadline, true});
+    EXPECT_TRUE(svc_.join());
+    ASSERT_TRUE(states.wait([&] { return states.count("state:1") == 2; }));
+    EXPECT_EQ((std::vector<std::string>{"state:1", "state:2", "state:1"}), states.lines());
+}
+
+// Changes that reach the connection before a subscription's image is
+// complete (before the service's answer to a post without image) are not
+// the subscription's: only those after it are delivered.
+TEST_F(FaultTest, ChangesBeforeTheStartOfASubscriptionAreNotItsOwn)
+{
+    open(TestOptions(false));
+    std::vector<qh::Subscription> kept; // live to the end: a reset would send a cancel
+    for (bool image : {false, true}) {
+        Seen seen;
+        std::string key = image ? "with" : "without";
+        Async<qh::Subscription> call([&] {
+            return client_->subscribe(key, seen.images(), seen.changes(), qh::SubscribeOptions{0, !image, false});
+        });
+        uint32_t id = expect(codec::kOpPost, key);
+        conn_.batch();
+        conn_.notify(key, HSPACE_TRIGGER_STORED, "before");
+        conn_.reply(id);
+        if (image) conn_.notify(key, HSPACE_TRIGGER_STORED, "before the image");
+        if (image) conn_.objects(id, codec::kOpPost, {{key, "image"}});
+        conn_.notify(key, HSPACE_TRIGGER_STORED, "after");
+        conn_.flush();
+        kept.push_back(call.wait());
+        ASSERT_TRUE(seen.wait_for("change:1:" + key + "=after"));
+        std::vector<std::string> expected = {"change:1:" + key + "=after"};
+        if (image) expected.insert(expected.begin(), "image:0:with=image,");
+        EXPECT_EQ(expected, seen.lines());
+    }
 }
 
 // The link fails under calls waiting without deadline: each returns the

@@ -12,6 +12,7 @@
  * each subscription's view equals what the service holds.
  */
 #include "cpp_support.h"
+#include "service/etcd_cluster.h"
 
 namespace {
 
@@ -167,8 +168,19 @@ struct OrderCase {
     std::string name;
     std::vector<std::string> keys;
     std::vector<std::string> subs;
+    bool etcd = false; // on the shared etcd member, else on the memory store
 };
 void PrintTo(const OrderCase &c, std::ostream *os) { *os << c.name; }
+
+// The etcd member the etcd cases share, each under a key prefix of its own:
+// started by the first, killed at exit. Its store URL; empty when etcd is
+// not installed or did not start.
+const std::string &SharedEtcd()
+{
+    static EtcdCluster etcd(1);
+    static const std::string url = EtcdCluster::installed() && etcd.start(kTestBound) ? etcd.store_url() : "";
+    return url;
+}
 
 std::vector<OrderCase> OrderCases()
 {
@@ -183,10 +195,25 @@ std::vector<OrderCase> OrderCases()
         many.keys.push_back(key);
         many.subs.push_back(key);
     }
-    return {nested, many};
+    std::vector<OrderCase> cases = {nested, many};
+    for (OrderCase c : {nested, many})
+        if (QEL_TEST_ETCD) c.name += "_etcd", c.etcd = true, cases.push_back(c);
+    return cases;
 }
 
-class OrderTest : public CppTest, public ::testing::WithParamInterface<OrderCase> {};
+class OrderTest : public CppTest, public ::testing::WithParamInterface<OrderCase> {
+protected:
+    void SetUp() override
+    {
+        if (GetParam().etcd) {
+            ASSERT_FALSE(SharedEtcd().empty()) << "etcd (etcd-server, etcd-client) did not start";
+            service_options_.store = SharedEtcd();
+            static int runs = 0; // a fresh prefix for every run: the member keeps what earlier ones stored
+            service_options_.store_prefix = "order/" + GetParam().name + "/" + std::to_string(++runs) + "/";
+        }
+        CppTest::SetUp();
+    }
+};
 
 TEST_P(OrderTest, EveryChangeOnceInOrderThroughARestart)
 {

@@ -38,3 +38,13 @@ std::vector<uint32_t> FileSubscriptions(t_qel_hspace hspace, int n)
     qel_hspace_unlock(hspace);
     return corrid;
 }
+
+// Calls waiting in the handle's send queue for their turn to write.
+int SendQueueLength(t_qel_hspace hspace)
+{
+    int n = 0;
+    qel_hspace_lock(hspace);
+    for (struct qel_hspace_call *c = hspace->send_head; c != nullptr; c = c->send_next) n++;
+    qel_hspace_unlock(hspace);
+    return n;
+}

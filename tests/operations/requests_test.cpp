@@ -147,5 +147,33 @@ TEST_F(Requests, AFailedImageEndsTheSubscription)
     EXPECT_EQ(0u, Post("failing", kNoImage, 0));
 }
 
+// Values larger than the reader's own buffer: a put sends its buffer's
+// window whole behind its header, a synchronous get, an asynchronous get
+// and a notification deliver theirs whole, and a large object for no
+// request is dropped with what it carried.
+TEST_F(Requests, LargeValuesTravelWhole)
+{
+    std::string value(300000, 'v');
+    for (size_t i = 0; i < value.size(); i += 101) value[i] = (char)(i >> 3);
+    UserObject o("big", value);
+    o.buf->pos = 1;
+    o.buf->lim--;
+    Packet sent;
+    ASSERT_EQ(0u, Exchange(c, [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0); }, ReplyWith(0), &sent));
+    EXPECT_TRUE(sent.body == value.substr(1, value.size() - 2)) << sent.body.size();
+    ObjectList list;
+    const Pairs answer = {{"big", value}, {"small", "s"}, {"big2", value + "2"}};
+    ASSERT_EQ(0u, Exchange(c, [&] { return qel_hspace_get(c.h, "big", nullptr, HSPACE_GET_SYNC, 0, 0, list); },
+                           ObjectsWith(codec::kOpGet, answer)));
+    EXPECT_TRUE(answer == list.contents());
+    ASSERT_EQ(0u, Exchange(c, [&] { return qel_hspace_get(c.h, "big", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); },
+                           ObjectsWith(codec::kOpGet, {{"big", value}})));
+    c.conn.object(99999, codec::kOpGet, "nobody's", value, 1, 1);
+    c.conn.notify("big", 1, value);
+    ASSERT_TRUE(c.events.wait_count(2));
+    for (const Event &e : c.events.events()) EXPECT_TRUE(e.has_object && e.object_value == value) << e.type;
+    EXPECT_EQ(0, RequestCount(c.h));
+}
+
 } // namespace
 } // namespace ops

@@ -2,10 +2,13 @@
 // passes while the call waits for its turn to send, while it writes, or
 // while it waits for the answer; the late answer that then reaches no one;
 // the start event of a subscription without image.
+#include <memory>
 #include <sstream>
 #include <tuple>
 
 #include "client_harness.h"
+
+int SendQueueLength(t_qel_hspace hspace); // internals.cpp
 
 namespace ops {
 using namespace hspace::test;
@@ -180,6 +183,32 @@ TEST_F(Timed, TheTurnNeverComesAndTheCallIsWithdrawnUnsent)
     EXPECT_EQ(0, list->num_elements);
     EXPECT_EQ(1, RequestCount(c.h));
     EXPECT_EQ("", Seen(c));
+}
+
+// Calls queued behind a write blocked on a service that does not read end
+// with the close that cuts it, without writing: 18 each (an asynchronous
+// get 0 when the close ended it first with its 18 event: its outcome).
+TEST_F(Timed, CallsWaitingForTheTurnEndWithTheClose)
+{
+    UserObject o("k", "v"), big("big", kBig);
+    ObjectList list;
+    Call blocked([&] { return qel_hspace_put(c.h, big.obj, HSPACE_PUT_SYNC, 0); });
+    ASSERT_TRUE(c.conn.wait_readable());
+    const std::unique_ptr<Call> queued[] = {
+        std::make_unique<Call>([&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0); }),
+        std::make_unique<Call>([&] { return qel_hspace_get(c.h, "g", nullptr, HSPACE_GET_SYNC, 0, 0, list); }),
+        std::make_unique<Call>([&] { return qel_hspace_remove(c.h, "k", HSPACE_REMOVE_NOREPLY, 0); }),
+        std::make_unique<Call>([&] { return qel_hspace_get(c.h, "a", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); }),
+    };
+    while (SendQueueLength(c.h) < 4) std::this_thread::yield(); // bounded by the watchdogs of the calls
+    ASSERT_EQ(0u, qel_hspace_close(c.h));
+    EXPECT_EQ(KRO_ERR_CLOSED, blocked.result());
+    for (size_t i = 0; i < 3; i++) EXPECT_EQ(KRO_ERR_CLOSED, queued[i]->result()) << "call " << i;
+    const t_kro_error async = queued[3]->result();
+    EXPECT_EQ(async == 0 ? "get:18 " : "", Seen(c)) << async;
+    EXPECT_TRUE(async == 0 || async == KRO_ERR_CLOSED) << async;
+    EXPECT_EQ(0, SendQueueLength(c.h));
+    EXPECT_EQ(0, RequestCount(c.h));
 }
 
 // A deadline that cuts the write of a packet leaves the stream unusable:

@@ -113,3 +113,29 @@ TEST(SubscriptionIndex, RandomAddsAndRemovesKeepTheTreeExact)
 }
 
 } // namespace
+
+namespace {
+
+TEST(KeyedHash, EveryByteAndTheLengthCount)
+{
+    // Keys one byte apart, at every position of every tail length, and keys
+    // that differ only in length (trailing NULs), all hash apart.
+    hspace::service::KeyedHash hash;
+    std::set<size_t> seen;
+    size_t keys = 0;
+    for (size_t len = 0; len <= 17; len++) {
+        std::string base(len, '\0');
+        seen.insert(hash(base));
+        keys++;
+        for (size_t i = 0; i < len; i++) {
+            std::string k = base;
+            k[i] = '\x01';
+            seen.insert(hash(k));
+            keys++;
+        }
+    }
+    EXPECT_EQ(seen.size(), keys);
+    EXPECT_EQ(hash("same key"), hash(std::string("same key")));
+}
+
+} // namespace

@@ -247,6 +247,61 @@ TEST_F(Reader, AssemblesSplitsAndGrowsOnlyAsBytesArrive)
     }
 }
 
+// A large object's payload is read into a buffer of its own (the packet's
+// value, the object's to be): the read buffer holds the packet's prefix only
+// and keeps its size, the body section ends at its preamble there. It
+// begins with the payload bytes that came with the prefix; a payload cut
+// short fails the read (no leak). A large packet of another kind grows the
+// read buffer, which shrinks back once it is empty again.
+TEST_F(Reader, LargeObjectsAreReadApartAndTheBufferShrinksBack)
+{
+    Bytes payload(HSPACE_PKT_DIRECT_MIN + 1000, 'p');
+    for (size_t i = 0; i < payload.size(); i += 997) payload[i] = (char)i;
+    const Bytes big = Pkt(Rr(7) + Hs(codec::kOpGet, "k"), 2, codec::kTypeObject, payload);
+    const Bytes prefix = big.substr(0, big.size() - payload.size());
+    const Bytes small = Pkt(Rr(1), 1, codec::kTypeObject, "x"), reply = Pkt(Rr(8), 1, codec::kTypeReply, Bytes(200000, 'r'));
+    FakeService svc;
+    BareHandle hs;
+    ASSERT_EQ(0u, qel_hspace_socket_create(svc.url().c_str(), &hs.h.socket));
+    ASSERT_EQ(0u, kro_socket_connect(hs.h.socket));
+    FakeConnection peer = svc.accept();
+    auto next = [&](const Bytes &whole, const Bytes &value) {
+        t_qel_hspace_packet packet = NULL;
+        ASSERT_EQ(0u, qel_hspace_read_packet(&hs.h, &packet));
+        const t_kro_byte *header = (const t_kro_byte *)packet->header;
+        if (value.empty()) {
+            EXPECT_EQ(nullptr, packet->value);
+            EXPECT_EQ(whole, Bytes((const char *)header, qel_hspace_pkt_get_wirelen(packet->header)));
+        } else {
+            EXPECT_EQ(whole.substr(0, whole.size() - value.size()),
+                      Bytes((const char *)header, (const t_kro_byte *)packet->body + 8 - header));
+            ASSERT_NE(nullptr, packet->value);
+            EXPECT_TRUE(packet->value->wrapped && packet->value->pos == 0 && packet->value->refcount == 1);
+            EXPECT_EQ(value, Bytes((const char *)packet->value->ptr, packet->value->lim));
+            kro_buf_release(&packet->value);
+        }
+        kro_mm_free(&packet);
+    };
+    ASSERT_TRUE(peer.send_raw(big + small)); // the prefix and some payload arrive together
+    next(big, payload);
+    next(small, "");
+    EXPECT_EQ(HSPACE_PKT_READBUF_SIZE, hs.h.readbuf->size);
+    ASSERT_TRUE(peer.send_raw_bytewise(prefix) && peer.send_raw(payload)); // the prefix alone first
+    next(big, payload);
+    ASSERT_TRUE(peer.send_raw(reply));
+    next(reply, "");
+    EXPECT_LT(200000u, hs.h.readbuf->size);
+    ASSERT_TRUE(peer.send_raw(small));
+    next(small, "");
+    EXPECT_EQ(HSPACE_PKT_READBUF_SIZE, hs.h.readbuf->size);
+    ASSERT_TRUE(peer.send_raw(big.substr(0, big.size() - 10)));
+    peer.close();
+    struct qel_hspace_packet sentinel;
+    t_qel_hspace_packet packet = &sentinel;
+    EXPECT_EQ(KRO_ERR_PEER_CLOSED, qel_hspace_read_packet(&hs.h, &packet));
+    EXPECT_EQ(&sentinel, packet);
+}
+
 // The library's scanner and the codec's framer apply one set of rules:
 // each stream is refused as soon as its bytes prove it invalid.
 TEST(Scan, ScannerAndFramerAgreeOnEveryStream)

@@ -242,17 +242,13 @@ static bool qel_hspace_pkt_magic_and_version_ok(t_kro_ptr p)
     return qel_hspace_pkt_magic_and_version_ok((t_kro_byte *)buf->ptr + buf->pos) ? 1 : 0;
 }
 
-static t_kro_uint4 qel_hspace_pkt_calc_rr_subhdr_len(void) { return HSPACE_PKT_RR_LEN; }
-
-static t_kro_uint4 qel_hspace_pkt_calc_hspace_subhdr_len(t_kro_str key)
-{
-    return HSPACE_PKT_HSPACE_FIXED_LEN + (t_kro_uint4)strlen(key);
-}
-
 /* ======================================================================
- * Request encoding. Each builder sizes one buffer exactly (zero-filled),
- * writes every section in order and returns it with pos == lim == size ==
- * the wire length. Runs on the calling thread; the data operations hold the
+ * Request encoding. A keyed request is described by its form and written
+ * as a prefix (every section up to the body's payload) that the data
+ * operations keep in the caller's frame, followed on the wire by the
+ * payload straight from the application's buffer. The builders that return
+ * a buffer size it exactly and return it with pos == lim == size == the
+ * wire length. Runs on the calling thread; the data operations hold the
  * handle's mutex, the handshake runs before the reader thread exists.
  * Callers guarantee the lengths fit their fields (keys up to 65535 bytes,
  * handshake strings up to 32767 bytes, packets up to 1 GiB).
@@ -297,7 +293,8 @@ static void qel_hspace_pkt_serialize_body_preamble(t_kro_buf buf, t_kro_uint2 ty
     kro_buf_set_pos(buf, buf->pos + HSPACE_PKT_PREAMBLE_LEN);
 }
 
-static void qel_hspace_pkt_serialize_hspace_subheader(t_kro_buf buf, t_kro_byte opcode, t_kro_byte semantic,
+/* An hspace subheader section (tools build packets with it). */
+[[maybe_unused]] static void qel_hspace_pkt_serialize_hspace_subheader(t_kro_buf buf, t_kro_byte opcode, t_kro_byte semantic,
                                                       t_kro_byte triggers, t_kro_int4 timeout, t_kro_int4 flags,
                                                       t_kro_str key)
 {
@@ -312,16 +309,6 @@ static void qel_hspace_pkt_serialize_hspace_subheader(t_kro_buf buf, t_kro_byte 
     qel_hspace_pkt_wr16(buf, 12, key_len);
     memcpy((t_kro_byte *)buf->ptr + buf->pos + 14, key, key_len);
     kro_buf_set_pos(buf, buf->pos + 14 + key_len);
-}
-
-static void qel_hspace_pkt_serialize_rr_subheader(t_kro_buf buf, t_kro_uint4 corrid)
-{
-    qel_hspace_pkt_serialize_body_preamble(buf, HSPACE_BODY_RR, HSPACE_PKT_RR_LEN);
-    qel_hspace_pkt_wr32(buf, 0, 0);
-    qel_hspace_pkt_wr32(buf, 4, corrid);
-    qel_hspace_pkt_wr32(buf, 8, 0x80000000u);
-    qel_hspace_pkt_wr32(buf, 12, 0);
-    kro_buf_set_pos(buf, buf->pos + 16);
 }
 
 static void qel_hspace_pkt_serialize_str(t_kro_buf buf, t_kro_str s, t_kro_uint2 len)
@@ -354,93 +341,202 @@ static t_kro_buf qel_hspace_pkt_serialize_handshake_request(t_kro_str service_ty
     return buf;
 }
 
-/* Common frame of the keyed requests: header, hspace subheader, rr
- * subheader when with_rr, and the body preamble for payload_len bytes. */
-static t_kro_buf qel_hspace_pkt_serialize_keyed_request(t_qel_hspace hspace, t_kro_byte opcode, t_kro_byte semantic,
-                                                        t_kro_byte triggers, t_kro_int4 timeout, t_kro_int4 flags,
-                                                        t_kro_str key, bool with_rr, t_kro_uint4 sno,
-                                                        t_kro_uint2 body_type, t_kro_uint4 payload_len)
+/* What a keyed request puts on the wire besides its correlation id: the
+ * fields of its hspace subheader, whether it carries an rr subheader, its
+ * body type and its payload (a put's value window, borrowed). */
+struct qel_hspace_pkt_form {
+    t_kro_byte opcode;
+    t_kro_byte semantic;          /* the wire value */
+    t_kro_byte triggers;
+    t_kro_int4 timeout;
+    t_kro_int4 flags;             /* as sent */
+    t_kro_str key;
+    t_kro_uint4 key_len;          /* at most 65535 */
+    bool with_rr;
+    t_kro_uint2 body_type;
+    const t_kro_byte *payload;    /* null when payload_len is 0 */
+    t_kro_uint4 payload_len;
+};
+
+static inline void qel_hspace_pkt_put16(t_kro_byte *p, t_kro_uint2 v)
 {
-    t_kro_uint4 hspace_subhdr_wire_size = qel_hspace_pkt_calc_hspace_subhdr_len(key);
-    t_kro_uint4 rr_subhdr_wire_size = with_rr ? qel_hspace_pkt_calc_rr_subhdr_len() : 0;
-    t_kro_uint4 wire_size = HSPACE_PKT_HEADER_LEN + hspace_subhdr_wire_size + rr_subhdr_wire_size +
-                            HSPACE_PKT_PREAMBLE_LEN + payload_len;
+    v = htons(v);
+    memcpy(p, &v, sizeof v);
+}
+
+static inline void qel_hspace_pkt_put32(t_kro_byte *p, t_kro_uint4 v)
+{
+    v = htonl(v);
+    memcpy(p, &v, sizeof v);
+}
+
+/* Bytes of a keyed request's packet before its payload: header, hspace
+ * subheader, rr subheader when there is one, body preamble. */
+static t_kro_uint4 qel_hspace_pkt_prefix_len(const struct qel_hspace_pkt_form *form)
+{
+    return HSPACE_PKT_HEADER_LEN + HSPACE_PKT_HSPACE_FIXED_LEN + form->key_len + (form->with_rr ? HSPACE_PKT_RR_LEN : 0) +
+           HSPACE_PKT_PREAMBLE_LEN;
+}
+
+/* A section preamble: version 1, type, length. */
+static void qel_hspace_pkt_put_preamble(t_kro_byte *p, t_kro_uint2 type, t_kro_uint4 len)
+{
+    p[0] = 0x01;
+    p[1] = 0x00;
+    qel_hspace_pkt_put16(p + 2, type);
+    qel_hspace_pkt_put32(p + 4, len);
+}
+
+/* Writes the packet of form up to its payload, qel_hspace_pkt_prefix_len
+ * bytes, at out; the payload's bytes follow it on the wire. */
+static void qel_hspace_pkt_encode_prefix(t_kro_byte *out, t_kro_uint2 dport, const struct qel_hspace_pkt_form *form,
+                                         t_kro_uint4 sno)
+{
+    t_kro_byte *p = out;
+    memset(p, 0, HSPACE_PKT_HEADER_LEN);
+    qel_hspace_pkt_put32(p, (HSPACE_PKT_MAGIC << 8) | HSPACE_PKT_VERSION);
+    qel_hspace_pkt_put32(p + 4, qel_hspace_pkt_prefix_len(form) + form->payload_len);
+    qel_hspace_pkt_put16(p + 18, dport);
+    p[27] = 0xFF;
+    p[29] = form->with_rr ? 2 : 1;
+    qel_hspace_pkt_put16(p + 30, form->body_type);
+    p += HSPACE_PKT_HEADER_LEN;
+    qel_hspace_pkt_put_preamble(p, HSPACE_BODY_HSPACE, HSPACE_PKT_HSPACE_FIXED_LEN + form->key_len);
+    p[8] = 0x01;
+    p[9] = form->opcode;
+    p[10] = form->semantic;
+    p[11] = form->triggers;
+    qel_hspace_pkt_put32(p + 12, (t_kro_uint4)form->timeout);
+    qel_hspace_pkt_put32(p + 16, (t_kro_uint4)form->flags);
+    qel_hspace_pkt_put16(p + 20, (t_kro_uint2)form->key_len);
+    memcpy(p + HSPACE_PKT_HSPACE_FIXED_LEN, form->key, form->key_len);
+    p += HSPACE_PKT_HSPACE_FIXED_LEN + form->key_len;
+    if (form->with_rr) {
+        qel_hspace_pkt_put_preamble(p, HSPACE_BODY_RR, HSPACE_PKT_RR_LEN);
+        qel_hspace_pkt_put32(p + 8, 0);
+        qel_hspace_pkt_put32(p + 12, sno);
+        qel_hspace_pkt_put32(p + 16, 0x80000000u);
+        qel_hspace_pkt_put32(p + 20, 0);
+        p += HSPACE_PKT_RR_LEN;
+    }
+    qel_hspace_pkt_put_preamble(p, form->body_type, HSPACE_PKT_PREAMBLE_LEN + form->payload_len);
+}
+
+/* The form's whole packet in one new buffer of exactly its length, pos at
+ * its end (the payload copied in). */
+static t_kro_buf qel_hspace_pkt_serialize_form(t_qel_hspace hspace, const struct qel_hspace_pkt_form *form,
+                                               t_kro_uint4 sno)
+{
+    t_kro_uint4 prefix = qel_hspace_pkt_prefix_len(form);
     t_kro_buf buf;
-    kro_buf_create(&buf, wire_size, 1);
-    qel_hspace_pkt_serialize_header(buf, wire_size, 0, hspace->service_ltp, with_rr ? 2 : 1, body_type);
-    qel_hspace_pkt_serialize_hspace_subheader(buf, opcode, semantic, triggers, timeout, flags, key);
-    if (with_rr) qel_hspace_pkt_serialize_rr_subheader(buf, sno);
-    qel_hspace_pkt_serialize_body_preamble(buf, body_type, HSPACE_PKT_PREAMBLE_LEN + payload_len);
+    kro_buf_create(&buf, prefix + form->payload_len, 0);
+    qel_hspace_pkt_encode_prefix((t_kro_byte *)buf->ptr, hspace->service_ltp, form, sno);
+    if (form->payload_len > 0) memcpy((t_kro_byte *)buf->ptr + prefix, form->payload, form->payload_len);
+    kro_buf_set_pos(buf, prefix + form->payload_len);
     return buf;
 }
 
-/* Length of an object's value: [pos, lim) of its buffer, 0 without one. */
-static t_kro_uint4 qel_hspace_object_data_len(t_qel_hspace_object object)
+/* A form with the common fields: no triggers, timeout or flags, no payload. */
+static struct qel_hspace_pkt_form qel_hspace_pkt_form_of(t_kro_byte opcode, bool sync, t_kro_str key,
+                                                         t_kro_uint2 body_type)
 {
-    t_kro_buf data = object->data.buf;
-    return data == NULL ? 0 : data->lim - data->pos;
+    struct qel_hspace_pkt_form form;
+    form.opcode = opcode;
+    form.semantic = sync ? HSPACE_WIRE_SEMANTIC_SYNC : HSPACE_WIRE_SEMANTIC_NOREPLY;
+    form.triggers = 0;
+    form.timeout = 0;
+    form.flags = 0;
+    form.key = key;
+    form.key_len = (t_kro_uint4)strlen(key);
+    form.with_rr = sync;
+    form.body_type = body_type;
+    form.payload = NULL;
+    form.payload_len = 0;
+    return form;
 }
 
-static t_kro_buf qel_hspace_pkt_serialize_put_request(t_qel_hspace hspace, t_qel_hspace_object object,
+/* A put sends the value window [pos, lim) of its object's buffer; flags
+ * are not sent. */
+static struct qel_hspace_pkt_form qel_hspace_pkt_put_form(t_qel_hspace_object object, t_qel_hspace_put_semantic semantic)
+{
+    struct qel_hspace_pkt_form form =
+        qel_hspace_pkt_form_of(HSPACE_OPCODE_PUT, semantic == HSPACE_PUT_SYNC, object->key, HSPACE_BODY_OBJECT);
+    t_kro_buf data = object->data.buf;
+    if (data != NULL && data->lim > data->pos) {
+        form.payload = (const t_kro_byte *)data->ptr + data->pos;
+        form.payload_len = data->lim - data->pos;
+    }
+    return form;
+}
+
+/* A get sends its timeout and the flag bits 1 and 4. */
+static struct qel_hspace_pkt_form qel_hspace_pkt_get_form(t_kro_str key, t_qel_hspace_get_semantic semantic,
+                                                          t_kro_int4 timeout, t_kro_int4 flags)
+{
+    struct qel_hspace_pkt_form form = qel_hspace_pkt_form_of(HSPACE_OPCODE_GET, true, key, HSPACE_BODY_REQUEST);
+    form.semantic = semantic == HSPACE_GET_SYNC ? HSPACE_WIRE_SEMANTIC_SYNC : HSPACE_WIRE_SEMANTIC_ASYNC;
+    form.timeout = timeout;
+    form.flags = flags & 0x5;
+    return form;
+}
+
+/* A post sends its triggers and the flag bits 2 and 4 (the library's own
+ * bits stay here). */
+static struct qel_hspace_pkt_form qel_hspace_pkt_post_form(t_kro_str key, t_kro_byte triggers, t_kro_int4 flags)
+{
+    struct qel_hspace_pkt_form form = qel_hspace_pkt_form_of(HSPACE_OPCODE_POST, true, key, HSPACE_BODY_REQUEST);
+    form.triggers = triggers;
+    form.flags = flags & (HSPACE_POST_FLAG_NO_IMAGE | HSPACE_POST_FLAG_KEY_ONLY);
+    return form;
+}
+
+/* Each request's whole packet in one new buffer, as qel_hspace_pkt_serialize_form
+ * makes it: for tools and tests (the data operations write the prefix and
+ * the payload apart). */
+[[maybe_unused]] static t_kro_buf qel_hspace_pkt_serialize_put_request(t_qel_hspace hspace, t_qel_hspace_object object,
                                                       t_qel_hspace_put_semantic semantic, t_kro_int4 flags,
                                                       t_kro_uint4 sno)
 {
-    bool sync = semantic == HSPACE_PUT_SYNC;
-    t_kro_uint4 body_wire_size = qel_hspace_object_data_len(object);
-    t_kro_buf buf;
+    struct qel_hspace_pkt_form form = qel_hspace_pkt_put_form(object, semantic);
     (void)flags; /* a put carries no flags */
-    buf = qel_hspace_pkt_serialize_keyed_request(hspace, HSPACE_OPCODE_PUT,
-                                                 sync ? HSPACE_WIRE_SEMANTIC_SYNC : HSPACE_WIRE_SEMANTIC_NOREPLY, 0, 0,
-                                                 0, object->key, sync, sno, HSPACE_BODY_OBJECT, body_wire_size);
-    if (body_wire_size > 0) {
-        t_kro_buf data = object->data.buf;
-        memcpy((t_kro_byte *)buf->ptr + buf->pos, (const t_kro_byte *)data->ptr + data->pos, body_wire_size);
-    }
-    kro_buf_set_pos(buf, buf->pos + body_wire_size);
-    return buf;
+    return qel_hspace_pkt_serialize_form(hspace, &form, sno);
 }
 
-static t_kro_buf qel_hspace_pkt_serialize_get_request(t_qel_hspace hspace, t_kro_str key,
+[[maybe_unused]] static t_kro_buf qel_hspace_pkt_serialize_get_request(t_qel_hspace hspace, t_kro_str key,
                                                       t_qel_hspace_get_semantic semantic, t_kro_int4 timeout,
                                                       t_kro_int4 flags, t_kro_uint4 sno)
 {
-    t_kro_byte wire_semantic = semantic == HSPACE_GET_SYNC ? HSPACE_WIRE_SEMANTIC_SYNC : HSPACE_WIRE_SEMANTIC_ASYNC;
-    return qel_hspace_pkt_serialize_keyed_request(hspace, HSPACE_OPCODE_GET, wire_semantic, 0, timeout, flags & 0x5,
-                                                  key, true, sno, HSPACE_BODY_REQUEST, 0);
+    struct qel_hspace_pkt_form form = qel_hspace_pkt_get_form(key, semantic, timeout, flags);
+    return qel_hspace_pkt_serialize_form(hspace, &form, sno);
 }
 
-static t_kro_buf qel_hspace_pkt_serialize_post_request(t_qel_hspace hspace, t_kro_str key,
+[[maybe_unused]] static t_kro_buf qel_hspace_pkt_serialize_post_request(t_qel_hspace hspace, t_kro_str key,
                                                        t_qel_hspace_post_semantic semantic, t_kro_byte triggers,
                                                        t_kro_int4 flags, t_kro_uint4 sno)
 {
-    bool flg_no_initial_image = (flags & HSPACE_POST_FLAG_NO_IMAGE) != 0;
-    bool flg_keyonly = (flags & HSPACE_POST_FLAG_KEY_ONLY) != 0;
-    t_kro_int4 wire_flags = (flg_no_initial_image ? 0x2 : 0) | (flg_keyonly ? 0x4 : 0);
+    struct qel_hspace_pkt_form form = qel_hspace_pkt_post_form(key, triggers, flags);
     KRO_CHECK((HSPACE_POST_SYNC == semantic));
-    return qel_hspace_pkt_serialize_keyed_request(hspace, HSPACE_OPCODE_POST, HSPACE_WIRE_SEMANTIC_SYNC, triggers, 0,
-                                                  wire_flags, key, true, sno, HSPACE_BODY_REQUEST, 0);
+    return qel_hspace_pkt_serialize_form(hspace, &form, sno);
 }
 
-static t_kro_buf qel_hspace_pkt_serialize_cancel_request(t_qel_hspace hspace, t_kro_byte opcode, t_kro_str key,
+[[maybe_unused]] static t_kro_buf qel_hspace_pkt_serialize_cancel_request(t_qel_hspace hspace, t_kro_byte opcode, t_kro_str key,
                                                          t_qel_hspace_cancel_semantic semantic, t_kro_int4 flags,
                                                          t_kro_uint4 sno)
 {
-    bool sync = semantic == HSPACE_CANCEL_SYNC;
+    struct qel_hspace_pkt_form form =
+        qel_hspace_pkt_form_of(opcode, semantic == HSPACE_CANCEL_SYNC, key, HSPACE_BODY_REQUEST);
     (void)flags; /* a cancel carries no flags */
-    return qel_hspace_pkt_serialize_keyed_request(hspace, opcode,
-                                                  sync ? HSPACE_WIRE_SEMANTIC_SYNC : HSPACE_WIRE_SEMANTIC_NOREPLY, 0, 0,
-                                                  0, key, sync, sno, HSPACE_BODY_REQUEST, 0);
+    return qel_hspace_pkt_serialize_form(hspace, &form, sno);
 }
 
-static t_kro_buf qel_hspace_pkt_serialize_remove_request(t_qel_hspace hspace, t_kro_str key,
+[[maybe_unused]] static t_kro_buf qel_hspace_pkt_serialize_remove_request(t_qel_hspace hspace, t_kro_str key,
                                                          t_qel_hspace_remove_semantic semantic, t_kro_int4 flags,
                                                          t_kro_uint4 sno)
 {
-    bool sync = semantic == HSPACE_REMOVE_SYNC;
+    struct qel_hspace_pkt_form form =
+        qel_hspace_pkt_form_of(HSPACE_OPCODE_REMOVE, semantic == HSPACE_REMOVE_SYNC, key, HSPACE_BODY_REQUEST);
     (void)flags; /* a remove carries no flags */
-    return qel_hspace_pkt_serialize_keyed_request(hspace, HSPACE_OPCODE_REMOVE,
-                                                  sync ? HSPACE_WIRE_SEMANTIC_SYNC : HSPACE_WIRE_SEMANTIC_NOREPLY, 0, 0,
-                                                  0, key, sync, sno, HSPACE_BODY_REQUEST, 0);
+    return qel_hspace_pkt_serialize_form(hspace, &form, sno);
 }
 
 /* Decodes a handshake reply body (a framed packet's body section). The
@@ -520,13 +616,16 @@ static qel_hspace_pkt_scan qel_hspace_pkt_scan_bytes(const t_kro_byte *p, t_kro_
  * Subheaders of types 0 to 4 are filed by type (a later one replaces an
  * earlier one); others are stepped over. An rr subheader shorter than 24
  * bytes, or an hspace subheader too short for its key, is not filed, so
- * inbound processing drops the packet instead of reading past it. */
-static void qel_hspace_pkt_frame_into(t_kro_buf buf, t_qel_hspace_packet pkt)
+ * inbound processing drops the packet instead of reading past it. With
+ * body_apart, buf holds the packet only up to its body's preamble (the
+ * payload was read elsewhere) and pos moves past that. */
+static void qel_hspace_pkt_frame_part(t_kro_buf buf, t_qel_hspace_packet pkt, bool body_apart)
 {
     t_kro_byte *header;
     t_kro_uint4 num_sh, i, wirelen;
     kro_llist_node_init(pkt);
     for (i = 0; i < HSPACE_SUBHEADER_SLOTS; i++) pkt->subheaders[i] = NULL;
+    pkt->value = NULL;
     header = (t_kro_byte *)buf->ptr + buf->pos;
     pkt->header = header;
     wirelen = qel_hspace_pkt_get_wirelen(header);
@@ -545,8 +644,17 @@ static void qel_hspace_pkt_frame_into(t_kro_buf buf, t_qel_hspace_packet pkt)
         kro_buf_set_pos(buf, buf->pos + len);
     }
     pkt->body = (t_kro_byte *)buf->ptr + buf->pos;
+    if (body_apart) {
+        kro_buf_set_pos(buf, buf->pos + HSPACE_PKT_PREAMBLE_LEN);
+        return;
+    }
     kro_buf_set_pos(buf, buf->pos + qel_hspace_pkt_get_body_len_from_body(pkt->body));
     KRO_CHECK(header + wirelen == (t_kro_byte *)buf->ptr + buf->pos);
+}
+
+static void qel_hspace_pkt_frame_into(t_kro_buf buf, t_qel_hspace_packet pkt)
+{
+    qel_hspace_pkt_frame_part(buf, pkt, false);
 }
 
 /* qel_hspace_pkt_frame_into with a new record in *packet, which the caller
@@ -557,17 +665,86 @@ static void qel_hspace_pkt_frame_into(t_kro_buf buf, t_qel_hspace_packet pkt)
     qel_hspace_pkt_frame_into(buf, *packet);
 }
 
+/* For the n bytes at p, which begin a packet that the scanner found
+ * incomplete but not invalid: the offset of its body's payload when every
+ * byte before that payload is there, the body is an object and its payload
+ * is at least HSPACE_PKT_DIRECT_MIN bytes long; else 0. */
+static t_kro_uint4 qel_hspace_pkt_direct_offset(const t_kro_byte *p, t_kro_uint4 n)
+{
+    t_kro_uint4 off = HSPACE_PKT_HEADER_LEN, subheaders, i;
+    if (n < HSPACE_PKT_HEADER_LEN) return 0;
+    subheaders = qel_hspace_pkt_get_subhdr_count_from_header((t_kro_ptr)p);
+    for (i = 0; i < subheaders; i++) {
+        if (n - off < HSPACE_PKT_PREAMBLE_LEN) return 0;
+        off += qel_hspace_pkt_get_body_len_from_body((t_kro_ptr)(p + off)); /* within wirelen: scanned */
+        if (off > n) return 0;
+    }
+    if (n - off < HSPACE_PKT_PREAMBLE_LEN) return 0;
+    if (qel_hspace_pkt_get_body_type_from_body((t_kro_ptr)(p + off)) != HSPACE_BODY_OBJECT) return 0;
+    if (qel_hspace_pkt_get_body_len_from_body((t_kro_ptr)(p + off)) - HSPACE_PKT_PREAMBLE_LEN < HSPACE_PKT_DIRECT_MIN)
+        return 0;
+    return off + HSPACE_PKT_PREAMBLE_LEN;
+}
+
+/* A value buffer for len bytes (len > 0) whose record and bytes share one
+ * block: wrapped, so releasing the record frees both. pos 0, lim len. */
+static t_kro_buf qel_hspace_value_make(t_kro_uint4 len)
+{
+    t_kro_buf buf;
+    KRO_ALLOC_RECORD(sizeof(struct kro_buf) + len, &buf, 0);
+    buf->refcount = 1;
+    buf->wrapped = 1;
+    buf->size = len;
+    buf->pos = 0;
+    buf->lim = len;
+    buf->ptr = buf + 1;
+    return buf;
+}
+
+/* The rest of a large object's packet whose bytes up to the payload's
+ * offset payload_at lie at the read buffer's pos: the payload goes into a
+ * buffer of its own, the part already received copied over and the rest
+ * read straight into it, and the packet is framed with it. The buffer
+ * grows no further than the packet's prefix. */
+static t_kro_error qel_hspace_read_packet_apart(t_qel_hspace hspace, t_qel_hspace_packet packet, t_kro_uint4 payload_at)
+{
+    t_kro_buf rb = hspace->readbuf;
+    const t_kro_byte *start = (const t_kro_byte *)rb->ptr + rb->pos;
+    t_kro_uint4 have = rb->lim - rb->pos - payload_at;
+    t_kro_buf value = qel_hspace_value_make(qel_hspace_pkt_get_wirelen((t_kro_ptr)start) - payload_at);
+    t_kro_uint4 bytes_transferred = 0;
+    memcpy(value->ptr, start + payload_at, have);
+    value->pos = have;
+    while (value->pos < value->lim) {
+        t_kro_error error = kro_socket_read(hspace->socket, value, &bytes_transferred);
+        if (error != 0) {
+            kro_buf_release(&value);
+            return error;
+        }
+    }
+    value->pos = 0;
+    kro_buf_set_lim(rb, rb->pos + payload_at);
+    qel_hspace_pkt_frame_part(rb, packet, true);
+    packet->value = value;
+    return 0;
+}
+
 /* Frames the next whole packet of the handle's stream into the caller's
  * record packet, reading from the socket as needed. On error packet is
  * untouched: the socket's error, or KRO_ERR_INVALID_PACKET as soon as the
- * bytes received prove the stream invalid. */
+ * bytes received prove the stream invalid. A large object's payload is
+ * read into a buffer of its own (packet->value), so the read buffer holds
+ * at most the packets' prefixes and small packets, and shrinks back once
+ * empty after something larger. */
 static t_kro_error qel_hspace_read_packet_into(t_qel_hspace hspace, t_qel_hspace_packet packet)
 {
     t_kro_error error = 0;
     t_kro_uint4 bytes_transferred = 0;
     while (error == 0) {
         t_kro_buf rb = hspace->readbuf;
-        if (rb == NULL) {
+        t_kro_uint4 payload_at;
+        if (rb != NULL && rb->pos == rb->lim && rb->size > HSPACE_PKT_READBUF_KEEP) kro_buf_release(&hspace->readbuf);
+        if (hspace->readbuf == NULL) {
             kro_buf_create(&hspace->readbuf, HSPACE_PKT_READBUF_SIZE, 0);
             rb = hspace->readbuf;
             kro_buf_set_lim(rb, rb->pos);
@@ -581,6 +758,8 @@ static t_kro_error qel_hspace_read_packet_into(t_qel_hspace hspace, t_qel_hspace
         case QEL_HSPACE_PKT_MORE:
             break;
         }
+        payload_at = qel_hspace_pkt_direct_offset((const t_kro_byte *)rb->ptr + rb->pos, rb->lim - rb->pos);
+        if (payload_at != 0) return qel_hspace_read_packet_apart(hspace, packet, payload_at);
         kro_buf_compact(rb);
         if (rb->lim == rb->pos) {
             t_kro_buf grown;
@@ -809,14 +988,16 @@ static void qel_hspace_request_unlink(t_qel_hspace_request request)
     if (request->opcode == HSPACE_OPCODE_POST) qel_hspace_index_remove(hspace, &hspace->key_index, request);
 }
 
-static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro_byte opcode, t_kro_str key,
-                                                      t_kro_ptr urid, t_kro_buf buf, t_kro_bool dup_key,
-                                                      t_kro_bool async_reply, t_kro_llist replies)
+/* Fills in the record at request (on the heap, or in the calling thread's
+ * frame when on_stack), draws its correlation id and links it. */
+static void qel_hspace_request_init(t_qel_hspace hspace, t_qel_hspace_request request, t_kro_bool on_stack,
+                                    t_kro_byte opcode, t_kro_str key, t_kro_ptr urid, t_kro_buf buf,
+                                    t_kro_bool dup_key, t_kro_bool async_reply, t_kro_llist replies)
     KRO_REQUIRES(hspace->mutex)
 {
-    t_qel_hspace_request request;
-    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_request), &request, 0);
     kro_llist_node_init(request);
+    request->on_stack = on_stack;
+    new (&request->owners) std::atomic<int>(async_reply ? 2 : 1);
     request->hspace = hspace;
     request->opcode = opcode;
     request->dup_key = dup_key;
@@ -864,6 +1045,16 @@ static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro
         request->sync_ctx = NULL;
     }
     qel_hspace_request_link(hspace, request);
+}
+
+static t_qel_hspace_request qel_hspace_request_create(t_qel_hspace hspace, t_kro_byte opcode, t_kro_str key,
+                                                      t_kro_ptr urid, t_kro_buf buf, t_kro_bool dup_key,
+                                                      t_kro_bool async_reply, t_kro_llist replies)
+    KRO_REQUIRES(hspace->mutex)
+{
+    t_qel_hspace_request request;
+    KRO_ALLOC_RECORD(sizeof(struct qel_hspace_request), &request, 0);
+    qel_hspace_request_init(hspace, request, 0, opcode, key, urid, buf, dup_key, async_reply, replies);
     return request;
 }
 
@@ -905,6 +1096,11 @@ static void qel_hspace_request_destroy(t_qel_hspace_request *request)
     if (r->head != NULL) qel_hspace_request_unlink(r);
     if (r->dup_key && r->key != NULL) KRO_CHECK(kro_mm_free(&r->key) == 0);
     if (r->buf != NULL) kro_buf_release(&r->buf);
+    if (r->on_stack) {
+        *request = NULL;
+        return;
+    }
+    r->owners.~atomic();
     KRO_CHECK(kro_mm_free(request) == 0);
 }
 
@@ -935,6 +1131,14 @@ static void qel_hspace_unlock_and_wake(t_qel_hspace hspace) KRO_RELEASE(hspace->
  * once it is back, so no thread touches freed memory. */
 static void qel_hspace_request_end(t_qel_hspace hspace, t_qel_hspace_request request) KRO_REQUIRES(hspace->mutex)
 {
+    if (request->sync_ctx == NULL) {
+        /* An asynchronous get: the table's hold ends. Marked before the
+         * hold is given up: once it is, the caller may free the record. */
+        if (request->head != NULL) qel_hspace_request_unlink(request);
+        request->orphaned = 1;
+        if (request->owners.fetch_sub(1, std::memory_order_acq_rel) == 1) qel_hspace_request_destroy(&request);
+        return;
+    }
     if (request->caller_waiting) {
         if (request->head != NULL) qel_hspace_request_unlink(request);
         request->orphaned = 1;
@@ -951,7 +1155,7 @@ static void qel_hspace_request_abandon(t_qel_hspace_request request)
 {
     request->call = NULL;
     if (request->in_event) {
-        if (request->head != NULL) kro_llist_remove(request);
+        if (request->head != NULL) qel_hspace_request_unlink(request);
         request->abandoned = 1;
     } else {
         qel_hspace_request_destroy(&request);
@@ -1131,27 +1335,26 @@ t_qel_hspace_object qel_hspace_object_make(const char *key, t_kro_uint4 key_len,
     o->key = copy;
     o->data.buf = NULL;
     if (data_len != 0) {
-        t_kro_buf buf;
-        KRO_ALLOC_RECORD(sizeof(struct kro_buf) + data_len, &o->data.buf, 0);
-        buf = o->data.buf;
-        buf->refcount = 1;
-        buf->wrapped = 1;
-        buf->size = data_len;
-        buf->pos = 0;
-        buf->lim = data_len;
-        buf->ptr = buf + 1;
-        memcpy(buf->ptr, data, data_len);
+        o->data.buf = qel_hspace_value_make(data_len);
+        memcpy(o->data.buf->ptr, data, data_len);
     }
     return o;
 }
 
-/* Builds a library-owned object from a packet with an hspace subheader. */
+/* Builds a library-owned object from a packet with an hspace subheader.
+ * A payload read apart passes to the object as it is, uncopied. */
 static void qel_hspace_object_create_from_packet(t_qel_hspace_packet packet, t_qel_hspace_object *object)
 {
     t_kro_ptr hs = packet->subheaders[HSPACE_BODY_HSPACE];
-    *object = qel_hspace_object_make((const char *)hs + HSPACE_PKT_HSPACE_FIXED_LEN,
-                                     qel_hspace_pkt_get_key_len_from_hspace_subheader(hs),
-                                     (const t_kro_byte *)packet->body + HSPACE_PKT_PREAMBLE_LEN,
+    const char *key = (const char *)hs + HSPACE_PKT_HSPACE_FIXED_LEN;
+    t_kro_uint2 key_len = qel_hspace_pkt_get_key_len_from_hspace_subheader(hs);
+    if (packet->value != NULL) {
+        *object = qel_hspace_object_make(key, key_len, NULL, 0);
+        (*object)->data.buf = packet->value;
+        packet->value = NULL;
+        return;
+    }
+    *object = qel_hspace_object_make(key, key_len, (const t_kro_byte *)packet->body + HSPACE_PKT_PREAMBLE_LEN,
                                      qel_hspace_pkt_get_body_len_from_body(packet->body) - HSPACE_PKT_PREAMBLE_LEN);
 }
 
@@ -1254,6 +1457,7 @@ static void qel_hspace_reader_entry_point(t_kro_ptr ptr)
         error = qel_hspace_read_packet_into(hspace, &packet);
         if (error != 0) break;
         qel_hspace_process_packet(hspace, &packet);
+        if (packet.value != NULL) kro_buf_release(&packet.value); /* a dropped packet's */
     }
     qel_hspace_lock(hspace);
     state = hspace->state.load();
@@ -1411,6 +1615,16 @@ static void qel_hspace_open_detail(t_qel_hspace hspace, t_kro_error error, t_kro
         snprintf(hspace->detail, sizeof hspace->detail, "the service's answer is no handshake reply");
 }
 
+/* The name is written by open before the handle becomes open and freed by
+ * destroy, so the caller that saw open succeed reads it without a lock. */
+extern "C" KRO_API t_kro_error qel_hspace_get_service_name(t_qel_hspace hspace, t_kro_str *name)
+{
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || name == NULL) return KRO_ERR_INVALID_ARG;
+    *name = hspace->service_name;
+    return 0;
+}
+
 /* Sends the handshake request over the connected socket and decodes the
  * reply; the name is a new string owned by the caller. Opening thread, no
  * lock, before the reader thread exists. */
@@ -1428,6 +1642,7 @@ static t_kro_error qel_hspace_handshake(t_qel_hspace hspace, t_kro_uint2 *servic
     error = qel_hspace_read_packet(hspace, &packet);
     if (error != 0) return error;
     error = qel_hspace_pkt_deserialize_handshake_reply(packet->body, service_version, service_ltp, service_name);
+    if (packet->value != NULL) kro_buf_release(&packet->value); /* an object is no handshake reply */
     KRO_CHECK(kro_mm_free(&packet) == 0);
     return error;
 }
@@ -1809,21 +2024,62 @@ static t_kro_error qel_hspace_send(t_qel_hspace hspace, struct qel_hspace_call *
     return error;
 }
 
-/* A one-chunk packet: buf from 0 to pos, as the encoders leave it. */
-static t_kro_socket_chunk qel_hspace_chunk_of(t_kro_buf buf)
+#define QEL_HSPACE_PREFIX_SPACE 256 /* bytes of a request's packet before its payload kept in the caller's frame */
+
+/* The packet of one request as the chunks of one gathered write: its
+ * prefix in the caller's frame (on the heap for a key too long for it),
+ * then its payload straight from the application's buffer, uncopied. */
+struct qel_hspace_outbound {
+    t_kro_socket_chunk chunks[2];
+    t_kro_uint4 count;
+    t_kro_byte *heap; /* the prefix when it did not fit space, else null */
+    t_kro_byte space[QEL_HSPACE_PREFIX_SPACE];
+};
+
+static void qel_hspace_outbound_encode(t_qel_hspace hspace, struct qel_hspace_outbound *out,
+                                       const struct qel_hspace_pkt_form *form, t_kro_uint4 sno)
 {
-    t_kro_socket_chunk chunk;
-    chunk.ptr = buf->ptr;
-    chunk.len = buf->pos;
-    return chunk;
+    t_kro_uint4 len = qel_hspace_pkt_prefix_len(form);
+    t_kro_byte *prefix = out->space;
+    out->heap = NULL;
+    if (len > sizeof out->space) {
+        KRO_ALLOC_RECORD(len, &out->heap, 0);
+        prefix = out->heap;
+    }
+    qel_hspace_pkt_encode_prefix(prefix, hspace->service_ltp, form, sno);
+    out->chunks[0].ptr = prefix;
+    out->chunks[0].len = len;
+    out->chunks[1].ptr = form->payload;
+    out->chunks[1].len = form->payload_len;
+    out->count = form->payload_len > 0 ? 2 : 1;
+}
+
+static void qel_hspace_outbound_release(struct qel_hspace_outbound *out)
+{
+    if (out->heap != NULL) KRO_CHECK(kro_mm_free(&out->heap) == 0);
+}
+
+/* Encodes the request's packet and sends it (qel_hspace_send). Entered
+ * with the mutex held, returns with it released. */
+static t_kro_error qel_hspace_send_form(t_qel_hspace hspace, struct qel_hspace_call *call,
+                                        const struct qel_hspace_pkt_form *form, t_kro_uint4 sno)
+    KRO_RELEASE(hspace->mutex)
+{
+    struct qel_hspace_outbound out;
+    t_kro_error error;
+    qel_hspace_outbound_encode(hspace, &out, form, sno);
+    error = qel_hspace_send(hspace, call, out.chunks, out.count);
+    qel_hspace_outbound_release(&out);
+    return error;
 }
 
 /* Takes back the caller's synchronous record when its call ends without
  * having seen the completion (a send that failed or was withdrawn, or the
  * deadline): the completion status when the record was completed
- * meanwhile, else error with the record taken out of the table, so that a
- * late answer reaches no one. A cancel whose packet went out ends the
- * local subscription as its answer would have. Mutex held. */
+ * meanwhile, else error, and the caller frees the record (which takes it
+ * out of the table, so that a late answer reaches no one). A cancel whose
+ * packet went out ends the local subscription as its answer would have.
+ * Mutex held. */
 static t_kro_error qel_hspace_request_settle(t_qel_hspace hspace, t_qel_hspace_request request, t_kro_error error,
                                              bool written) KRO_REQUIRES(hspace->mutex)
 {
@@ -1838,7 +2094,6 @@ static t_kro_error qel_hspace_request_settle(t_qel_hspace hspace, t_qel_hspace_r
         else if (post != NULL)
             post->cancelled = 1;
     }
-    if (request->head != NULL) qel_hspace_request_unlink(request);
     return error;
 }
 
@@ -1865,31 +2120,25 @@ static t_kro_error qel_hspace_await(t_qel_hspace hspace, struct qel_hspace_call 
     return error;
 }
 
-/* Sends buf for a put, cancel or remove and, when request is set (it then
- * takes buf over), waits for its status; frees the request or releases
- * buf. Entered with the mutex held; returns with it released. */
+/* Sends a put, cancel or remove and, with a synchronous record (the
+ * caller's, in its frame), waits for its status. Entered with the mutex
+ * held, right after the record was made; returns with it released. */
 static t_kro_error qel_hspace_send_for_status(t_qel_hspace hspace, struct qel_hspace_call *call,
-                                              t_qel_hspace_request request, t_kro_buf buf) KRO_RELEASE(hspace->mutex)
+                                              t_qel_hspace_request request, const struct qel_hspace_pkt_form *form)
+    KRO_RELEASE(hspace->mutex)
 {
-    t_kro_socket_chunk chunk = qel_hspace_chunk_of(buf);
-    t_kro_error error;
-    if (request == NULL) {
-        error = qel_hspace_send(hspace, call, &chunk, 1);
-        kro_buf_release(&buf);
-        return error;
-    }
-    request->buf = buf;
+    if (request == NULL) return qel_hspace_send_form(hspace, call, form, 0);
     request->call = call;
-    return qel_hspace_await(hspace, call, request, qel_hspace_send(hspace, call, &chunk, 1));
+    return qel_hspace_await(hspace, call, request, qel_hspace_send_form(hspace, call, form, request->corrid));
 }
 
 static t_kro_error qel_hspace_put_call(t_qel_hspace hspace, t_qel_hspace_object object,
                                        t_qel_hspace_put_semantic semantic, t_kro_int4 flags, t_kro_uint4 timeout_ms)
 {
     t_kro_error error;
-    t_qel_hspace_request request = NULL;
+    struct qel_hspace_request record;
     struct qel_hspace_call call;
-    t_kro_buf buf;
+    struct qel_hspace_pkt_form form;
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL || object == NULL || object->key == NULL) return KRO_ERR_INVALID_ARG;
     if (semantic != HSPACE_PUT_SYNC && semantic != HSPACE_PUT_PIPELINED && semantic != HSPACE_PUT_NOREPLY)
@@ -1903,12 +2152,13 @@ static t_kro_error qel_hspace_put_call(t_qel_hspace hspace, t_qel_hspace_object 
     if (semantic == HSPACE_PUT_PIPELINED) return KRO_ERR_NOT_SUPPORTED;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
+    (void)flags; /* a put carries no flags */
+    form = qel_hspace_pkt_put_form(object, semantic);
     qel_hspace_call_init(&call, timeout_ms);
     if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
-    if (semantic != HSPACE_PUT_NOREPLY)
-        request = qel_hspace_request_create(hspace, HSPACE_OPCODE_PUT, object->key, NULL, NULL, 0, 0, NULL);
-    buf = qel_hspace_pkt_serialize_put_request(hspace, object, semantic, flags, request ? request->corrid : 0);
-    return qel_hspace_send_for_status(hspace, &call, request, buf);
+    if (semantic == HSPACE_PUT_NOREPLY) return qel_hspace_send_for_status(hspace, &call, NULL, &form);
+    qel_hspace_request_init(hspace, &record, 1, HSPACE_OPCODE_PUT, object->key, NULL, NULL, 0, 0, NULL);
+    return qel_hspace_send_for_status(hspace, &call, &record, &form);
 }
 
 static t_kro_error qel_hspace_get_call(t_qel_hspace hspace, t_kro_str key, t_kro_ptr urid,
@@ -1916,9 +2166,10 @@ static t_kro_error qel_hspace_get_call(t_qel_hspace hspace, t_kro_str key, t_kro
                                        t_kro_llist objects, t_kro_uint4 timeout_ms)
 {
     t_kro_error error;
+    struct qel_hspace_request record;
     t_qel_hspace_request request;
     struct qel_hspace_call call;
-    t_kro_socket_chunk chunk;
+    struct qel_hspace_pkt_form form;
     bool sync = semantic == HSPACE_GET_SYNC;
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL || key == NULL) return KRO_ERR_INVALID_ARG;
@@ -1928,27 +2179,35 @@ static t_kro_error qel_hspace_get_call(t_qel_hspace hspace, t_kro_str key, t_kro
     if (timeout != 0) return KRO_ERR_NOT_SUPPORTED;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
+    form = qel_hspace_pkt_get_form(key, semantic, timeout, flags);
     qel_hspace_call_init(&call, timeout_ms);
     if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
-    request = qel_hspace_request_create(hspace, HSPACE_OPCODE_GET, key, urid, NULL, sync ? 0 : 1, sync ? 0 : 1,
-                                        sync ? objects : NULL);
-    request->buf = qel_hspace_pkt_serialize_get_request(hspace, key, semantic, timeout, flags, request->corrid);
-    request->call = &call;
-    chunk = qel_hspace_chunk_of(request->buf);
-    error = qel_hspace_send(hspace, &call, &chunk, 1);
     if (sync) {
-        error = qel_hspace_await(hspace, &call, request, error);
+        qel_hspace_request_init(hspace, &record, 1, HSPACE_OPCODE_GET, key, urid, NULL, 0, 0, objects);
+        record.call = &call;
+        error = qel_hspace_await(hspace, &call, &record, qel_hspace_send_form(hspace, &call, &form, record.corrid));
         return error == KRO_ERR_NO_MATCH ? 0 : error;
     }
-    qel_hspace_lock(hspace);
-    request->call = NULL;
-    request->caller_waiting = 0;
-    /* An asynchronous get that the reader thread has already ended, or is
-     * raising its event about, returns 0 whatever its write did: its
-     * outcome is that event. */
-    if (error != 0 && (request->orphaned || request->in_event)) error = 0;
+    /* Asynchronous: the record outlives the call; the caller holds it only
+     * until its write is done. */
+    request = qel_hspace_request_create(hspace, HSPACE_OPCODE_GET, key, urid, NULL, 1, 1, NULL);
+    error = qel_hspace_send_form(hspace, &call, &form, request->corrid);
+    if (error == 0) {
+        if (request->owners.fetch_sub(1, std::memory_order_acq_rel) == 1) qel_hspace_request_destroy(&request);
+        return 0;
+    }
     KRO_CHECK(error != QEL_HSPACE_ENDED);
-    if (error != 0 || request->orphaned) qel_hspace_request_abandon(request);
+    qel_hspace_lock(hspace);
+    /* A get that the reader thread has already ended, or is raising its
+     * event about, returns 0 whatever its write did: its outcome is that
+     * event. Any other failed get is taken back from the table. */
+    if (request->orphaned || request->in_event) {
+        error = 0;
+    } else {
+        qel_hspace_request_unlink(request);
+        request->owners.fetch_sub(1, std::memory_order_relaxed);
+    }
+    if (request->owners.fetch_sub(1, std::memory_order_acq_rel) == 1) qel_hspace_request_destroy(&request);
     qel_hspace_unlock(hspace);
     return error;
 }
@@ -1960,12 +2219,14 @@ static t_kro_error qel_hspace_post_call(t_qel_hspace hspace, t_kro_str key, t_kr
     t_kro_error error;
     t_qel_hspace_request request;
     struct qel_hspace_call call;
-    t_kro_socket_chunk chunk;
+    struct qel_hspace_pkt_form form;
+    bool written;
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL || key == NULL || semantic != HSPACE_POST_SYNC) return KRO_ERR_INVALID_ARG;
     if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
+    form = qel_hspace_pkt_post_form(key, triggers, flags);
     qel_hspace_call_init(&call, timeout_ms);
     qel_hspace_lock(hspace);
     if (qel_hspace_request_get_post(hspace, key) != NULL) {
@@ -1979,11 +2240,9 @@ static t_kro_error qel_hspace_post_call(t_qel_hspace hspace, t_kro_str key, t_kr
     request = qel_hspace_request_create(hspace, HSPACE_OPCODE_POST, key, urid, NULL, 1, 0, NULL);
     request->initial_image_complete = (flags & HSPACE_POST_FLAG_NO_IMAGE) ? 1 : 0;
     request->start_event = (flags & HSPACE_POST_FLAG_NO_IMAGE) && (flags & HSPACE_POST_FLAG_START_EVENT) ? 1 : 0;
-    request->buf = qel_hspace_pkt_serialize_post_request(hspace, key, semantic, triggers, flags, request->corrid);
     request->call = &call;
-    chunk = qel_hspace_chunk_of(request->buf);
-    error = qel_hspace_send(hspace, &call, &chunk, 1);
-    bool written = error == 0;
+    error = qel_hspace_send_form(hspace, &call, &form, request->corrid);
+    written = error == 0;
     if (error == 0 &&
         (kro_wake_wait(&call.wake, QEL_HSPACE_CALL_COMPLETE, call.deadline) & QEL_HSPACE_CALL_COMPLETE) == 0)
         error = KRO_ERR_TIMEOUT;
@@ -2002,40 +2261,42 @@ static t_kro_error qel_hspace_cancel_call(t_qel_hspace hspace, t_kro_str key, t_
                                           t_kro_int4 flags, t_kro_uint4 timeout_ms)
 {
     t_kro_error error;
-    t_qel_hspace_request request;
+    struct qel_hspace_request record;
     struct qel_hspace_call call;
+    struct qel_hspace_pkt_form form;
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL || key == NULL || semantic != HSPACE_CANCEL_SYNC) return KRO_ERR_INVALID_ARG;
     if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
+    (void)flags; /* a cancel carries no flags */
+    form = qel_hspace_pkt_form_of(HSPACE_OPCODE_CANCEL, true, key, HSPACE_BODY_REQUEST);
     qel_hspace_call_init(&call, timeout_ms);
     if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
-    request = qel_hspace_request_create(hspace, HSPACE_OPCODE_CANCEL, key, NULL, NULL, 0, 0, NULL);
-    return qel_hspace_send_for_status(
-        hspace, &call, request,
-        qel_hspace_pkt_serialize_cancel_request(hspace, HSPACE_OPCODE_CANCEL, key, semantic, flags, request->corrid));
+    qel_hspace_request_init(hspace, &record, 1, HSPACE_OPCODE_CANCEL, key, NULL, NULL, 0, 0, NULL);
+    return qel_hspace_send_for_status(hspace, &call, &record, &form);
 }
 
 static t_kro_error qel_hspace_remove_call(t_qel_hspace hspace, t_kro_str key, t_qel_hspace_remove_semantic semantic,
                                           t_kro_int4 flags, t_kro_uint4 timeout_ms)
 {
     t_kro_error error;
-    t_qel_hspace_request request = NULL;
+    struct qel_hspace_request record;
     struct qel_hspace_call call;
-    t_kro_buf buf;
+    struct qel_hspace_pkt_form form;
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL || key == NULL) return KRO_ERR_INVALID_ARG;
     if (semantic != HSPACE_REMOVE_SYNC && semantic != HSPACE_REMOVE_NOREPLY) return KRO_ERR_INVALID_ARG;
     if (!qel_hspace_key_ok(key)) return KRO_ERR_INVALID_ARG;
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
+    (void)flags; /* a remove carries no flags */
+    form = qel_hspace_pkt_form_of(HSPACE_OPCODE_REMOVE, semantic == HSPACE_REMOVE_SYNC, key, HSPACE_BODY_REQUEST);
     qel_hspace_call_init(&call, timeout_ms);
     if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
-    if (semantic == HSPACE_REMOVE_SYNC)
-        request = qel_hspace_request_create(hspace, HSPACE_OPCODE_REMOVE, key, NULL, NULL, 0, 0, NULL);
-    buf = qel_hspace_pkt_serialize_remove_request(hspace, key, semantic, flags, request ? request->corrid : 0);
-    return qel_hspace_send_for_status(hspace, &call, request, buf);
+    if (semantic == HSPACE_REMOVE_NOREPLY) return qel_hspace_send_for_status(hspace, &call, NULL, &form);
+    qel_hspace_request_init(hspace, &record, 1, HSPACE_OPCODE_REMOVE, key, NULL, NULL, 0, 0, NULL);
+    return qel_hspace_send_for_status(hspace, &call, &record, &form);
 }
 
 extern "C" KRO_API t_kro_error qel_hspace_put(t_qel_hspace hspace, t_qel_hspace_object object,

@@ -222,34 +222,24 @@ private:
     Clock::time_point at_{}; // when bounded
 };
 
-// The C data operations under a deadline.
+// The C data operations under a deadline (none passed yet).
 t_kro_error c_put(t_qel_hspace h, t_qel_hspace_object object, t_qel_hspace_put_semantic semantic, const Deadline &d)
 {
-    (void)d;
-    return qel_hspace_put(h, object, semantic, 0);
+    return qel_hspace_put_timed(h, object, semantic, 0, d.c_ms());
 }
 t_kro_error c_remove(t_qel_hspace h, const char *key, t_qel_hspace_remove_semantic semantic, const Deadline &d)
 {
-    (void)d;
-    return qel_hspace_remove(h, key, semantic, 0);
+    return qel_hspace_remove_timed(h, key, semantic, 0, d.c_ms());
 }
 t_kro_error c_post(t_qel_hspace h, const char *key, uint64_t id, t_kro_byte triggers, t_kro_int4 flags,
                    const Deadline &d)
 {
-    (void)d;
-    return qel_hspace_post(h, key, to_urid(id), HSPACE_POST_SYNC, triggers, flags);
+    return qel_hspace_post_timed(h, key, to_urid(id), HSPACE_POST_SYNC, triggers, flags, d.c_ms());
 }
 t_kro_error c_cancel(t_qel_hspace h, const char *key, const Deadline &d)
 {
-    (void)d;
-    return qel_hspace_cancel(h, key, HSPACE_CANCEL_SYNC, 0);
+    return qel_hspace_cancel_timed(h, key, HSPACE_CANCEL_SYNC, 0, d.c_ms());
 }
-
-#ifdef HSPACE_POST_FLAG_START_EVENT
-constexpr t_kro_int4 kStartEvent = HSPACE_POST_FLAG_START_EVENT;
-#else
-constexpr t_kro_int4 kStartEvent = 0;
-#endif
 
 void c_event(t_qel_hspace h, t_qel_hspace_event event, t_kro_ptr data);
 
@@ -310,12 +300,10 @@ struct __attribute__((visibility("hidden"))) Subscription::State_ {
     std::string_view prefix() const { return std::string_view(folded).substr(0, key.size() - 1); } // pattern: folded
 };
 
-// One get answered through events: a get with a deadline, get_async.
+// An asynchronous get: its answer so far and who takes it.
 struct GetCall {
     Objects objects;                       // mu: the answer so far
-    t_kro_error status = 0;                // mu: once done
-    bool done = false;                     // mu: the final event arrived
-    Client::GetHandler handler;            // set: run on the reader thread once done
+    Client::GetHandler handler;            // run once with the result (the reader thread, or the worker's timeout)
 };
 
 struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_from_this<Client::Impl> {
@@ -337,7 +325,7 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     };
     // A cancel the worker is to send for a reset Subscription.
     struct PendingCancel {
-        std::string key;                   // as subscribed
+        Sub sub;                           // the subscription (its key, kept while queued)
         uint64_t gen = 0;                  // the link it was posted on: sent only on that one
         bool sending = false;              // the worker sends it now
     };
@@ -381,15 +369,15 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     std::deque<Sub> retry;                             // mu: subscriptions to post again at retry_at
     Clock::time_point retry_at{};                      // mu: when, while retry is not empty
     std::chrono::milliseconds retry_delay{0};          // mu: backoff of the next round; 0 after a good one
-    std::unordered_map<std::string, PendingCancel> cancels; // mu: cancels to send, by folded key
-    std::deque<std::string> cancel_order;              // mu: their folded keys, oldest first (some gone)
+    std::unordered_map<std::string_view, PendingCancel> cancels; // mu: cancels to send, by folded key
+    std::deque<Sub> cancel_order;                      // mu: their subscriptions, oldest first (some gone)
     const Subscription::State_ *delivering = nullptr;  // mu: whose callback runs now
     std::thread::id delivering_thread;                 // mu: the thread running it
     std::deque<Task> tasks;                            // mu: for the worker
     bool connecting = false;               // mu: the worker is inside a connection attempt
     std::minstd_rand random{std::random_device{}()}; // mu: backoff jitter
     std::thread worker;                    // started by the first open
-    std::thread::id worker_id;             // set before the worker starts
+    std::thread::id worker_id;             // mu: the worker's, once started
     std::string open_detail;               // mu: why the last failed connect failed, in detail
 
     // ---- links ----
@@ -420,7 +408,7 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     std::vector<Sub> live() const;
     void route(std::string_view key, int trigger, uint64_t g, std::vector<Sub> &out);
     Sub find_subscribed(std::string_view key);
-    void queue_cancel(const Subscription::State_ &s);
+    void queue_cancel(const Sub &s);
     void schedule_retry(const Sub &s);
     std::chrono::milliseconds jitter(std::chrono::milliseconds delay)
     {
@@ -428,7 +416,8 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     }
     static t_kro_int4 post_flags(const SubscribeOptions &o)
     {
-        return (o.no_image ? HSPACE_POST_FLAG_NO_IMAGE | kStartEvent : 0) | (o.key_only ? HSPACE_POST_FLAG_KEY_ONLY : 0);
+        return (o.no_image ? HSPACE_POST_FLAG_NO_IMAGE | HSPACE_POST_FLAG_START_EVENT : 0) |
+               (o.key_only ? HSPACE_POST_FLAG_KEY_ONLY : 0);
     }
 
     // ---- events (reader thread) ----
@@ -438,6 +427,7 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     void on_notification(t_qel_hspace h, t_qel_hspace_post_notification_event_data_struct *d);
     void link_failed(std::error_code cause);
     bool failed_meanwhile(Link *l);
+    bool handle_failed(Link *l);
     template <class F> void deliver(const Sub &s, F &&fn, bool settles = false);
 
     // ---- worker ----
@@ -667,10 +657,10 @@ std::vector<Client::Impl::Sub> Client::Impl::live() const
 
 // Hands the cancel of s's post on s.link_gen to the worker, unless one of
 // its key waits already.
-void Client::Impl::queue_cancel(const Subscription::State_ &s)
+void Client::Impl::queue_cancel(const Sub &s)
 {
-    if (!cancels.emplace(s.folded, PendingCancel{s.key, s.link_gen, false}).second) return;
-    cancel_order.push_back(s.folded);
+    if (!cancels.emplace(s->folded, PendingCancel{s, s->link_gen, false}).second) return;
+    cancel_order.push_back(s);
     work_cv.notify_all();
 }
 
@@ -740,14 +730,8 @@ void Client::Impl::on_image_event(t_qel_hspace_reply_image_event_data_struct *d,
         if (!final) return;
         gets.erase(it);
         while (!get_deadlines.empty() && gets.count(get_deadlines.front().second) == 0) get_deadlines.pop_front();
-        call->status = d->status;
-        call->done = true;
-        if (!call->handler) {
-            cv.notify_all();
-            return;
-        }
         lock.unlock();
-        call->handler(make_error_code(call->status), std::move(call->objects));
+        call->handler(make_error_code(d->status), std::move(call->objects));
         return;
     }
     auto it = images.find(id);
@@ -761,7 +745,8 @@ void Client::Impl::on_image_event(t_qel_hspace_reply_image_event_data_struct *d,
         // on the next link, or the Client closes, or, without reconnection,
         // a subscribe still waiting for its first image fails with it.
         s->image.clear();
-        if (is_link_error(d->status) && (options.reconnect.enabled || s->settled)) return;
+        bool link = is_link_error(d->status) || d->status == KRO_ERR_TIMEOUT; // a write cut short fails the link too
+        if (link && (options.reconnect.enabled || s->settled)) return;
         // The service refused the image, which ended the post: the first
         // one fails its subscribe; later, the subscription is posted again.
         if (!s->settled) {
@@ -810,7 +795,7 @@ void Client::Impl::on_notification(t_qel_hspace h, t_qel_hspace_post_notificatio
             } else {
                 s->ready = false;
                 unindex(s);
-                queue_cancel(*s);
+                queue_cancel(s);
                 end_for_good = true;
             }
             targets.push_back(std::move(s));
@@ -853,6 +838,19 @@ void Client::Impl::link_failed(std::error_code cause)
         state = State::failed;
     }
     push(std::move(t));
+}
+
+// Whether l's handle failed (or was closed) while l is the current link;
+// its failure is then handled here if its reader thread has not yet. The
+// caller holds l as a user.
+bool Client::Impl::handle_failed(Link *l)
+{
+    t_qel_hspace_state s = HSPACE_STATE_OPEN;
+    qel_hspace_get_state(l->h, &s);
+    if (s == HSPACE_STATE_OPEN) return false;
+    std::lock_guard<std::mutex> lock(mu);
+    if (!closed && link == l) link_failed(make_error_code(error::not_connected));
+    return true;
 }
 
 // Right after l was published under mu: true when its reader thread failed
@@ -929,24 +927,23 @@ void Client::Impl::run_worker()
 // around the call.
 void Client::Impl::send_cancel(std::unique_lock<std::mutex> &lock)
 {
-    std::string folded = std::move(cancel_order.front());
+    Sub s = std::move(cancel_order.front());
     cancel_order.pop_front();
-    auto it = cancels.find(folded);
-    if (it == cancels.end() || it->second.sending) return; // a subscribe of the key sent it
+    auto it = cancels.find(s->folded);
+    if (it == cancels.end() || it->second.sub != s) return; // a subscribe of the key sent it
     if (link == nullptr || link->gen != it->second.gen) {
         cancels.erase(it);
         cv.notify_all();
         return;
     }
     it->second.sending = true;
-    const std::string key = it->second.key;
     Link *l = link;
     l->users++;
     lock.unlock();
-    c_cancel(l->h, key.c_str(), Deadline(options.call_timeout));
+    c_cancel(l->h, s->key.c_str(), Deadline(options.call_timeout));
     lock.lock();
     release_locked(l);
-    cancels.erase(folded);
+    cancels.erase(s->folded); // still this one's: no other of the key was queued meanwhile
     cv.notify_all();
 }
 
@@ -1036,10 +1033,7 @@ Client::Impl::Posted Client::Impl::repost(const Sub &s)
     s->link_gen = l->gen;
     s->ready = false;
     s->image.clear();
-    if (s->options.no_image && kStartEvent == 0)
-        s->ready = true;
-    else
-        images[id] = s;
+    images[id] = s;
     lock.unlock();
     e = c_post(l->h, s->key.c_str(), id, s->options.triggers, post_flags(s->options), d);
     lock.lock();
@@ -1063,7 +1057,11 @@ void Client::Impl::relink(Link *failed, std::error_code cause)
     auto delay = std::max(r.initial_delay, std::chrono::milliseconds(1));
     for (unsigned attempt = 1;; attempt++) {
         if (r.max_attempts != 0 && attempt > r.max_attempts) {
-            state = State::failed;
+            {
+                std::lock_guard<std::mutex> lock(mu);
+                state = State::failed;
+                cv.notify_all(); // calls waiting for the link
+            }
             report(State::failed, cause);
             return;
         }
@@ -1090,6 +1088,7 @@ void Client::Impl::relink(Link *failed, std::error_code cause)
             }
             l->gen = ++gen;
             link = l;
+            cv.notify_all(); // calls waiting for the link
             if (failed_meanwhile(l)) return; // the next relink is queued
             retry.clear();
             again = live();
@@ -1137,7 +1136,7 @@ void Client::Impl::cancel(const Sub &s)
     unindex(s);
     images.erase(s->post_id);
     cv.wait(lock, [&] { return delivering != s.get() || delivering_thread == std::this_thread::get_id(); });
-    if (!closed && link != nullptr && link->gen == s->link_gen) queue_cancel(*s);
+    if (!closed && link != nullptr && link->gen == s->link_gen) queue_cancel(s);
 }
 
 // Ends everything. From the Client's own callback or worker, the part that
@@ -1146,9 +1145,11 @@ void Client::Impl::shutdown()
 {
     Link *l;
     bool detach;
+    std::thread::id worker_thread;
     {
         std::lock_guard<std::mutex> lock(mu);
         if (closed) return;
+        worker_thread = worker_id;
         closed = true;
         state = State::closed;
         for (const Sub &s : live()) s->live = false;
@@ -1174,7 +1175,7 @@ void Client::Impl::shutdown()
         self->end_worker(detach);
         if (l != nullptr) self->retire(l);
     };
-    if (on_reader || std::this_thread::get_id() == worker_id)
+    if (on_reader || std::this_thread::get_id() == worker_thread)
         std::thread(finish).detach();
     else
         finish();
@@ -1253,7 +1254,10 @@ void Client::open(std::error_code &ec) noexcept
     m.failed_meanwhile(l);
 }
 
-// Runs fn(handle, ckey, deadline) on a link, with the checks every call shares.
+// Runs fn(handle, ckey, deadline) on a link, with the checks every call
+// shares. A link whose handle failed before the call went out counts as
+// down: the call fails fast with error::not_connected, or waits for the
+// next link.
 template <class F> static void with_link(Client::Impl *impl, std::string_view key, const Call &call,
                                          std::error_code &ec, F &&fn)
 {
@@ -1262,11 +1266,19 @@ template <class F> static void with_link(Client::Impl *impl, std::string_view ke
     CKey ckey(key);
     if (!ckey.valid()) return ec = make_error_code(error::invalid_argument), void();
     Deadline d = impl->deadline(call);
-    Client::Impl::Link *l = impl->acquire(call, d, ec);
-    if (l == nullptr) return;
-    t_kro_error e = fn(l->h, ckey.c_str(), d);
-    impl->release(l);
-    if (e != 0) ec = make_error_code(e);
+    for (;;) {
+        Client::Impl::Link *l = impl->acquire(call, d, ec);
+        if (l == nullptr) return;
+        t_kro_error e = d.passed() ? KRO_ERR_TIMEOUT : fn(l->h, ckey.c_str(), d);
+        if (e == KRO_ERR_INVALID_STATE && impl->options.reconnect.enabled && impl->handle_failed(l)) {
+            impl->release(l);
+            if (call.wait_for_link) continue;
+            return ec = make_error_code(error::not_connected), void();
+        }
+        impl->release(l);
+        if (e != 0) ec = make_error_code(e);
+        return;
+    }
 }
 
 static t_kro_error put_c(t_qel_hspace h, const char *key, std::string_view value, t_qel_hspace_put_semantic sem,
@@ -1339,26 +1351,26 @@ void Client::remove_noreply(std::string_view key)
     throw_if(ec, "qel::hspace::Client::remove_noreply");
 }
 
-// Sends an asynchronous get whose answer goes to call; the urid is returned
-// in *id. With expires, the worker times it out at call_timeout. Not under mu.
+// Sends an asynchronous get whose answer goes to call, which the worker
+// times out at call_timeout. Not under mu.
 static t_kro_error send_get(Client::Impl &m, t_qel_hspace h, const char *key, bool key_only,
-                            const std::shared_ptr<GetCall> &call, bool expires, uint64_t *id)
+                            const std::shared_ptr<GetCall> &call, const Deadline &d)
 {
+    uint64_t id;
     {
         std::lock_guard<std::mutex> lock(m.mu);
-        *id = m.next_id++;
-        m.gets[*id] = call;
-        Deadline d(m.options.call_timeout);
-        if (expires && d.bounded()) {
+        id = m.next_id++;
+        m.gets[id] = call;
+        if (d.bounded()) {
             if (m.get_deadlines.empty()) m.work_cv.notify_all();
-            m.get_deadlines.emplace_back(d.at(), *id);
+            m.get_deadlines.emplace_back(d.at(), id);
         }
     }
-    t_kro_error e = qel_hspace_get(h, key, to_urid(*id), HSPACE_GET_ASYNC, 0, key_only ? HSPACE_GET_FLAG_KEY_ONLY : 0,
-                                   nullptr);
+    t_kro_error e = qel_hspace_get_timed(h, key, to_urid(id), HSPACE_GET_ASYNC,
+                                         key_only ? HSPACE_GET_FLAG_KEY_ONLY : 0, nullptr, d.c_ms());
     if (e != 0) {
         std::lock_guard<std::mutex> lock(m.mu);
-        m.gets.erase(*id);
+        m.gets.erase(id);
     }
     return e;
 }
@@ -1366,27 +1378,23 @@ static t_kro_error send_get(Client::Impl &m, t_qel_hspace h, const char *key, bo
 Objects Client::get(std::string_view key, const Call &call, std::error_code &ec) noexcept
 {
     Objects result;
-    // An asynchronous get, and a wait here that may give up.
-    auto pending = std::make_shared<GetCall>();
-    uint64_t id = 0;
-    Deadline deadline;
     with_link(impl_.get(), key, call, ec, [&](t_qel_hspace h, const char *k, const Deadline &d) {
-        deadline = d;
-        return send_get(*impl_, h, k, call.key_only, pending, false, &id);
+        struct kro_llist list; // on the stack: no allocation
+        list.head = &list;
+        list.next = list.prev = reinterpret_cast<t_kro_llist_node>(&list);
+        list.num_elements = 0;
+        list.read_only = 0;
+        t_kro_error e = qel_hspace_get_timed(h, k, nullptr, HSPACE_GET_SYNC, call.key_only ? HSPACE_GET_FLAG_KEY_ONLY : 0,
+                                             &list, d.c_ms());
+        result.reserve(static_cast<size_t>(list.num_elements));
+        while (void *node = kro_llist_first(&list)) {
+            kro_llist_remove(node);
+            result.emplace_back(static_cast<t_qel_hspace_object>(node));
+        }
+        if (e != 0) result.clear();
+        return e;
     });
-    if (ec) return result;
-    Impl &m = *impl_;
-    std::unique_lock<std::mutex> lock(m.mu);
-    if (!deadline.wait(m.cv, lock, [&] { return pending->done; })) {
-        m.gets.erase(id); // the late answer is freed by the reader thread
-        ec = make_error_code(error::timeout);
-        return result;
-    }
-    if (pending->status != 0 && pending->status != KRO_ERR_NO_MATCH) {
-        ec = make_error_code(pending->status);
-        return result;
-    }
-    return std::move(pending->objects);
+    return result;
 }
 Objects Client::get(std::string_view key, std::error_code &ec) noexcept { return get(key, Call(), ec); }
 Objects Client::get(std::string_view key, const Call &call)
@@ -1401,9 +1409,8 @@ void Client::get_async(std::string_view key, GetHandler done, bool key_only, std
 {
     auto pending = std::make_shared<GetCall>();
     pending->handler = std::move(done);
-    uint64_t id = 0;
-    with_link(impl_.get(), key, Call(), ec, [&](t_qel_hspace h, const char *k, const Deadline &) {
-        return send_get(*impl_, h, k, key_only, pending, true, &id);
+    with_link(impl_.get(), key, Call(), ec, [&](t_qel_hspace h, const char *k, const Deadline &d) {
+        return send_get(*impl_, h, k, key_only, pending, d);
     });
 }
 void Client::get_async(std::string_view key, GetHandler done, bool key_only)
@@ -1461,7 +1468,7 @@ Subscription Client::subscribe(std::string_view key, ImageHandler on_image, Chan
         Impl::Link *l = m.link;
         l->users++;
         lock.unlock();
-        c_cancel(l->h, pending.key.c_str(), d);
+        c_cancel(l->h, pending.sub->key.c_str(), d);
         lock.lock();
         m.release_locked(l);
     }
@@ -1471,10 +1478,7 @@ Subscription Client::subscribe(std::string_view key, ImageHandler on_image, Chan
     s->post_id = id;
     s->link_gen = l->gen;
     m.index(s);
-    if (options.no_image && kStartEvent == 0)
-        s->ready = s->settled = true;
-    else
-        m.images[id] = s;
+    m.images[id] = s;
     lock.unlock();
     t_kro_error e = d.passed() ? KRO_ERR_TIMEOUT
                                : c_post(l->h, s->key.c_str(), id, options.triggers, Impl::post_flags(options), d);
@@ -1484,7 +1488,7 @@ Subscription Client::subscribe(std::string_view key, ImageHandler on_image, Chan
         m.images.erase(id);
         m.unindex(s);
         s->live = false;
-        if (e == KRO_ERR_TIMEOUT && !m.closed && m.link == l) m.queue_cancel(*s); // the service may hold it
+        if (e == KRO_ERR_TIMEOUT && !m.closed && m.link == l) m.queue_cancel(s); // the service may hold it
         ec = make_error_code(e);
         return Subscription();
     }

@@ -27,6 +27,8 @@
 #define HSPACE_PKT_HSPACE_FIXED_LEN 22u /* bytes of an hspace subheader before its key */
 #define HSPACE_PKT_MAX_LEN (1u << 30)   /* largest packet accepted from the peer: 1 GiB */
 #define HSPACE_PKT_READBUF_SIZE 8192u   /* initial size of a handle's read buffer */
+#define HSPACE_PKT_READBUF_KEEP (128u << 10) /* an empty read buffer larger than this shrinks back */
+#define HSPACE_PKT_DIRECT_MIN (64u << 10) /* object payloads at least this long are read into their own buffer */
 #define HSPACE_KEY_MAX_LEN 65535u       /* longest key the 16-bit length field carries */
 #define HSPACE_HANDSHAKE_STR_MAX_LEN 32767u /* longest handshake string (signed 16-bit length) */
 #define HSPACE_CORRID_MAX 0x40000000u   /* correlation ids run 1..this, then wrap to 1 */
@@ -64,6 +66,9 @@ struct qel_hspace_packet {
     t_kro_ptr header;                             /* first byte of the packet */
     t_kro_ptr subheaders[HSPACE_SUBHEADER_SLOTS]; /* slot i: subheader of type i, or null */
     t_kro_ptr body;                               /* the body section, at its preamble */
+    t_kro_buf value; /* a large object's payload, read apart from the read buffer (the body section
+                        then ends at its preamble there); null otherwise. The packet's until an
+                        object takes it; the reader releases it otherwise */
 };
 typedef struct qel_hspace_packet *t_qel_hspace_packet;
 
@@ -126,13 +131,17 @@ struct qel_hspace_request {
     struct qel_hspace_request *key_next;    /* chain link in the handle's key index (posts only) */
     t_kro_uint4 key_hash;             /* hash of the case-folded key (posts only) */
     uint64_t seq;                     /* creation order on the handle, never wraps */
-    t_kro_bool caller_waiting;        /* the calling thread is still writing it or has not read the status */
+    t_kro_bool caller_waiting;        /* synchronous: the calling thread is still writing it or has not read the status */
     t_kro_bool orphaned;              /* ended while caller_waiting: the caller frees it */
     t_kro_bool in_event;              /* the reader thread is in a callback about it */
     t_kro_bool abandoned;             /* given up by its caller during that callback: the reader frees it */
     t_kro_bool cancelled;             /* post overtaken by a cancel before its own reply */
     t_kro_bool start_event;           /* post: raise the start event at its success reply */
-    struct qel_hspace_call *call;     /* the call waiting on it (while caller_waiting), else null */
+    struct qel_hspace_call *call;     /* the synchronous call waiting on it (while caller_waiting), else null */
+    t_kro_bool on_stack;              /* lives in its calling thread's frame: never freed, only unlinked */
+    /* Asynchronous get: its holders, the request table and the calling
+     * thread until its write is done; the last one to let go frees it. */
+    std::atomic<int> owners;
 };
 typedef struct qel_hspace_request *t_qel_hspace_request;
 
