@@ -18,7 +18,7 @@
  *
  *   bench_report [--quick] [--only GROUP]
  * --quick runs a tenth of the iterations; --only runs one group of figures:
- * floors, sync, async, threads, subs or fanout.
+ * floors, sync, async, threads, subs, fanout or memory.
  *
  *   bench_report --count N [--url URL]
  * counts the library's allocations over N synchronous gets of 64 bytes (the
@@ -591,6 +591,52 @@ void FanoutFigures(const std::string &url)
     for (auto h : hs) CloseHandle(h);
 }
 
+/* Peak resident memory of putting, then of getting, a value of 48 MiB,
+ * each in a child process of its own (ru_maxrss only rises), against the
+ * bound of the value plus 16 MiB. Forked while this process runs no thread. */
+void MemoryFigures(const std::string &url)
+{
+    const size_t n = 48u << 20; // under the service's default bound of 64 MiB per value
+    const char *ops[] = {"put", "get"};
+    Row("lib.mem.bound", "Memory", "the value plus 16 MiB (value of 48 MiB)", (n + (16u << 20)) / 1048576.0, "MiB", -1);
+    for (const char *op : ops) {
+        int fds[2];
+        double peak = 0;
+        if (pipe(fds) != 0) exit(1);
+        pid_t pid = fork();
+        if (pid == 0) {
+            struct rusage before, after;
+            getrusage(RUSAGE_SELF, &before);
+            t_qel_hspace h = OpenHandle(url);
+            if (op[0] == 'p') {
+                Value v("bench/mem", n);
+                memset(v.buf->ptr, 'm', n); // resident, as an application's value is
+                if (qel_hspace_put(h, v.object, HSPACE_PUT_SYNC, 0) != 0) _exit(1);
+            } else {
+                t_kro_llist list;
+                kro_llist_create(&list);
+                if (qel_hspace_get(h, "bench/mem", nullptr, HSPACE_GET_SYNC, 0, 0, list) != 0 || list->num_elements != 1)
+                    _exit(1);
+                t_qel_hspace_object o = static_cast<t_qel_hspace_object>(kro_llist_first(list));
+                kro_llist_remove(o);
+                qel_hspace_object_destroy(&o);
+                kro_llist_destroy(&list);
+            }
+            CloseHandle(h);
+            getrusage(RUSAGE_SELF, &after);
+            double mib = (after.ru_maxrss - before.ru_maxrss) / 1024.0;
+            if (write(fds[1], &mib, sizeof mib) != sizeof mib) _exit(1);
+            _exit(0);
+        }
+        close(fds[1]);
+        if (pid < 0 || read(fds[0], &peak, sizeof peak) != sizeof peak) exit(1);
+        close(fds[0]);
+        waitpid(pid, nullptr, 0);
+        Row(std::string("lib.mem.") + op, "Memory", std::string("peak client memory to ") + op + " a value of 48 MiB",
+            peak, "MiB", -1, "lib.mem.bound", "<= 1.00");
+    }
+}
+
 /* Allocations of the library per synchronous get of 64 bytes. */
 void CountFigure(const std::string &url, long n)
 {
@@ -659,6 +705,7 @@ int main(int argc, char **argv)
                             "Subscriptions on the handle, against the constant-time responder");
     }
     if (runs("fanout")) FanoutFigures(url);
+    if (runs("memory")) MemoryFigures(url);
     if (count > 0) CountFigure(url, count);
     qel_hspace_finalize();
     peer.stop();
