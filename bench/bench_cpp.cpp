@@ -1,26 +1,45 @@
 /*
- * bench_cpp.cpp - the C++ API's synchronous get against the C one, in the
- * same run, against hspaced in-process on loopback: the same key and value
- * size, rounds interleaved (C, C++, C, C++, ...) so that drift of the
- * machine hits both alike. Prints per-round medians of each and the ratio.
+ * bench_cpp.cpp - the C++ API's costs, each against its reference in the
+ * same run, rounds interleaved so that drift of the machine hits both alike:
  *
- *   bench_cpp [ROUNDS] [GETS_PER_ROUND] [VALUE_BYTES]
+ *   - a synchronous get through the C++ API against the C one, against
+ *     hspaced in-process on loopback;
+ *   - a notification (put to change), a burst of notifications, and an
+ *     unsubscribe, on a Client holding N other subscriptions against one
+ *     holding none. These run against a responder that answers at once
+ *     without any work (a change of "probe" notified before the put's
+ *     answer), so that only the Client's own cost can grow with N.
+ *
+ * Prints per-round medians of each, the ratios and the goals.
+ *
+ *   bench_cpp [ROUNDS] [GETS_PER_ROUND] [VALUE_BYTES] [SUBSCRIPTIONS]
  */
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <functional>
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "hspace_codec.h"
 #include "qel_hspace.h"
 #include "qel_hspace.hpp"
 #include "server.h"
 
 namespace {
 
+namespace qh = qel::hspace;
+namespace codec = hspace::codec;
 using Clock = std::chrono::steady_clock;
 
 void on_event(t_qel_hspace, t_qel_hspace_event, t_kro_ptr) {}
@@ -31,6 +50,129 @@ double median(std::vector<double> v)
     return v[v.size() / 2];
 }
 
+double us_since(Clock::time_point t0, long n)
+{
+    return std::chrono::duration<double, std::micro>(Clock::now() - t0).count() / n;
+}
+
+constexpr int kBurst = 1000; // notifications the responder sends for a put of "burst"
+
+// Answers every request at once: the handshake; a post with success and no
+// image; a cancel and a remove with success; a get with no match; a
+// put with success, after one notification of "probe" for a put of "probe"
+// and kBurst of them for a put of "burst". One thread per connection, on
+// 127.0.0.1 and an ephemeral port; stop() ends them all.
+class Responder {
+public:
+    Responder()
+    {
+        listen_ = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof a;
+        if (bind(listen_, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(listen_, 16) != 0 ||
+            getsockname(listen_, reinterpret_cast<sockaddr *>(&a), &len) != 0)
+            abort();
+        port_ = ntohs(a.sin_port);
+        acceptor_ = std::thread([this] {
+            for (;;) {
+                int fd = accept(listen_, nullptr, nullptr);
+                if (fd < 0) return;
+                int one = 1;
+                setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+                fds_.push_back(fd);
+                conns_.emplace_back([fd] { serve(fd); });
+            }
+        });
+    }
+    ~Responder()
+    {
+        shutdown(listen_, SHUT_RDWR);
+        close(listen_);
+        acceptor_.join();
+        for (int fd : fds_) shutdown(fd, SHUT_RDWR);
+        for (auto &t : conns_) t.join();
+        for (int fd : fds_) close(fd);
+    }
+    std::string url() const { return "tcp://127.0.0.1:" + std::to_string(port_); }
+
+    static inline std::atomic<long> cancels{0}; // cancels answered, by every connection
+
+private:
+    static void serve(int fd)
+    {
+        std::string in, out, probe;
+        codec::encode_notification(probe, "probe", HSPACE_TRIGGER_STORED, "v");
+        char buf[65536];
+        for (;;) {
+            ssize_t n = read(fd, buf, sizeof buf);
+            if (n <= 0) return;
+            in.append(buf, static_cast<size_t>(n));
+            size_t at = 0;
+            out.clear();
+            for (;;) {
+                codec::FrameResult f = codec::frame(reinterpret_cast<const uint8_t *>(in.data()) + at, in.size() - at);
+                if (f.status == codec::FrameStatus::Invalid) return;
+                if (f.status == codec::FrameStatus::NeedMore) break;
+                codec::Packet p;
+                if (!codec::decode(reinterpret_cast<const uint8_t *>(in.data()) + at, f.wirelen, p)) return;
+                at += f.wirelen;
+                if (p.handshake_request) {
+                    codec::encode_handshake_reply(out, 1, 1, "responder");
+                    continue;
+                }
+                if (!p.hspace || !p.rr) continue;
+                if (p.hspace->opcode == codec::kOpPut) {
+                    int times = p.hspace->key == "probe" ? 1 : p.hspace->key == "burst" ? kBurst : 0;
+                    for (int i = 0; i < times; i++) out += probe;
+                }
+                if (p.hspace->opcode == codec::kOpCancel) cancels.fetch_add(1);
+                if (p.hspace->semantic == codec::kSemNoReply) continue;
+                codec::encode_reply(out, p.rr->corrid, p.hspace->opcode == codec::kOpGet ? KRO_ERR_NO_MATCH : 0);
+                if (p.hspace->opcode == codec::kOpPost && (p.hspace->flags & codec::kFlagNoImage) == 0)
+                    codec::encode_reply(out, p.rr->corrid, KRO_ERR_NO_MATCH);
+            }
+            in.erase(0, at);
+            for (size_t done = 0; done < out.size();) {
+                ssize_t w = write(fd, out.data() + done, out.size() - done);
+                if (w <= 0) return;
+                done += static_cast<size_t>(w);
+            }
+        }
+    }
+
+    int listen_ = -1;                 // listening socket
+    uint16_t port_ = 0;               // its port
+    std::thread acceptor_;            // accepts until the listener closes
+    std::vector<int> fds_;            // accepted connections (acceptor, then destructor)
+    std::vector<std::thread> conns_;  // one per connection
+};
+
+// A Client on the responder holding `others` subscriptions besides its
+// probe's: exact keys and patterns of five prefix lengths, none covering
+// "probe".
+struct Subscriber {
+    Subscriber(const std::string &url, long others) : client(url)
+    {
+        client.open();
+        probe = client.subscribe("probe", nullptr, [this](qh::Change &&) { changes.fetch_add(1, std::memory_order_relaxed); },
+                                 qh::SubscribeOptions{0, true, false});
+        char key[40];
+        for (long i = 0; i < others; i++) {
+            if (i % 10 == 9)
+                snprintf(key, sizeof key, "q/%ld/*", i);
+            else
+                snprintf(key, sizeof key, "bench/sub/%07ld", i);
+            subs.push_back(client.subscribe(key, nullptr, nullptr, qh::SubscribeOptions{0, true, false}));
+        }
+    }
+    qh::Client client;
+    qh::Subscription probe;
+    std::vector<qh::Subscription> subs;
+    std::atomic<long> changes{0};
+};
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -38,6 +180,7 @@ int main(int argc, char **argv)
     int rounds = argc > 1 ? atoi(argv[1]) : 21;
     int gets = argc > 2 ? atoi(argv[2]) : 2000;
     size_t value_bytes = argc > 3 ? strtoul(argv[3], nullptr, 10) : 100;
+    long subscriptions = argc > 4 ? atol(argv[4]) : 100000;
     hspace::service::Server server;
     std::string error;
     if (!server.start(&error)) {
@@ -47,7 +190,7 @@ int main(int argc, char **argv)
     const std::string url = server.url();
     const char *key = "bench/key";
 
-    qel::hspace::Client cpp(url);
+    qh::Client cpp(url);
     cpp.open();
     cpp.put(key, std::string(value_bytes, 'v'));
 
@@ -73,16 +216,16 @@ int main(int argc, char **argv)
             }
             kro_llist_destroy(&list);
         }
-        return std::chrono::duration<double, std::micro>(Clock::now() - t0).count() / gets;
+        return us_since(t0, gets);
     };
     auto cpp_round = [&] {
         auto t0 = Clock::now();
         std::error_code ec;
         for (int i = 0; i < gets; i++) {
-            qel::hspace::Objects objects = cpp.get(key, ec);
+            qh::Objects objects = cpp.get(key, ec);
             if (ec || objects.size() != 1) abort();
         }
-        return std::chrono::duration<double, std::micro>(Clock::now() - t0).count() / gets;
+        return us_since(t0, gets);
     };
 
     c_round(); // warm-up
@@ -99,8 +242,67 @@ int main(int argc, char **argv)
     printf("%-10s %14.2f\n", "C", median(c_us));
     printf("%-10s %14.2f\n", "C++", median(cpp_us));
     printf("%-10s %14.3f  (C++ / C, median of per-round ratios)\n", "ratio", median(ratios));
-
     qel_hspace_close(h);
     qel_hspace_destroy(&h);
+
+    // Subscriptions on the Client: none against `subscriptions`.
+    Responder responder;
+    Subscriber none(responder.url(), 0), many(responder.url(), subscriptions);
+    const int unsubscribes = 1000;
+    auto notify_round = [&](Subscriber &s) {
+        long before = s.changes.load();
+        auto t0 = Clock::now();
+        for (int i = 0; i < gets; i++) s.client.put("probe", "v"); // answered after its notification
+        if (s.changes.load() - before != gets) abort();
+        return us_since(t0, gets);
+    };
+    auto burst_round = [&](Subscriber &s) {
+        long before = s.changes.load();
+        auto t0 = Clock::now();
+        s.client.put("burst", "v");
+        if (s.changes.load() - before != kBurst) abort();
+        return us_since(t0, kBurst);
+    };
+    // Resets unsubscribes subscriptions; microseconds per reset until the
+    // resets returned, or until the service answered their cancels.
+    auto unsubscribe_round = [&](Subscriber &s, bool answered) {
+        std::vector<qh::Subscription> extra;
+        char k[32];
+        for (int i = 0; i < unsubscribes; i++) {
+            snprintf(k, sizeof k, "bench/extra/%d", i);
+            extra.push_back(s.client.subscribe(k, nullptr, nullptr, qh::SubscribeOptions{0, true, false}));
+        }
+        long before = Responder::cancels.load();
+        auto t0 = Clock::now();
+        for (auto &sub : extra) sub.reset();
+        double us = us_since(t0, unsubscribes);
+        while (Responder::cancels.load() - before < unsubscribes) std::this_thread::yield();
+        return answered ? us_since(t0, unsubscribes) : us;
+    };
+    struct Row {
+        const char *name;
+        std::function<double(Subscriber &)> round;
+        std::vector<double> none_us, many_us, ratios;
+    } rows[] = {{"notification (put to change)", notify_round, {}, {}, {}},
+                {"notification in a burst", burst_round, {}, {}, {}},
+                {"unsubscribe (reset returns)", [&](Subscriber &s) { return unsubscribe_round(s, false); }, {}, {}, {}},
+                {"unsubscribe (cancel answered)", [&](Subscriber &s) { return unsubscribe_round(s, true); }, {}, {}, {}}};
+    for (Row &row : rows) {
+        row.round(none), row.round(many); // warm-up
+        for (int r = 0; r < rounds; r++) {
+            double a = row.round(none), b = row.round(many);
+            row.none_us.push_back(a);
+            row.many_us.push_back(b);
+            row.ratios.push_back(b / a);
+        }
+    }
+    printf("\nC++ Client with %ld subscriptions against none, against a responder doing no work, %d rounds\n",
+           subscriptions, rounds);
+    printf("%-30s %12s %12s %8s %8s\n", "figure", "none us", "many us", "ratio", "goal");
+    for (Row &row : rows) {
+        double ratio = median(row.ratios);
+        printf("%-30s %12.2f %12.2f %8.3f %8s\n", row.name, median(row.none_us), median(row.many_us), ratio,
+               ratio <= 1.10 ? "met" : "not met");
+    }
     return 0;
 }

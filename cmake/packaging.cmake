@@ -36,14 +36,15 @@ else()
   set(QEL_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/qel_hspace.pc.in ${PROJECT_BINARY_DIR}/qel_hspace.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/qel_hspace.pc DESTINATION ${QEL_PKGCONFIG_INSTALL_DIR})
+install(FILES ${PROJECT_BINARY_DIR}/qel_hspace.pc DESTINATION ${QEL_PKGCONFIG_INSTALL_DIR} COMPONENT dev)
 
 # CMake package: find_package(qel_hspace) gives qel_hspace::qel_hspace
 # (shared) and qel_hspace::qel_hspace_static.
 install(EXPORT qel_hspace_targets
   NAMESPACE qel_hspace::
   FILE qel_hspaceTargets.cmake
-  DESTINATION ${QEL_CMAKE_INSTALL_DIR})
+  DESTINATION ${QEL_CMAKE_INSTALL_DIR}
+  COMPONENT dev)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/qel_hspaceConfig.cmake.in
   ${PROJECT_BINARY_DIR}/qel_hspaceConfig.cmake
   INSTALL_DESTINATION ${QEL_CMAKE_INSTALL_DIR})
@@ -53,4 +54,43 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/qel_hspaceConfigVersion.c
 install(FILES
   ${PROJECT_BINARY_DIR}/qel_hspaceConfig.cmake
   ${PROJECT_BINARY_DIR}/qel_hspaceConfigVersion.cmake
-  DESTINATION ${QEL_CMAKE_INSTALL_DIR})
+  DESTINATION ${QEL_CMAKE_INSTALL_DIR}
+  COMPONENT dev)
+
+# Debian packages (cpack -G DEB, or scripts/package): the shared library,
+# the development files, and the tools with their manual pages, completion
+# and systemd unit. Every install rule above names its component.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME qel-hspace)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "qel_hspace developers <qel-hspace@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "client library of the hspace keyed object store")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL lib dev tools)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+# Our own library, found in the build tree while the tools' dependencies are
+# worked out; the packages' Depends name it explicitly.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
+set(QEL_DEB_VERSION "${PROJECT_VERSION}-1")
+set(CPACK_DEBIAN_LIB_PACKAGE_NAME libqel-hspace1)
+set(CPACK_DEBIAN_LIB_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_LIB_DESCRIPTION "client library of the hspace keyed object store\n\
+qel_hspace connects to an hspace service over TCP and stores, fetches, removes and\n\
+subscribes to objects under string keys, through a C99 and a C++17 API.")
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libqel-hspace-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libqel-hspace1 (= ${QEL_DEB_VERSION})")
+set(CPACK_DEBIAN_DEV_DESCRIPTION "development files of qel_hspace\n\
+Headers (qel_hspace.h, qel_hspace.hpp and the kro headers), the static library,\n\
+the pkg-config file and the CMake package.")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME hspace-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libqel-hspace1 (= ${QEL_DEB_VERSION})")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "hspace command-line client and the hspaced service\n\
+hspace stores, fetches, lists, removes and watches objects; hspaced is the\n\
+reference service, with a systemd unit (not enabled on install).")
+include(CPack)

@@ -92,7 +92,11 @@ static void on_event(t_qel_hspace hspace, t_qel_hspace_event event, t_kro_ptr ev
         describe(e->object, object, sizeof object);
         qel_hspace_object_destroy(&e->object);
         snprintf(line, sizeof line, "notification (%s): %s",
-                 e->trigger == 1 ? "stored" : e->trigger == 2 ? "removed" : "other", object);
+                 e->trigger == HSPACE_TRIGGER_STORED    ? "stored"
+                 : e->trigger == HSPACE_TRIGGER_REMOVED ? "removed"
+                 : e->trigger == HSPACE_TRIGGER_ENDED   ? "ended"
+                                                        : "other",
+                 object);
     } else {
         t_qel_hspace_fail_event_data_struct *e = event_data;
         snprintf(line, sizeof line, "link failure: %s", text_of(e->error));

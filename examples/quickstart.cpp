@@ -22,7 +22,7 @@ int main(int argc, char **argv)
     try {
         qh::Options options;
         options.client_name = "quickstart-cpp";
-        options.open_timeout = std::chrono::seconds(5);
+        options.call_timeout = std::chrono::seconds(5); // every call's deadline, unless its Call says otherwise
         qh::Client client(url, options); // closes and frees everything when it goes out of scope
         client.open();
 
@@ -51,7 +51,8 @@ int main(int argc, char **argv)
                 "greeting/*",
                 [](qh::Image &&image) { printf("image: %zu object(s)\n", image.objects.size()); },
                 [&](qh::Change &&c) {
-                    printf("change %d: %.*s\n", c.trigger, int(c.object.key().size()), c.object.key().data());
+                    printf("%s %.*s\n", c.trigger == qh::Trigger::removed ? "removed" : "stored",
+                           int(c.object.key().size()), c.object.key().data());
                     std::lock_guard<std::mutex> lock(m);
                     changes++;
                     cv.notify_all();

@@ -4,13 +4,16 @@
  *
  * Subscribes with qel_hspace_post and prints the initial image, then every
  * change notification, one line each, until SIGINT or SIGTERM (exit 0) or
- * until the connection fails (exit 1).
+ * until the connection fails (exit 1). When the service ends the
+ * subscription (a notification of HSPACE_TRIGGER_ENDED, whose value says
+ * why), it cancels the key and posts it again, which prints a new image.
  *
  * Threads: events are printed by the callback on the handle's reader
  * thread. The main thread blocks SIGINT, SIGTERM and SIGUSR1 before the
  * handle starts its thread (threads inherit the mask) and waits for them
  * with sigwait; the callback sends SIGUSR1 to the process when the link
- * fails.
+ * fails or the subscription ends, since only the main thread may call the
+ * blocking cancel and post.
  */
 #define _POSIX_C_SOURCE 200809L
 #include <pthread.h>
@@ -18,11 +21,23 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/types.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <qel_hspace.h>
 
-static int link_failed; /* set by the reader thread; read by main after close joined it */
+enum { RUNNING, ENDED, LINK_FAILED };
+static pthread_mutex_t break_mutex = PTHREAD_MUTEX_INITIALIZER;
+static int pending = RUNNING; /* under break_mutex: what the reader thread saw */
+
+/* Reader thread: tells the main thread what happened. */
+static void report(int what)
+{
+    pthread_mutex_lock(&break_mutex);
+    if (pending != LINK_FAILED) pending = what;
+    pthread_mutex_unlock(&break_mutex);
+    kill(getpid(), SIGUSR1); /* to the process: the main thread's sigwait takes it */
+}
 
 static void print_object(const char *what, t_qel_hspace_object object)
 {
@@ -62,7 +77,15 @@ static void on_event(t_qel_hspace hspace, t_qel_hspace_event event, t_kro_ptr ev
     }
     case HSPACE_EVENT_POST_NOTIFICATION: {
         t_qel_hspace_post_notification_event_data_struct *e = event_data;
-        print_object(e->trigger == 1 ? "stored" : e->trigger == 2 ? "removed" : "changed", e->object);
+        if (e->trigger == HSPACE_TRIGGER_ENDED) {
+            print_object("ended", e->object); /* the value is the cause */
+            report(ENDED);
+        } else {
+            print_object(e->trigger == HSPACE_TRIGGER_STORED    ? "stored"
+                         : e->trigger == HSPACE_TRIGGER_REMOVED ? "removed"
+                                                                : "changed",
+                         e->object);
+        }
         qel_hspace_object_destroy(&e->object);
         break;
     }
@@ -72,13 +95,26 @@ static void on_event(t_qel_hspace hspace, t_qel_hspace_event event, t_kro_ptr ev
         qel_hspace_error_get_text(e->error, &text);
         printf("connection lost: %s\n", text);
         fflush(stdout);
-        link_failed = 1;
-        kill(getpid(), SIGUSR1); /* to the process: the main thread's sigwait takes it */
+        report(LINK_FAILED);
         break;
     }
     case HSPACE_EVENT_GET_REPLY: /* no gets here */
         break;
     }
+}
+
+/* Main thread: the subscription of key was ended by the service. The
+ * handle still holds it until the cancel (the service answers 2); then it
+ * is posted again, once a second while the service's store is away. */
+static t_kro_error subscribe_again(t_qel_hspace hspace, const char *key)
+{
+    struct timespec second = {1, 0};
+    t_kro_error error;
+    qel_hspace_cancel(hspace, key, HSPACE_CANCEL_SYNC, 0);
+    while ((error = qel_hspace_post(hspace, key, NULL, HSPACE_POST_SYNC, 0, 0)) == HSPACE_STATUS_STORE_UNAVAILABLE ||
+           error == HSPACE_STATUS_STORE_TIMEOUT)
+        nanosleep(&second, NULL);
+    return error;
 }
 
 int main(int argc, char **argv)
@@ -88,7 +124,7 @@ int main(int argc, char **argv)
     t_kro_error error;
     const t_kro_char *text = "?";
     sigset_t signals;
-    int signo = 0;
+    int signo = 0, what = RUNNING;
 
     if (argc != 3) {
         fprintf(stderr, "usage: %s URL KEY\n", argv[0]);
@@ -113,7 +149,17 @@ int main(int argc, char **argv)
         fprintf(stderr, "subscriber: %s\n", text);
     } else {
         fprintf(stderr, "subscriber: watching %s on %s; interrupt to stop\n", argv[2], argv[1]);
-        sigwait(&signals, &signo);
+        while (error == 0 && sigwait(&signals, &signo) == 0 && signo == SIGUSR1) {
+            pthread_mutex_lock(&break_mutex);
+            what = pending;
+            if (what == ENDED) pending = RUNNING;
+            pthread_mutex_unlock(&break_mutex);
+            if (what == LINK_FAILED) break;
+            if (what == ENDED && (error = subscribe_again(hspace, argv[2])) != 0) {
+                qel_hspace_error_get_text(error, &text);
+                fprintf(stderr, "subscriber: subscribing again: %s\n", text);
+            }
+        }
     }
 
     if (hspace != NULL) {
@@ -121,5 +167,5 @@ int main(int argc, char **argv)
         qel_hspace_destroy(&hspace);
     }
     qel_hspace_finalize();
-    return error != 0 || link_failed ? 1 : 0;
+    return error != 0 || what == LINK_FAILED ? 1 : 0;
 }

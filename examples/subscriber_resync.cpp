@@ -1,7 +1,8 @@
 /*
  * subscriber_resync.cpp - a subscriber that survives a restart of the
- * service: it keeps a local copy of the keys under a pattern, reports the
- * link's state, and on the fresh image after a reconnection (a resync)
+ * service and an outage of its store: it keeps a local copy of the keys
+ * under a pattern, reports the link's state and the end of its subscription
+ * by the service, and on the fresh image that follows either (a resync)
  * replaces its copy and prints what changed while it was away.
  *
  *   subscriber_resync URL PATTERN [CHANGES]
@@ -78,11 +79,19 @@ int main(int argc, char **argv)
         [&](qh::Change &&c) {
             std::lock_guard<std::mutex> lock(mu);
             std::string key(c.object.key());
-            if (c.object.has_value())
-                copy[key] = std::string(c.object.value());
-            else
+            if (c.trigger == qh::Trigger::ended) {
+                // The service ended the subscription (its store failed, say):
+                // the Client subscribes again with backoff, and a resync
+                // image follows once the service serves again.
+                printf("ended by the service: %.*s\n", int(c.object.value().size()), c.object.value().data());
+                fflush(stdout);
+                return;
+            }
+            if (c.trigger == qh::Trigger::removed)
                 copy.erase(key);
-            printf("change %d: %s%s%.*s\n", c.trigger, key.c_str(), c.object.has_value() ? " = " : "",
+            else
+                copy[key] = std::string(c.object.value());
+            printf("change %d: %s%s%.*s\n", int(c.trigger), key.c_str(), c.object.has_value() ? " = " : "",
                    int(c.object.value().size()), c.object.value().data());
             fflush(stdout);
             if (++changes == limit) pthread_kill(main_thread, SIGUSR1);

@@ -15,6 +15,7 @@
 #include <stdio.h>
 #include <stdint.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -44,10 +45,21 @@ const char kFooter[] =
     "  while more than --max-queue bytes wait to be sent to it, its further requests\n"
     "  wait.\n"
     "  With --store etcd://, etcd's own limit on a request (--max-request-bytes,\n"
-    "  1.5 MiB by default) also bounds values: a put over it is answered with 12.\n"
+    "  1.5 MiB by default) also bounds values: a put over it is answered with 1103.\n"
+    "\n"
+    "etcd:\n"
+    "  A request the store cannot serve is answered with 1101 (no etcd member reachable,\n"
+    "  or none with a leader), 1102 (a member did not answer within --store-timeout;\n"
+    "  a put or remove may have been applied) or 1103 (too large for etcd); etcd's own\n"
+    "  words are logged beside the status. Subscriptions outlive an etcd outage: the\n"
+    "  watch resumes where it stopped once etcd is back, and ends them (a notification\n"
+    "  of trigger 4 whose value says why) only if etcd has compacted the changes missed.\n"
+    "  With --store-cacert, --store-cert, --store-key or --store-user, the link and the\n"
+    "  login are checked at start: a wrong CA, certificate or password exits 1.\n"
     "\n"
     "Output:\n"
-    "  Prints \"hspaced listening on tcp://HOST:PORT\" on standard output when ready, one\n"
+    "  Prints \"hspaced listening on tcp://HOST:PORT\" on standard output when ready\n"
+    "  (with --listen 0.0.0.0: tcp://127.0.0.1:PORT, then the other addresses), one\n"
     "  line per connection event on standard error (unless --quiet), and stops cleanly\n"
     "  on SIGINT or SIGTERM.\n"
     "\n"
@@ -110,6 +122,7 @@ int main(int argc, char **argv)
     options.log = true;
     bool quiet = false;
     std::string port = std::to_string(options.port), max_queue = std::to_string(options.max_queue);
+    std::string store_timeout = std::to_string(options.store_timeout_ms);
 
     CLI::App app(kDescription, "hspaced");
     app.footer(kFooter);
@@ -135,8 +148,35 @@ int main(int argc, char **argv)
                    "an etcd cluster, tried in turn")
         ->option_text("STORE")
         ->check([](const std::string &store) { return check_store(store); });
-    app.add_option("--store-prefix", options.store_prefix, "etcd: the prefix of every key stored (default hspace/)")
-        ->option_text("P");
+    CLI::Option *prefix_opt =
+        app.add_option("--store-prefix", options.store_prefix,
+                       "etcd: the prefix of every key stored (default hspace/); refused with the memory store")
+            ->option_text("P");
+    app.add_option("--store-timeout", store_timeout,
+                   "etcd: bound of each store call, failover included; also of a subscription's start (default 3000)")
+        ->option_text("MS")
+        ->check([](const std::string &text) { return check_number(text, 10, 3600000); });
+    app.add_option("--store-cacert", options.store_cacert,
+                   "etcd: speak TLS to etcd, checking the members' certificates against the CAs in FILE")
+        ->option_text("FILE")
+        ->check(CLI::ExistingFile);
+    CLI::Option *cert = app.add_option("--store-cert", options.store_cert,
+                                       "etcd: client certificate for TLS to etcd (PEM)")
+                            ->option_text("FILE")
+                            ->check(CLI::ExistingFile);
+    CLI::Option *key = app.add_option("--store-key", options.store_key, "etcd: private key of --store-cert (PEM)")
+                           ->option_text("FILE")
+                           ->check(CLI::ExistingFile);
+    cert->needs(key);
+    key->needs(cert);
+    CLI::Option *user =
+        app.add_option("--store-user", options.store_user, "etcd: log in to etcd as this user")->option_text("NAME");
+    CLI::Option *password = app.add_option("--store-password-file", options.store_password_file,
+                                           "etcd: file whose first line is the password of --store-user")
+                                ->option_text("FILE")
+                                ->check(CLI::ExistingFile);
+    user->needs(password);
+    password->needs(user);
     app.add_flag("--quiet", quiet, "no connection log on standard error");
     try {
         app.parse(argc, argv);
@@ -150,8 +190,16 @@ int main(int argc, char **argv)
         fprintf(stderr, "hspaced: %s\nRun 'hspaced --help' for the options.\n", e.what());
         return 2;
     }
+    // A prefix the memory store would ignore is refused, so that no one
+    // believes two instances share (or keep apart) data they do not.
+    if (prefix_opt->count() > 0 && options.store.compare(0, 7, "etcd://") != 0) {
+        fprintf(stderr, "hspaced: --store-prefix applies to --store etcd://... only; the memory store has no prefix\n"
+                        "Run 'hspaced --help' for the options.\n");
+        return 2;
+    }
     options.port = static_cast<uint16_t>(std::stoul(port));
     options.max_queue = static_cast<size_t>(std::stoull(max_queue));
+    options.store_timeout_ms = static_cast<unsigned>(std::stoul(store_timeout));
     options.log = !quiet;
 
     // A host name is resolved here, to IPv4 only, so that the URL printed
@@ -186,7 +234,17 @@ int main(int argc, char **argv)
         fprintf(stderr, "hspaced: %s\n", error.c_str());
         return 1;
     }
-    if (printf("hspaced listening on %s\n", server.url().c_str()) < 0 || fflush(stdout) != 0) {
+    // On the wildcard address the URL names the loopback address, which a
+    // client on this host can use, and the line says what else reaches it.
+    std::string listening = server.url();
+    if (options.host == "0.0.0.0") {
+        std::string port_text = listening.substr(listening.rfind(':') + 1);
+        char host[256] = "";
+        gethostname(host, sizeof host - 1);
+        listening = "tcp://127.0.0.1:" + port_text + " (all IPv4 addresses of this host" +
+                    (host[0] != '\0' ? std::string("; from elsewhere tcp://") + host + ":" + port_text : "") + ")";
+    }
+    if (printf("hspaced listening on %s\n", listening.c_str()) < 0 || fflush(stdout) != 0) {
         fprintf(stderr, "hspaced: cannot write standard output: %s\n", strerror(errno));
         return 1;
     }

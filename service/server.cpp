@@ -14,6 +14,18 @@
  * its own answers pace it and never disconnect it; only unsent
  * notifications over max_queue do.
  *
+ * Subscriptions are found through an index (subscription_index.h), never
+ * by a scan: a change costs what its subscribers cost, a cancel or a post
+ * what a hash lookup costs, whatever else is subscribed.
+ *
+ * The order around a post, per connection: every notification of a change
+ * at or before the revision R of the post's image comes before the post's
+ * reply; then the reply, the image, and after it only changes after R. A
+ * client that routes a notification to a subscription only once that
+ * subscription's image is complete therefore sees each change once per
+ * subscription, in order, however its subscriptions nest. Each change
+ * reaches a connection once, however many of its subscriptions select it.
+ *
  * Bytes on the wire are framed, decoded and encoded by the hspace codec.
  */
 #include "server.h"
@@ -26,14 +38,16 @@
 #include <map>
 #include <optional>
 #include <thread>
-#include <unordered_set>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include <asio.hpp>
 
 #include "hspace_codec.h"
+#include "keyed_hash.h"
 #include "store/store.h"
+#include "subscription_index.h"
 
 namespace hspace {
 namespace service {
@@ -47,33 +61,21 @@ constexpr uint32_t kStatusNotSupported = 14;   // unknown opcode
 constexpr uint32_t kStatusExists = 20;         // the connection already subscribes to the key
 
 constexpr size_t kReadChunk = 64 * 1024;       // bytes asked of each read
+// A packet of this many bytes or more is received into a string of its own
+// (Connection::large_), from which a put's value moves into the store.
+constexpr size_t kLargePacket = 1024 * 1024;
+constexpr size_t kLargeChunk = 1024 * 1024;    // bytes asked of each read into it
 constexpr size_t kMaxGather = 64;              // queued packets handed to one write
+// Values of this many bytes or more are sent from the store's own string
+// when it shares it (ObjectView::shared), after a packet's first bytes,
+// instead of being copied into the packet.
+constexpr size_t kShareFrom = 16 * 1024;
 
 using Bytes = std::shared_ptr<const std::string>; // an encoded packet, shared between subscribers
 
-// True when key is selected by the key or prefix pattern subscribed.
-bool selects(const std::string &subscribed, std::string_view key)
-{
-    if (!is_pattern(subscribed)) return subscribed == key;
-    return key.compare(0, subscribed.size() - 1, std::string_view(subscribed).substr(0, subscribed.size() - 1)) == 0;
-}
-
-// Key equality without regard to ASCII letter case, as the client compares.
-bool same_key_nocase(const std::string &a, const std::string &b)
-{
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); i++) {
-        unsigned char x = static_cast<unsigned char>(a[i]), y = static_cast<unsigned char>(b[i]);
-        if (x >= 'A' && x <= 'Z') x = static_cast<unsigned char>(x + 32);
-        if (y >= 'A' && y <= 'Z') y = static_cast<unsigned char>(y + 32);
-        if (x != y) return false;
-    }
-    return true;
-}
-
-// The key with ASCII letters lowered: equal for keys same_key_nocase calls
-// equal.
-std::string fold_key(const std::string &key)
+// The key with ASCII letters lowered: keys the client compares as equal
+// (without regard to letter case) fold to the same bytes.
+std::string fold_key(std::string_view key)
 {
     std::string folded(key);
     for (char &ch : folded)
@@ -81,9 +83,24 @@ std::string fold_key(const std::string &key)
     return folded;
 }
 
+// A status in words, for the log.
+const char *status_text(uint32_t status)
+{
+    switch (status) {
+    case kStatusStoreUnavailable:
+        return "store unavailable";
+    case kStatusStoreTimeout:
+        return "store timed out";
+    case kStatusStoreTooLarge:
+        return "value too large for the store";
+    default:
+        return "refused";
+    }
+}
+
 // s with every byte outside printable ASCII replaced by '?', so that a log
 // line stays one line whatever a client sends.
-std::string printable(const std::string &s)
+std::string printable(std::string_view s)
 {
     std::string out(s);
     for (char &ch : out)
@@ -96,20 +113,41 @@ Bytes make_bytes(std::string s)
     return std::make_shared<const std::string>(std::move(s));
 }
 
-struct Subscription {
-    std::string key;                           // key or prefix pattern as posted
-    uint8_t triggers;                          // mask of trigger bits; 0 selects all
-    bool key_only;                             // notifications without values
-    bool starting;                             // its post waits for the store's begin()
-    int64_t after = 0;                         // selects only changes after this revision (its image's)
+class Connection;
+
+// One post of one connection, indexed under its key while it lives. Owned
+// by its connection's table (Connection::subs).
+struct Subscription : SubscriptionIndex::Entry {
+    Subscription(Connection *c, std::string_view k, uint8_t t, bool ko)
+        : Entry(std::string(k)), conn(c), folded(fold_key(k)), triggers(t), key_only(ko)
+    {
+    }
+    Connection *const conn;                    // the owner
+    const std::string folded;                  // fold_key(key): its name in the owner's table
+    const uint8_t triggers;                    // mask of trigger bits; 0 selects all
+    const bool key_only;                       // notifications without values
+    bool starting = true;                      // its post waits for the store's begin()
+    int64_t after = 0;                         // once begun: selects only changes after this revision (its image's)
 };
 
-// A change held for a connection while one of its posts is starting.
+// Which of a connection's subscriptions select one change: the begun ones,
+// the one starting; and whether any of those wants the value.
+struct Selection {
+    bool begun = false;
+    bool begun_value = false;
+    bool fresh = false;                        // the starting subscription
+    bool fresh_value = false;
+};
+
+// A change held for a connection while its post is starting: whether it
+// goes before the post's reply or after its image depends on the image's
+// revision, known only when the post has begun.
 struct Held {
     std::string key;
     uint8_t trigger;
     std::optional<std::string> value;          // none for a removal
     int64_t revision;
+    Selection by;                              // who selected it when it happened
 };
 
 // The request whose store call a connection waits for.
@@ -119,8 +157,6 @@ struct Op {
     bool key_only = false;
     bool image = false;                        // post: send the image
 };
-
-class Connection;
 
 } // namespace
 
@@ -135,18 +171,22 @@ public:
 
     // I/O thread: the connection asks to be forgotten (it has closed).
     void forget(uint64_t id, const std::string &why);
-    // I/O thread: one decoded packet from a connection.
-    void handle(Connection &c, const codec::Packet &p);
+    // I/O thread: one decoded packet from a connection. packet, when not
+    // null, holds the packet's bytes, which p views, and a put may take it
+    // for its value (leaving it unspecified).
+    void handle(Connection &c, const codec::PacketView &p, std::string *packet = nullptr);
     // I/O thread: one line on stderr when logging is on.
     void log(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
     // I/O thread: the store call of c's op completed.
-    void finish(Connection &c, uint32_t status);
-    void finish_read(Connection &c, uint32_t status, const std::vector<ObjectView> &objects);
-    void finish_post(Connection &c, uint32_t status, int64_t revision, const std::vector<ObjectView> &objects);
-    // I/O thread: c drops n subscriptions (it cancelled or closed).
-    void dropped_subscriptions(size_t n);
+    void finish(Connection &c, const StoreStatus &outcome);
+    void finish_read(Connection &c, const StoreStatus &outcome, const std::vector<ObjectView> &objects);
+    void finish_post(Connection &c, const StoreStatus &outcome, int64_t revision,
+                     const std::vector<ObjectView> &objects);
+    // I/O thread: c is closing; its subscriptions end.
+    void drop_all(Connection &c);
 
-    void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision) override;
+    void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision,
+                   const SharedValue &shared) override;
     void on_feed_ended(const std::string &why) override;
 
     const Options options_;                    // as given; read-only
@@ -159,16 +199,20 @@ private:
     void shutdown();
     void send_objects(Connection &c, uint32_t corrid, uint8_t opcode, bool key_only,
                       const std::vector<ObjectView> &objects);
+    void send_held(Connection &c, const Held &e, bool begun_only);
+    void drop(Subscription &s);
+    void failed(Connection &c, const char *what, const StoreStatus &outcome);
     void refollow();
-    static size_t largest_packet(const std::string &key, size_t value_size);
 
-    asio::io_context io_;                      // runs every handler, on thread_
+    asio::io_context io_{1};                   // runs every handler, on thread_ (one thread: the hint)
     asio::ip::tcp::acceptor acceptor_{io_};    // the listener
     std::thread thread_;                       // the I/O thread; joinable from start() to stop()
     bool started_ = false;                     // owning thread: start() succeeded once
     uint64_t next_id_ = 1;                     // I/O thread: id of the next connection
     std::map<uint64_t, std::shared_ptr<Connection>> conns_; // I/O thread: open connections by id
-    size_t subscriptions_ = 0;                 // I/O thread: subscriptions of all connections
+    SubscriptionIndex index_;                  // I/O thread: every subscription of every connection
+    uint64_t changes_ = 0;                     // I/O thread: changes seen; marks a connection selected
+    std::vector<std::pair<Connection *, Selection>> targets_; // I/O thread: on_change's, kept for its capacity
     bool following_ = false;                   // I/O thread: the store's feed is asked for
     // Declared after io_: destroyed first, while the context its calls
     // complete through still exists.
@@ -197,6 +241,8 @@ public:
     // unsent, no further request of this connection is handled (see
     // pump), so they are bounded by max_queue plus one answer.
     void send(std::string bytes) { queue(make_bytes(std::move(bytes)), false); }
+    // The same for bytes shared with others (a value the store shares).
+    void send(Bytes bytes) { queue(std::move(bytes), false); }
 
     // Queues a notification. Closes the connection, abortively, when its
     // unsent notification bytes would exceed the engine's max_queue: a
@@ -212,12 +258,8 @@ public:
         asio::error_code ignored;
         if (abortive) socket_.set_option(asio::socket_base::linger(true, 0), ignored);
         socket_.close(ignored);
-        size_t n = subs.size();
-        subs.clear();
-        folded.clear();
-        held.clear();
+        engine_.drop_all(*this);
         engine_.forget(id_, why);
-        engine_.dropped_subscriptions(n);
     }
 
     // Marks a store call outstanding: no request is read until resume().
@@ -236,17 +278,17 @@ public:
         pump();
     }
     Engine &engine() { return engine_; }
-    // The connection's subscription that is starting, if any.
-    Subscription *starting()
-    {
-        return !subs.empty() && subs.back().starting ? &subs.back() : nullptr;
-    }
 
     bool handshaken = false;                   // the handshake was answered
-    std::vector<Subscription> subs;            // this connection's subscriptions, in post order
-    std::unordered_set<std::string> folded;    // fold_key of every key in subs: a post's duplicate test
+    // This connection's subscriptions by Subscription::folded, which the
+    // key views: a post's duplicate test and a cancel are one lookup.
+    std::unordered_map<std::string_view, std::unique_ptr<Subscription>, KeyedHash> subs;
+    Subscription *starting = nullptr;          // the one whose post waits for the store, if any
+    std::vector<Held> held;                    // changes held while starting is set
+    std::string feed_lost;                     // why the store's feed ended while starting was set
+    uint64_t selected = 0;                     // Engine::changes_ when a change last selected it
+    size_t target = 0;                         // then: its place in the engine's targets
     Op op;                                     // the request of the outstanding store call
-    std::vector<Held> held;                    // changes held while a post is starting
 
 private:
     void queue(Bytes bytes, bool notification)
@@ -268,6 +310,19 @@ private:
     void read()
     {
         reading_ = true;
+        if (large_want_ != 0) {
+            // Pages are touched as bytes come: the string's capacity was
+            // reserved (not filled) for the whole packet.
+            size_t have = large_.size(), ask = std::min(kLargeChunk, large_want_ - have);
+            large_.resize(have + ask);
+            auto self = shared_from_this();
+            socket_.async_read_some(asio::buffer(&large_[have], ask), [self, have](const asio::error_code &ec,
+                                                                                   size_t n) {
+                self->large_.resize(have + n);
+                self->on_read(ec, self->in_.size(), 0);
+            });
+            return;
+        }
         size_t have = in_.size();
         in_.resize(have + kReadChunk);
         auto self = shared_from_this();
@@ -298,10 +353,18 @@ private:
         pumping_ = true;
         size_t off = 0;
         while (!closed_ && !busy_ && !backlogged()) {
+            if (large_want_ != 0) {
+                if (large_.size() < large_want_) break;
+                handle_large();
+                continue;
+            }
             const uint8_t *data = reinterpret_cast<const uint8_t *>(in_.data()) + off;
             codec::FrameResult f = codec::frame(data, in_.size() - off);
-            if (f.status == codec::FrameStatus::NeedMore) break;
-            codec::Packet p;
+            if (f.status == codec::FrameStatus::NeedMore) {
+                if (start_large(data, in_.size() - off)) off = in_.size();
+                break;
+            }
+            codec::PacketView p;
             if (f.status == codec::FrameStatus::Invalid || !codec::decode(data, f.wirelen, p)) {
                 engine_.stats_.dropped_invalid++;
                 close("invalid packet");
@@ -314,6 +377,42 @@ private:
         if (closed_) return;
         in_.erase(0, off);
         if (!busy_ && !reading_ && !backlogged()) read();
+    }
+
+    // The packet at data, of which avail bytes are in, is long enough to be
+    // received into large_ (after the handshake, up to the longest request
+    // that could be stored): its bytes move there and true is returned.
+    // Only the string's capacity is reserved, so a length announced costs
+    // no memory until its bytes come.
+    bool start_large(const uint8_t *data, size_t avail)
+    {
+        if (!handshaken || avail < 8) return false;
+        size_t wire = (size_t(data[4]) << 24) | (size_t(data[5]) << 16) | (size_t(data[6]) << 8) | size_t(data[7]);
+        size_t most = codec::object_size(codec::kMaxString, engine_.options_.max_queue);
+        if (wire < kLargePacket || wire > most) return false;
+        large_.reserve(wire);
+        large_.assign(reinterpret_cast<const char *>(data), avail);
+        large_want_ = wire;
+        return true;
+    }
+
+    // large_ holds its whole packet: framed, decoded and handled like any,
+    // with large_ offered to a put for its value.
+    void handle_large()
+    {
+        std::string packet(std::move(large_));
+        large_.clear();
+        large_want_ = 0;
+        const uint8_t *data = reinterpret_cast<const uint8_t *>(packet.data());
+        codec::FrameResult f = codec::frame(data, packet.size());
+        codec::PacketView p;
+        if (f.status != codec::FrameStatus::Complete || f.wirelen != packet.size() ||
+            !codec::decode(data, f.wirelen, p)) {
+            engine_.stats_.dropped_invalid++;
+            close("invalid packet");
+            return;
+        }
+        engine_.handle(*this, p, &packet);
     }
 
     // Writes up to kMaxGather queued packets in one operation.
@@ -353,6 +452,8 @@ private:
     asio::ip::tcp::socket socket_;             // the client's socket
     const uint64_t id_;                        // number in logs and in the table
     std::string in_;                           // received bytes not yet framed (plus read space)
+    std::string large_;                        // the long packet being received, while large_want_
+    size_t large_want_ = 0;                    // its length; 0 when none is
     std::deque<Outbound> out_;                 // queued packets; the first in_flight_ are being written
     size_t in_flight_ = 0;                     // packets of out_ handed to the current write
     size_t queued_ = 0;                        // bytes in out_
@@ -385,8 +486,8 @@ bool Engine::start(std::string *error)
     };
     if (started_) return fail("already started");
     std::string why;
-    store_ = make_store(options_, io_, *this, &why);
-    if (!store_) return fail(why);
+    store_ = options_.store_factory ? options_.store_factory(*this) : make_store(options_, io_, *this, &why);
+    if (!store_) return fail(why.empty() ? std::string("no store was made") : why);
     asio::error_code ec;
     asio::ip::address address = asio::ip::make_address(options_.host, ec);
     if (ec) {
@@ -461,10 +562,10 @@ void Engine::forget(uint64_t id, const std::string &why)
     log("conn %llu closed: %s", static_cast<unsigned long long>(id), why.c_str());
 }
 
-void Engine::handle(Connection &c, const codec::Packet &p)
+void Engine::handle(Connection &c, const codec::PacketView &p, std::string *packet)
 {
     if (!c.handshaken) {
-        if (!p.handshake_request || p.handshake_request->service_type != "data") {
+        if (p.body_type != codec::kTypeHandshakeRequest || p.strings[0] != "data") {
             stats_.dropped_invalid++;
             c.close("first packet is no handshake for service type \"data\"");
             return;
@@ -473,7 +574,7 @@ void Engine::handle(Connection &c, const codec::Packet &p)
         codec::encode_handshake_reply(out, 1, options_.ltp, options_.name);
         c.handshaken = true;
         log("conn %llu handshake: client \"%s\" group \"%s\"", static_cast<unsigned long long>(c.id()),
-            printable(p.handshake_request->client_name).c_str(), printable(p.handshake_request->client_group).c_str());
+            printable(p.strings[1]).c_str(), printable(p.strings[2]).c_str());
         c.send(std::move(out));
         return;
     }
@@ -490,7 +591,7 @@ void Engine::handle(Connection &c, const codec::Packet &p)
         }
         return;
     }
-    const codec::HspaceSubheader &h = *p.hspace;
+    const codec::HspaceView &h = *p.hspace;
     const bool answer = corrid && h.semantic != codec::kSemNoReply;
     c.op = Op{};
     if (answer) c.op.corrid = corrid;
@@ -501,59 +602,67 @@ void Engine::handle(Connection &c, const codec::Packet &p)
 
     switch (h.opcode) {
     case codec::kOpPut: {
-        size_t largest = largest_packet(h.key, p.body.size());
+        // The largest packet that would carry the value: an object
+        // answering a get or a post (a notification is smaller).
+        size_t largest = codec::object_size(h.key.size(), p.body.size());
         if (largest > options_.max_queue) {
             log("conn %llu put refused: value of %zu bytes under key \"%s\" would make packets of %zu bytes, over "
-                "the %zu-byte queue bound",
+                "--max-queue (%zu bytes)",
                 static_cast<unsigned long long>(c.id()), p.body.size(), printable(h.key).c_str(), largest,
                 options_.max_queue);
             if (answer) codec::encode_reply(out, *corrid, kStatusTooLarge);
             break;
         }
         c.suspend();
-        store_->put(h.key, p.body, [cp](uint32_t status) { cp->engine().finish(*cp, status); });
+        Store::Done done = [cp](const StoreStatus &outcome) { cp->engine().finish(*cp, outcome); };
+        if (packet == nullptr) {
+            store_->put(h.key, p.body, std::move(done));
+            break;
+        }
+        // The value is the packet's last bytes: they move to its front in
+        // place, and the string goes to the store as the value.
+        std::string key(h.key);
+        size_t at = static_cast<size_t>(p.body.data() - packet->data()), n = p.body.size();
+        packet->erase(0, at);
+        packet->resize(n);
+        store_->put_owned(key, std::move(*packet), std::move(done));
         break;
     }
     case codec::kOpRemove:
         c.suspend();
-        store_->remove(h.key, [cp](uint32_t status) { cp->engine().finish(*cp, status); });
+        store_->remove(h.key, [cp](const StoreStatus &outcome) { cp->engine().finish(*cp, outcome); });
         break;
     case codec::kOpGet:
         if (!answer) break;
         c.suspend();
-        store_->read(h.key, c.op.key_only, [cp](uint32_t status, int64_t, const std::vector<ObjectView> &objects) {
-            cp->engine().finish_read(*cp, status, objects);
-        });
+        store_->read(h.key, c.op.key_only,
+                     [cp](const StoreStatus &outcome, int64_t, const std::vector<ObjectView> &objects) {
+                         cp->engine().finish_read(*cp, outcome, objects);
+                     });
         break;
     case codec::kOpPost: {
-        if (c.folded.count(fold_key(h.key)) != 0) {
+        std::unique_ptr<Subscription> sub(new Subscription(&c, h.key, h.triggers, c.op.key_only));
+        if (c.subs.count(sub->folded) != 0) {
             if (answer) codec::encode_reply(out, *corrid, kStatusExists);
             break;
         }
         c.op.image = answer && (h.flags & codec::kFlagNoImage) == 0;
-        c.subs.push_back(Subscription{h.key, h.triggers, c.op.key_only, true});
-        c.folded.insert(fold_key(h.key));
-        subscriptions_++;
+        c.starting = sub.get();
+        index_.add(*sub);
+        c.subs.emplace(std::string_view(sub->folded), std::move(sub));
         refollow();
         c.suspend();
         store_->begin(h.key, c.op.key_only, c.op.image,
-                      [cp](uint32_t status, int64_t revision, const std::vector<ObjectView> &objects) {
-                          cp->engine().finish_post(*cp, status, revision, objects);
+                      [cp](const StoreStatus &outcome, int64_t revision, const std::vector<ObjectView> &objects) {
+                          cp->engine().finish_post(*cp, outcome, revision, objects);
                       });
         break;
     }
     case codec::kOpCancel: {
-        uint32_t status = kStatusNoMatch;
-        for (auto it = c.subs.begin(); it != c.subs.end(); ++it) {
-            if (same_key_nocase(it->key, h.key)) {
-                c.folded.erase(fold_key(it->key));
-                c.subs.erase(it);
-                dropped_subscriptions(1);
-                status = 0;
-                break;
-            }
-        }
-        if (answer) codec::encode_reply(out, *corrid, status);
+        auto it = c.subs.find(fold_key(h.key));
+        bool found = it != c.subs.end();
+        if (found) drop(*it->second);
+        if (answer) codec::encode_reply(out, *corrid, found ? 0 : kStatusNoMatch);
         break;
     }
     default:
@@ -563,34 +672,34 @@ void Engine::handle(Connection &c, const codec::Packet &p)
     if (!out.empty()) c.send(std::move(out));
 }
 
-// The size of the largest packet that carries a value of value_size bytes
-// stored under key: an object answering a get or a post, or a notification.
-size_t Engine::largest_packet(const std::string &key, size_t value_size)
+// Logs a store call that failed, with the store's own account of it.
+void Engine::failed(Connection &c, const char *what, const StoreStatus &outcome)
 {
-    static const std::string one(1, 'x');
-    std::string object, notification;
-    codec::encode_object(object, ~0u, codec::kOpPost, key, one, ~0u, ~0u, ~0);
-    codec::encode_notification(notification, key, kTriggerRemoved, one);
-    return std::max(object.size(), notification.size()) - 1 + value_size;
+    if (outcome.code == 0 || outcome.code == kStatusNoMatch) return;
+    log("conn %llu %s failed: %s (%u)%s%.*s", static_cast<unsigned long long>(c.id()), what,
+        status_text(outcome.code), outcome.code, outcome.why.empty() ? "" : ": ",
+        static_cast<int>(std::min<size_t>(outcome.why.size(), 300)), outcome.why.data());
 }
 
 // Answers a put or a remove with the store's status.
-void Engine::finish(Connection &c, uint32_t status)
+void Engine::finish(Connection &c, const StoreStatus &outcome)
 {
+    failed(c, c.op.opcode == codec::kOpPut ? "put" : "remove", outcome);
     if (!c.closed() && c.op.corrid) {
         std::string out;
-        codec::encode_reply(out, *c.op.corrid, status);
+        codec::encode_reply(out, *c.op.corrid, outcome.code);
         c.send(std::move(out));
     }
     c.resume();
 }
 
-void Engine::finish_read(Connection &c, uint32_t status, const std::vector<ObjectView> &objects)
+void Engine::finish_read(Connection &c, const StoreStatus &outcome, const std::vector<ObjectView> &objects)
 {
+    failed(c, "get", outcome);
     if (!c.closed()) {
-        if (status != 0) {
+        if (outcome.code != 0) {
             std::string out;
-            codec::encode_reply(out, *c.op.corrid, status);
+            codec::encode_reply(out, *c.op.corrid, outcome.code);
             c.send(std::move(out));
         } else {
             send_objects(c, *c.op.corrid, codec::kOpGet, c.op.key_only, objects);
@@ -599,57 +708,83 @@ void Engine::finish_read(Connection &c, uint32_t status, const std::vector<Objec
     c.resume();
 }
 
-// The post's subscription has begun at revision (or failed): answers it,
-// sends its image, then the changes held meanwhile that the connection's
-// subscriptions select, the new one only for changes after revision.
-void Engine::finish_post(Connection &c, uint32_t status, int64_t revision, const std::vector<ObjectView> &objects)
+// Sends a held change to c when its begun subscriptions selected it (all
+// of them when begun_only, else the starting one too, now begun).
+void Engine::send_held(Connection &c, const Held &e, bool begun_only)
 {
-    Subscription *sub = c.closed() ? nullptr : c.starting();
-    if (sub != nullptr) {
-        std::string out;
-        if (status != 0) {
-            c.folded.erase(fold_key(c.subs.back().key));
-            c.subs.pop_back();
-            c.held.clear();
-            dropped_subscriptions(1);
-            if (c.op.corrid) {
-                codec::encode_reply(out, *c.op.corrid, status);
-                c.send(std::move(out));
-            }
-        } else {
-            // A notification may close the connection (and clear its subscriptions):
-            // what is needed afterwards is taken first.
-            sub->starting = false;
-            sub->after = revision;
-            std::vector<Held> held(std::move(c.held));
-            c.held.clear();
-            if (c.op.corrid) {
-                codec::encode_reply(out, *c.op.corrid, 0);
-                c.send(std::move(out));
-            }
-            if (c.op.image && !c.closed()) send_objects(c, *c.op.corrid, codec::kOpPost, c.op.key_only, objects);
-            for (const Held &e : held) {
-                if (c.closed()) break;
-                bool match = false, want_value = false;
-                for (const Subscription &s : c.subs) {
-                    if (!selects(s.key, e.key) || (s.triggers != 0 && (s.triggers & e.trigger) == 0)) continue;
-                    if (e.revision <= s.after) continue;
-                    match = true;
-                    want_value = want_value || !s.key_only;
-                }
-                if (!match) continue;
-                out.clear();
-                codec::encode_notification(out, e.key, e.trigger, want_value && e.value ? *e.value : std::string());
-                c.notify(make_bytes(std::move(out)));
-            }
+    bool fresh = !begun_only && e.by.fresh;
+    if (!e.by.begun && !fresh) return;
+    bool value = e.value && (e.by.begun_value || (fresh && e.by.fresh_value));
+    std::string out;
+    codec::encode_notification(out, e.key, e.trigger, value ? std::string_view(*e.value) : std::string_view());
+    c.notify(make_bytes(std::move(out)));
+}
+
+// The post's subscription has begun at revision (or failed). In this
+// order: the held changes up to revision that the connection's other
+// subscriptions select; the reply; the image; the held changes after
+// revision that any of them selects, the new one included.
+void Engine::finish_post(Connection &c, const StoreStatus &outcome, int64_t revision,
+                         const std::vector<ObjectView> &objects)
+{
+    Subscription *sub = c.starting;
+    if (sub == nullptr) { // the connection closed meanwhile
+        c.resume();
+        return;
+    }
+    c.starting = nullptr;
+    // A notification may close the connection (which drops its
+    // subscriptions): what is needed afterwards is taken first.
+    std::vector<Held> held(std::move(c.held));
+    c.held.clear();
+    std::string feed_lost(std::move(c.feed_lost));
+    c.feed_lost.clear();
+    StoreStatus result = outcome;
+    if (result.code == 0 && !feed_lost.empty()) result = StoreStatus(kStatusStoreUnavailable, std::move(feed_lost));
+    failed(c, "post", result);
+    if (result.code != 0) {
+        drop(*sub);
+        for (const Held &e : held)
+            if (!c.closed()) send_held(c, e, true);
+    } else {
+        sub->starting = false;
+        sub->after = revision;
+        size_t i = 0;
+        for (; i < held.size() && held[i].revision <= revision && !c.closed(); i++) send_held(c, held[i], true);
+        if (c.op.corrid && !c.closed()) {
+            std::string out;
+            codec::encode_reply(out, *c.op.corrid, 0);
+            c.send(std::move(out));
         }
+        if (c.op.image && !c.closed()) send_objects(c, *c.op.corrid, codec::kOpPost, c.op.key_only, objects);
+        for (; i < held.size() && !c.closed(); i++) send_held(c, held[i], false);
+        c.resume();
+        return;
+    }
+    if (c.op.corrid && !c.closed()) {
+        std::string out;
+        codec::encode_reply(out, *c.op.corrid, result.code);
+        c.send(std::move(out));
     }
     c.resume();
 }
 
-void Engine::dropped_subscriptions(size_t n)
+// Forgets one subscription of its connection.
+void Engine::drop(Subscription &s)
 {
-    subscriptions_ -= n;
+    Connection &c = *s.conn;
+    if (c.starting == &s) c.starting = nullptr;
+    index_.remove(s);
+    c.subs.erase(std::string_view(s.folded)); // frees s
+    refollow();
+}
+
+void Engine::drop_all(Connection &c)
+{
+    for (auto &entry : c.subs) index_.remove(*entry.second);
+    c.subs.clear();
+    c.starting = nullptr;
+    c.held.clear();
     refollow();
 }
 
@@ -657,7 +792,7 @@ void Engine::dropped_subscriptions(size_t n)
 // subscribes.
 void Engine::refollow()
 {
-    bool want = subscriptions_ > 0;
+    bool want = index_.size() > 0;
     if (want == following_ || !store_) return;
     following_ = want;
     store_->follow(want);
@@ -668,86 +803,131 @@ void Engine::refollow()
 void Engine::send_objects(Connection &c, uint32_t corrid, uint8_t opcode, bool key_only,
                           const std::vector<ObjectView> &objects)
 {
+    // Values the store shares from kShareFrom bytes are queued as they are
+    // after their packet's first bytes; the rest is copied into packets.
+    auto shared = [key_only](const ObjectView &o) {
+        return !key_only && o.shared && o.value.size() >= kShareFrom && o.value.data() == o.shared->data() &&
+               o.value.size() == o.shared->size();
+    };
     std::string out;
     if (objects.empty()) codec::encode_reply(out, corrid, kStatusNoMatch);
+    size_t total = 0;
+    for (const ObjectView &o : objects)
+        total += codec::object_size(o.key.size(), key_only || shared(o) ? 0 : o.value.size());
+    out.reserve(total);
     uint32_t n = static_cast<uint32_t>(objects.size());
-    static const std::string none;
-    std::string key, value;
     for (uint32_t i = 0; i < n; i++) {
-        key.assign(objects[i].key.data(), objects[i].key.size());
-        if (!key_only) value.assign(objects[i].value.data(), objects[i].value.size());
-        codec::encode_object(out, corrid, opcode, key, key_only ? none : value, n, i + 1);
+        const ObjectView &o = objects[i];
+        if (!shared(o)) {
+            codec::encode_object(out, corrid, opcode, o.key, key_only ? std::string_view() : o.value, n, i + 1);
+            continue;
+        }
+        codec::encode_object_head(out, corrid, opcode, o.key, o.value.size(), n, i + 1);
+        c.send(std::move(out));
+        c.send(o.shared);
+        out.clear();
     }
-    c.send(std::move(out));
+    if (!out.empty()) c.send(std::move(out));
 }
 
 // Sends a notification of the change of key to every connection with a
-// subscription that selects the key and the trigger; the value (none for a
-// removal) goes to those whose selecting subscriptions are not all key-only.
-// A connection with a post starting holds the change until the post has
-// begun.
-void Engine::on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision)
+// subscription that selects the key and the change, once per connection;
+// the value (none for a removal) goes to those whose selecting
+// subscriptions are not all key-only. A connection whose post is starting
+// holds the change until the post has begun. The subscriptions are found
+// through the index: the cost is that of the selecting ones.
+void Engine::on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision,
+                       const SharedValue &shared)
 {
-    Bytes with_value, without_value;
-    // A notification may close its connection, which leaves conns_: the targets
-    // are taken first.
-    std::vector<std::pair<std::shared_ptr<Connection>, bool>> targets; // connection, send the value
-    for (auto &entry : conns_) {
-        Connection &c = *entry.second;
-        bool match = false, want_value = false;
-        for (const Subscription &s : c.subs) {
-            if (!selects(s.key, key) || (s.triggers != 0 && (s.triggers & trigger) == 0)) continue;
-            // The store's feed may deliver changes the image already held.
-            if (revision <= s.after) continue;
-            match = true;
-            want_value = want_value || !s.key_only;
+    const uint64_t change = ++changes_;
+    targets_.clear();
+    index_.select(key, [&](SubscriptionIndex::Entry &entry) {
+        Subscription &s = static_cast<Subscription &>(entry);
+        if (s.triggers != 0 && (s.triggers & trigger) == 0) return;
+        // The store's feed may deliver changes the image already held.
+        if (!s.starting && revision <= s.after) return;
+        Connection &c = *s.conn;
+        if (c.selected != change) {
+            c.selected = change;
+            c.target = targets_.size();
+            targets_.emplace_back(&c, Selection());
         }
-        if (!match) continue;
-        if (c.starting() != nullptr) {
+        Selection &by = targets_[c.target].second;
+        if (s.starting) {
+            by.fresh = true;
+            by.fresh_value = by.fresh_value || !s.key_only;
+        } else {
+            by.begun = true;
+            by.begun_value = by.begun_value || !s.key_only;
+        }
+    });
+    if (targets_.empty()) return;
+    // A notification may close its connection, which then leaves conns_
+    // and the index: each target is kept alive while it is served, and the
+    // list is moved aside in case a close reenters.
+    std::vector<std::pair<Connection *, Selection>> targets(std::move(targets_));
+    // A large value the store shares follows its packet's first bytes as
+    // it is (value_bytes) instead of being copied into the packet.
+    bool share = value != nullptr && shared && value->size() >= kShareFrom && value->data() == shared->data() &&
+                 value->size() == shared->size();
+    Bytes with_value, without_value;
+    for (auto &[cp, by] : targets) {
+        std::shared_ptr<Connection> c = cp->shared_from_this();
+        if (c->starting != nullptr) {
             std::optional<std::string> v;
             if (value != nullptr) v.emplace(*value);
-            c.held.push_back(Held{std::string(key), trigger, std::move(v), revision});
+            c->held.push_back(Held{std::string(key), trigger, std::move(v), revision, by});
             continue;
         }
-        targets.emplace_back(entry.second, want_value && value != nullptr);
-    }
-    for (auto &t : targets) {
-        Bytes &bytes = t.second ? with_value : without_value;
+        bool send_value = by.begun_value && value != nullptr;
+        Bytes &bytes = send_value ? with_value : without_value;
         if (!bytes) {
             std::string out;
-            codec::encode_notification(out, std::string(key), trigger, t.second ? std::string(*value) : std::string());
+            if (send_value && share)
+                codec::encode_notification_head(out, key, trigger, value->size());
+            else
+                codec::encode_notification(out, key, trigger, send_value ? *value : std::string_view());
             bytes = make_bytes(std::move(out));
         }
-        t.first->notify(bytes);
+        c->notify(bytes);
+        if (send_value && share) c->notify(shared);
     }
+    targets.clear();
+    targets_ = std::move(targets);
 }
 
 // Ends every subscription that has begun with a notification of trigger
-// kTriggerEnded under its own key; starting posts are answered by their
-// begin().
+// kTriggerEnded under its own key, whose value is why; a post starting
+// will be answered with kStatusStoreUnavailable, after the changes held
+// for the connection's begun subscriptions.
 void Engine::on_feed_ended(const std::string &why)
 {
     log("store feed ended: %s; ending every subscription", why.c_str());
     following_ = false;
-    size_t ended = 0;
-    std::vector<std::pair<std::shared_ptr<Connection>, std::string>> targets; // as in on_change
-    for (auto &entry : conns_) {
-        Connection &c = *entry.second;
+    std::vector<std::shared_ptr<Connection>> all;
+    for (auto &entry : conns_) all.push_back(entry.second);
+    for (auto &c : all) {
+        if (c->starting != nullptr) {
+            c->feed_lost = why;
+            std::vector<Held> held(std::move(c->held));
+            c->held.clear();
+            for (const Held &e : held)
+                if (!c->closed()) send_held(*c, e, true);
+        }
         std::string out;
-        for (auto it = c.subs.begin(); it != c.subs.end();) {
-            if (it->starting) {
+        for (auto it = c->subs.begin(); it != c->subs.end() && !c->closed();) {
+            Subscription &s = *it->second;
+            if (s.starting) {
                 ++it;
                 continue;
             }
-            codec::encode_notification(out, it->key, kTriggerEnded, std::string());
-            c.folded.erase(fold_key(it->key));
-            it = c.subs.erase(it);
-            ended++;
+            codec::encode_notification(out, s.key, kTriggerEnded, why);
+            index_.remove(s);
+            it = c->subs.erase(it);
         }
-        if (!out.empty()) targets.emplace_back(entry.second, std::move(out));
+        if (!out.empty() && !c->closed()) c->notify(make_bytes(std::move(out)));
     }
-    dropped_subscriptions(ended);
-    for (auto &t : targets) t.first->notify(make_bytes(std::move(t.second)));
+    refollow();
 }
 
 Server::Server(Options options) : engine_(new Engine(std::move(options))) {}

@@ -20,11 +20,15 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 
 namespace hspace {
 namespace service {
+
+class Listener;
+class Store;
 
 constexpr uint16_t kDefaultPort = 7521;                 // hspaced's port when none is given
 constexpr size_t kDefaultMaxQueue = size_t(64) << 20;   // bytes a connection may have queued, unsent
@@ -42,7 +46,22 @@ struct Options {
     // tried in turn).
     std::string store = "memory";
     std::string store_prefix = "hspace/";      // etcd: every object's key is stored under this prefix
-    unsigned store_timeout_ms = 3000;          // etcd: bound of each call, and of the feed's reconnection
+    unsigned store_timeout_ms = 3000;          // etcd: bound of each call (a post's start included)
+    // When set, makes the store instead of `store` names (start() calls it
+    // on the owning thread; the store then lives on the I/O thread): for
+    // tests that drive the protocol over a store of their own.
+    std::function<std::unique_ptr<Store>(Listener &listener)> store_factory;
+    // etcd's link: TLS when any of the three files is named (the members'
+    // certificates checked against store_cacert, or the system's CAs when
+    // it is empty; a client certificate when store_cert and store_key are
+    // named), and etcd's own authentication when store_user is set, with
+    // the password read from store_password_file. Either makes start()
+    // check the link and the login, and fail with the reason.
+    std::string store_cacert;                  // etcd: CA certificates (PEM file)
+    std::string store_cert;                    // etcd: client certificate (PEM file)
+    std::string store_key;                     // etcd: its private key (PEM file)
+    std::string store_user;                    // etcd: user name
+    std::string store_password_file;           // etcd: file whose first line is the user's password
 };
 
 // Counters of the service's life, readable from any thread while it runs.

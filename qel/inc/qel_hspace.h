@@ -179,6 +179,11 @@ KRO_API t_kro_error qel_hspace_open_timed(t_qel_hspace hspace, t_kro_uint4 timeo
 /* Stores the handle's current state (read without a lock). */
 KRO_API t_kro_error qel_hspace_get_state(t_qel_hspace hspace, t_qel_hspace_state *state);
 
+/* Stores in *name the service's name from the handshake reply: a string
+ * owned by the handle, valid until destroy; null until an open succeeded.
+ * Errors: 7, 12. */
+KRO_API t_kro_error qel_hspace_get_service_name(t_qel_hspace hspace, t_kro_str *name);
+
 /* Ends the connection from any state. From an application thread it first
  * shuts the socket, so that a write blocked on a service that does not read
  * fails at once (that operation returns KRO_ERR_CLOSED), then returns when

@@ -118,20 +118,32 @@ private:
 using Objects = std::vector<Object>;
 
 // A subscription's image: every object the service holds for the key or
-// pattern, delivered once complete. resync: this is a fresh image after the
-// link was re-established (reconcile with what the application holds).
-// error: set when the service refused the image; the subscription has ended.
+// pattern, delivered once complete. resync: a fresh image after the link
+// was re-established or the subscription re-made after the service ended
+// it (reconcile with what the application holds).
 struct Image {
     Objects objects;
     bool resync = false;
-    std::error_code error;
 };
 
-// One change notification: the trigger the service reported (hspaced: 1
-// stored, 2 removed) and the changed object (without value for a removal
-// or a key-only subscription).
+// The trigger of a change (HSPACE_TRIGGER_* of the C API). A subscription's
+// trigger mask is an OR of these bits, 0 selecting stored and removed.
+enum class Trigger : int {
+    stored = HSPACE_TRIGGER_STORED,   // a put stored the key
+    removed = HSPACE_TRIGGER_REMOVED, // a remove deleted the key
+    ended = HSPACE_TRIGGER_ENDED,     // the service ended the subscription (see Client::subscribe)
+};
+constexpr std::uint8_t operator|(Trigger a, Trigger b) noexcept
+{
+    return static_cast<std::uint8_t>(static_cast<int>(a) | static_cast<int>(b));
+}
+
+// One change notification: its trigger and the changed object (without
+// value for a removal or a key-only subscription). For Trigger::ended the
+// object's key is the subscription's own key or pattern and its value the
+// service's cause, as text.
 struct Change {
-    int trigger = 0;
+    Trigger trigger = Trigger::stored;
     Object object;
 };
 
@@ -145,6 +157,12 @@ enum class State {
     closed        // close() ran; final
 };
 
+// Deadlines are durations from the call's start. A positive one bounds the
+// call; no_deadline waits without bound; zero (or less) takes the default:
+// for a Call, the Client's Options::call_timeout; for an Options field, the
+// value it is declared with.
+constexpr std::chrono::milliseconds no_deadline = std::chrono::milliseconds::max();
+
 struct Reconnect {
     bool enabled = true;                               // off: a link failure is final, as for the C handle
     std::chrono::milliseconds initial_delay{100};      // first backoff delay
@@ -155,7 +173,13 @@ struct Reconnect {
 struct Options {
     std::string client_name;                           // empty: "anonymous"
     std::string client_group;                          // empty: "default"
-    std::chrono::milliseconds open_timeout{0};         // bound of connect plus handshake; 0: none
+    // Bound of connecting plus the handshake, for open() and every
+    // reconnection attempt (the C handle's bound by default).
+    std::chrono::milliseconds open_timeout{QEL_HSPACE_OPEN_TIMEOUT_MS};
+    // Deadline of every blocking call whose Call does not set its own
+    // (put, remove, get, subscribe, get_async's answer, the cancels and
+    // re-subscriptions the Client sends by itself).
+    std::chrono::milliseconds call_timeout{10000};
     Reconnect reconnect;
     // State changes with their cause (the link's error for reconnecting and
     // failed). Runs on a thread of the Client (not the reader thread), one
@@ -163,24 +187,27 @@ struct Options {
     std::function<void(State, std::error_code)> on_state;
 };
 
-// Per-call options of get (and, for put and remove, only wait_for_link).
+// Per-call options. A call whose deadline passes returns error::timeout;
+// the late answer reaches no one and what it carries is freed.
 struct Call {
-    std::chrono::milliseconds timeout{0}; // get: bound of the whole call (0: none); the late answer is dropped
-    bool wait_for_link = false;           // while reconnecting, wait (up to timeout) instead of failing fast
+    std::chrono::milliseconds timeout{0}; // 0: Options::call_timeout; no_deadline: none
+    bool wait_for_link = false;           // while reconnecting, wait (within the deadline) instead of failing fast
     bool key_only = false;                // get: objects without values
 };
 
 struct SubscribeOptions {
-    std::uint8_t triggers = 0; // trigger mask passed to the service; 0 selects every change
+    std::uint8_t triggers = 0; // mask of Trigger bits; 0 selects stored and removed
     bool no_image = false;     // no initial image (and none on resync)
     bool key_only = false;     // image and changes without values
 };
 
 class Client;
 
-// A live subscription: cancelled by its destruction (or reset()), after
-// which none of its callbacks runs or is still running, unless it is
-// destroyed inside its own callback, which then finishes normally. Move-only.
+// A live subscription: cancelled by its destruction (or reset()), which
+// never waits on the service: delivery stops at once (no callback of it
+// runs after reset() returns, except the one the calling thread is inside,
+// and one running on the reader thread is waited for), and the Client's
+// worker sends the cancel. Move-only.
 class KRO_API Subscription {
 public:
     Subscription() noexcept = default;
@@ -214,6 +241,17 @@ private:
 // Options::reconnect.enabled. Move-only; one Client may be used by any
 // number of threads at once (except moving and destroying it). Blocking
 // calls from inside its own callbacks fail with error::would_deadlock.
+//
+// Every blocking call has a deadline (Call::timeout, else
+// Options::call_timeout) and returns error::timeout when it passes; open()
+// is bounded by Options::open_timeout; close() and the destructor never
+// wait on the service.
+//
+// Ordering: for every subscription, after subscribe and after every
+// re-established link, on_image gets its image first (resync set after a
+// reconnect), then on_change gets exactly the changes the service made
+// after that image, each once and in the service's order, however other
+// subscriptions of the Client overlap it (a key under a pattern, nested patterns).
 class KRO_API Client {
 public:
     using ImageHandler = std::function<void(Image &&)>;
@@ -222,8 +260,9 @@ public:
 
     Client() noexcept;                                    // empty: every call fails with error::invalid_state
     explicit Client(std::string url, Options options = Options()); // "tcp://host:port"; does not connect
-    // Closes the connection, cancels every subscription, joins the Client's
-    // thread. From the Client's own callback the teardown finishes after the
+    // Closes the connection and cancels every subscription without waiting
+    // on the service (a reconnection attempt under way finishes on its own).
+    // From the Client's own callback the teardown finishes after the
     // callback returns; no further callback of this Client runs.
     ~Client();
     Client(Client &&other) noexcept;
@@ -236,7 +275,8 @@ public:
     void open();
     void open(std::error_code &ec) noexcept;
     // Ends the connection and every subscription; calls waiting get
-    // error::closed. Idempotent.
+    // error::closed. Waits for a callback that is running, never for the
+    // service. Idempotent.
     void close() noexcept;
     State state() const noexcept;
 
@@ -258,8 +298,10 @@ public:
     Objects get(std::string_view key, const Call &call = Call());
     Objects get(std::string_view key, std::error_code &ec) noexcept;
     Objects get(std::string_view key, const Call &call, std::error_code &ec) noexcept;
-    // Sends the get and returns; done runs once on the reader thread with
-    // the result. Throws / reports only a failure to send.
+    // Sends the get and returns; done runs once with the result: on the
+    // reader thread, or with error::timeout on the Client's worker thread
+    // when Options::call_timeout passes first. Throws / reports only a
+    // failure to send.
     void get_async(std::string_view key, GetHandler done, bool key_only = false);
     void get_async(std::string_view key, GetHandler done, bool key_only, std::error_code &ec) noexcept;
     // The same with a future; a failure is a std::system_error in it.
@@ -272,14 +314,26 @@ public:
     void remove_noreply(std::string_view key);
     void remove_noreply(std::string_view key, std::error_code &ec) noexcept;
 
-    // Subscribes to a key or a prefix pattern (ending in '*'). on_image gets
-    // the initial image once complete (and a resync image after every
-    // re-established link); on_change every change. Both run on the reader
-    // thread. error::exists while another subscription of the key lives.
+    // Subscribes to a key or a prefix pattern (ending in '*') and returns
+    // once the service has accepted it and on_image has had the image (with
+    // no_image: once the service has accepted it); error::timeout when that
+    // takes longer than the deadline (nothing is delivered then). on_image
+    // gets a resync image after every re-established link; on_change each
+    // change the subscription's trigger mask selects. Both run on the
+    // reader thread. error::exists while another subscription of the key
+    // (any letter case) lives on this Client.
+    //
+    // A subscription the service ends (a store outage, say) gets a Change
+    // of Trigger::ended carrying the cause; the Client then re-subscribes
+    // with the backoff of Options::reconnect until the service accepts, and
+    // delivers a resync image. With reconnection off that Change is the
+    // subscription's last callback.
     Subscription subscribe(std::string_view key, ImageHandler on_image, ChangeHandler on_change,
-                           const SubscribeOptions &options = SubscribeOptions());
+                           const SubscribeOptions &options = SubscribeOptions(), const Call &call = Call());
     Subscription subscribe(std::string_view key, ImageHandler on_image, ChangeHandler on_change,
                            const SubscribeOptions &options, std::error_code &ec) noexcept;
+    Subscription subscribe(std::string_view key, ImageHandler on_image, ChangeHandler on_change,
+                           const SubscribeOptions &options, const Call &call, std::error_code &ec) noexcept;
 
     struct Impl;
 

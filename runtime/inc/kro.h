@@ -104,6 +104,19 @@ KRO_API KRO_NORETURN void kro_check_fail(const char *condition, unsigned line, c
  * on the condition "(0)". */
 KRO_API KRO_NORETURN void kro_check_fail_no_memory(unsigned line, const char *function);
 
+/* Casts and the null pointer in the inline functions of the public
+ * headers, written so that C++ applications building with -Wold-style-cast
+ * and -Wzero-as-null-pointer-constant get no warning from them. */
+#ifdef __cplusplus
+#define KRO_CAST(type, value) static_cast<type>(value)
+#define KRO_REINTERPRET(type, value) reinterpret_cast<type>(value)
+#define KRO_NULL nullptr
+#else
+#define KRO_CAST(type, value) ((type)(value))
+#define KRO_REINTERPRET(type, value) ((type)(value))
+#define KRO_NULL NULL
+#endif
+
 /* Invariant check; stays on in every build type (it does not depend on
  * NDEBUG). */
 #define KRO_CHECK(cond)                                          \
@@ -114,7 +127,7 @@ KRO_API KRO_NORETURN void kro_check_fail_no_memory(unsigned line, const char *fu
 /* Fatal allocation of a fixed-size record. */
 #define KRO_ALLOC_RECORD(size, variable, clear)                                   \
     do {                                                                          \
-        if (kro_mm_alloc((t_kro_uint4)(size), (variable), (clear)) != 0)          \
+        if (kro_mm_alloc(KRO_CAST(t_kro_uint4, size), (variable), (clear)) != 0)  \
             kro_check_fail_no_memory(__LINE__, __func__);                         \
     } while (0)
 

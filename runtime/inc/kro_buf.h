@@ -44,7 +44,7 @@ static inline void kro_buf_create(t_kro_buf *variable, t_kro_uint4 size, t_kro_b
     buf->size = size;
     buf->pos = 0;
     buf->lim = size;
-    buf->ptr = NULL;
+    buf->ptr = KRO_NULL;
     KRO_CHECK(kro_mm_alloc(size, &buf->ptr, clear) == 0);
 }
 
@@ -85,11 +85,11 @@ static inline void kro_buf_flip(t_kro_buf buf)
  * move to the start, pos stands after them and lim at size. */
 static inline void kro_buf_compact(t_kro_buf buf)
 {
-    t_kro_int4 remaining = (t_kro_int4)(buf->lim - buf->pos);
+    t_kro_int4 remaining = KRO_CAST(t_kro_int4, buf->lim - buf->pos);
     if (buf->pos != 0 && remaining > 0)
-        memmove(buf->ptr, (t_kro_byte *)buf->ptr + buf->pos, (size_t)remaining);
+        memmove(buf->ptr, KRO_CAST(t_kro_byte *, buf->ptr) + buf->pos, KRO_CAST(size_t, remaining));
     buf->lim = buf->size;
-    buf->pos = remaining > 0 ? (t_kro_uint4)remaining : 0;
+    buf->pos = remaining > 0 ? KRO_CAST(t_kro_uint4, remaining) : 0;
 }
 
 #ifdef __cplusplus

@@ -47,7 +47,7 @@ static inline void kro_llist_create(t_kro_llist *variable)
     KRO_ALLOC_RECORD(sizeof(struct kro_llist), variable, 0);
     list = *variable;
     list->head = list;
-    list->prev = (t_kro_llist_node)list->head;
+    list->prev = KRO_REINTERPRET(t_kro_llist_node, list->head);
     list->next = list->prev;
     list->num_elements = 0;
     list->read_only = 0;
@@ -57,19 +57,19 @@ static inline void kro_llist_create(t_kro_llist *variable)
  * when it is allocated. */
 static inline void kro_llist_node_init(t_kro_ptr node)
 {
-    t_kro_llist_node n = (t_kro_llist_node)node;
-    n->head = NULL;
-    n->prev = NULL;
-    n->next = NULL;
+    t_kro_llist_node n = KRO_CAST(t_kro_llist_node, node);
+    n->head = KRO_NULL;
+    n->prev = KRO_NULL;
+    n->next = KRO_NULL;
 }
 
 /* Appends node at the tail. The list must not be read-only. */
 static inline void kro_llist_append(t_kro_llist list, t_kro_ptr node)
 {
-    t_kro_llist_node n = (t_kro_llist_node)node;
+    t_kro_llist_node n = KRO_CAST(t_kro_llist_node, node);
     KRO_CHECK(list->read_only == 0);
     n->prev = list->prev;
-    n->next = (t_kro_llist_node)list;
+    n->next = KRO_REINTERPRET(t_kro_llist_node, list);
     n->prev->next = n;
     list->prev = n;
     n->head = list;
@@ -80,28 +80,28 @@ static inline void kro_llist_append(t_kro_llist list, t_kro_ptr node)
  * list that is not read-only. */
 static inline void kro_llist_remove(t_kro_ptr node)
 {
-    t_kro_llist_node n = (t_kro_llist_node)node;
-    KRO_CHECK(n->head != NULL);
+    t_kro_llist_node n = KRO_CAST(t_kro_llist_node, node);
+    KRO_CHECK(n->head != KRO_NULL);
     KRO_CHECK(n->head->read_only == 0);
     n->prev->next = n->next;
     n->next->prev = n->prev;
     n->head->num_elements -= 1;
-    n->head = NULL;
-    n->prev = NULL;
-    n->next = NULL;
+    n->head = KRO_NULL;
+    n->prev = KRO_NULL;
+    n->next = KRO_NULL;
 }
 
 /* First (oldest) node, or null when the list is empty. */
 static inline t_kro_ptr kro_llist_first(t_kro_llist list)
 {
-    return list->next == (t_kro_llist_node)list ? NULL : (t_kro_ptr)list->next;
+    return list->next == KRO_REINTERPRET(t_kro_llist_node, list) ? KRO_NULL : KRO_CAST(t_kro_ptr, list->next);
 }
 
 /* The node after node, or null after the last. */
 static inline t_kro_ptr kro_llist_next(t_kro_llist list, t_kro_ptr node)
 {
-    t_kro_llist_node n = ((t_kro_llist_node)node)->next;
-    return n == (t_kro_llist_node)list ? NULL : (t_kro_ptr)n;
+    t_kro_llist_node n = KRO_CAST(t_kro_llist_node, node)->next;
+    return n == KRO_REINTERPRET(t_kro_llist_node, list) ? KRO_NULL : KRO_CAST(t_kro_ptr, n);
 }
 
 /* Unlinks and frees every node as a plain block, then frees the head and
@@ -113,7 +113,7 @@ static inline void kro_llist_destroy(t_kro_llist *variable)
     list->read_only = 0;
     while (list->num_elements > 0) {
         t_kro_ptr node = kro_llist_first(list);
-        if (((t_kro_llist_node)node)->head != NULL) kro_llist_remove(node);
+        if (KRO_CAST(t_kro_llist_node, node)->head != KRO_NULL) kro_llist_remove(node);
         KRO_CHECK(kro_mm_free(&node) == 0);
     }
     KRO_CHECK(kro_mm_free(variable) == 0);
@@ -124,13 +124,13 @@ static inline void kro_llist_destroy(t_kro_llist *variable)
  * memory ends the process. */
 static inline void kro_str_assign(t_kro_str *variable, t_kro_str source)
 {
-    char *copy = NULL;
+    char *copy = KRO_NULL;
     size_t len;
-    if (*variable != NULL) KRO_CHECK(kro_mm_free(variable) == 0);
-    if (source == NULL) return;
+    if (*variable != KRO_NULL) KRO_CHECK(kro_mm_free(variable) == 0);
+    if (source == KRO_NULL) return;
     len = strlen(source);
     KRO_CHECK(len <= 0xFFFFFFFBu);
-    KRO_CHECK(kro_mm_alloc((t_kro_uint4)(len + 4), &copy, 0) == 0);
+    KRO_CHECK(kro_mm_alloc(KRO_CAST(t_kro_uint4, len + 4), &copy, 0) == 0);
     memcpy(copy, source, len + 1);
     *variable = copy;
 }

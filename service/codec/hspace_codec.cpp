@@ -6,6 +6,7 @@
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 namespace hspace {
 namespace codec {
@@ -58,15 +59,104 @@ void add_string(std::string &out, const std::string &s)
 
 // Reads a 16-bit length and that many bytes at *pos, within [.., end).
 // Returns false when either runs past end.
-bool take_string(const uint8_t *base, size_t end, size_t *pos, std::string *s)
+bool take_string(const uint8_t *base, size_t end, size_t *pos, std::string_view *s)
 {
     if (end - *pos < 2) return false;
     size_t len = get16(base + *pos);
     *pos += 2;
     if (end - *pos < len) return false;
-    s->assign(reinterpret_cast<const char *>(base + *pos), len);
+    *s = std::string_view(reinterpret_cast<const char *>(base + *pos), len);
     *pos += len;
     return true;
+}
+
+// Writers over a block already sized: each stores big-endian at p and
+// returns the position after it.
+char *w8(char *p, uint8_t v)
+{
+    *p = static_cast<char>(v);
+    return p + 1;
+}
+char *w16(char *p, uint16_t v)
+{
+    p[0] = static_cast<char>(v >> 8);
+    p[1] = static_cast<char>(v);
+    return p + 2;
+}
+char *w32(char *p, uint32_t v)
+{
+    p[0] = static_cast<char>(v >> 24);
+    p[1] = static_cast<char>(v >> 16);
+    p[2] = static_cast<char>(v >> 8);
+    p[3] = static_cast<char>(v);
+    return p + 4;
+}
+char *wbytes(char *p, std::string_view b)
+{
+    if (!b.empty()) memcpy(p, b.data(), b.size());
+    return p + b.size();
+}
+
+// Appends n bytes to out and returns where they start, for the writers.
+char *grow(std::string &out, size_t n)
+{
+    size_t at = out.size();
+    out.resize(at + n);
+    return &out[at];
+}
+
+char *header_at(char *p, uint32_t wirelen, uint8_t numsh, uint16_t type)
+{
+    p = w32(p, (kMagic << 8) | kVersion);
+    p = w32(p, wirelen);
+    memset(p, 0, 19);
+    p += 19; // 8 bytes, sport and dport 0, 7 bytes
+    p = w8(p, 0xFF);
+    p = w8(p, 0);
+    p = w8(p, numsh);
+    return w16(p, type);
+}
+
+char *preamble_at(char *p, uint16_t type, uint32_t len)
+{
+    p = w8(p, 0x01);
+    p = w8(p, 0x00);
+    p = w16(p, type);
+    return w32(p, len);
+}
+
+char *hspace_at(char *p, uint8_t opcode, uint8_t semantic, uint8_t triggers, int32_t timeout, int32_t flags,
+                std::string_view key)
+{
+    p = preamble_at(p, kTypeHspace, static_cast<uint32_t>(kHspaceSectionBase + key.size()));
+    p = w8(p, 0x01);
+    p = w8(p, opcode);
+    p = w8(p, semantic);
+    p = w8(p, triggers);
+    p = w32(p, static_cast<uint32_t>(timeout));
+    p = w32(p, static_cast<uint32_t>(flags));
+    p = w16(p, static_cast<uint16_t>(key.size()));
+    return wbytes(p, key);
+}
+
+char *rr_at(char *p, const RrSubheader &rr)
+{
+    p = preamble_at(p, kTypeRr, static_cast<uint32_t>(kRrSectionSize));
+    p = w32(p, 0);
+    p = w32(p, rr.corrid);
+    p = w32(p, rr.w1);
+    return w32(p, rr.w2);
+}
+
+// Stops the process for a key the wire cannot carry or a packet over
+// kMaxPacket: a caller defect, never input from the network.
+void check_sizes(std::string_view key, size_t wirelen)
+{
+    if (key.size() > kMaxString || wirelen > kMaxPacket) {
+        fprintf(stderr, "hspace_codec: key of %zu bytes or packet of %zu bytes does not fit the wire\n", key.size(),
+                wirelen);
+        abort();
+    }
 }
 
 } // namespace
@@ -126,13 +216,12 @@ FrameResult frame(const uint8_t *data, size_t n)
     return FrameResult{FrameStatus::Complete, wirelen};
 }
 
-bool decode(const uint8_t *data, size_t wirelen, Packet &out)
+bool decode(const uint8_t *data, size_t wirelen, PacketView &out)
 {
     FrameResult f = frame(data, wirelen);
     if (f.status != FrameStatus::Complete || f.wirelen != wirelen) return false;
 
-    out = Packet();
-    out.wirelen = static_cast<uint32_t>(wirelen);
+    out = PacketView();
     out.sport = get16(data + 16);
     out.dport = get16(data + 18);
     out.numsh = data[29];
@@ -145,7 +234,6 @@ bool decode(const uint8_t *data, size_t wirelen, Packet &out)
         const uint8_t *s = data + off;
         uint16_t type = get16(s + 2);
         uint32_t len = get32(s + 4);
-        out.subheader_types.push_back(type);
         if (type == kTypeRr) {
             if (len < kRrSectionSize) return false;
             RrSubheader rr;
@@ -157,13 +245,13 @@ bool decode(const uint8_t *data, size_t wirelen, Packet &out)
             if (len < kHspaceSectionBase) return false;
             size_t keylen = get16(s + 20);
             if (len - kHspaceSectionBase < keylen) return false;
-            HspaceSubheader h;
+            HspaceView h;
             h.opcode = s[9];
             h.semantic = s[10];
             h.triggers = s[11];
             h.timeout = static_cast<int32_t>(get32(s + 12));
             h.flags = static_cast<int32_t>(get32(s + 16));
-            h.key.assign(reinterpret_cast<const char *>(s + 22), keylen);
+            h.key = std::string_view(reinterpret_cast<const char *>(s + 22), keylen);
             out.hspace = h;
         }
         off += len;
@@ -172,24 +260,60 @@ bool decode(const uint8_t *data, size_t wirelen, Packet &out)
     const uint8_t *body = data + off;
     size_t body_len = get32(body + 4);
     out.body_type = get16(body + 2);
-    out.body.assign(reinterpret_cast<const char *>(body + kPreambleSize), body_len - kPreambleSize);
-    if (out.body_type == kTypeHandshakeRequest) {
+    out.body = std::string_view(reinterpret_cast<const char *>(body + kPreambleSize), body_len - kPreambleSize);
+    if (out.body_type == kTypeHandshakeRequest || out.body_type == kTypeHandshakeReply) {
+        size_t pos = kPreambleSize + 4;
+        if (body_len < pos) return false;
+        out.fixed1 = get16(body + 8);
+        out.fixed2 = get16(body + 10);
+        int strings = out.body_type == kTypeHandshakeRequest ? 3 : 1;
+        for (int i = 0; i < strings; i++)
+            if (!take_string(body, body_len, &pos, &out.strings[i])) return false;
+    }
+    return true;
+}
+
+bool decode(const uint8_t *data, size_t wirelen, Packet &out)
+{
+    PacketView v;
+    if (!decode(data, wirelen, v)) return false;
+    out = Packet();
+    out.wirelen = static_cast<uint32_t>(wirelen);
+    out.sport = v.sport;
+    out.dport = v.dport;
+    out.numsh = v.numsh;
+    out.type = v.type;
+    size_t off = kHeaderSize;
+    for (unsigned i = 0; i < v.numsh; i++) {
+        out.subheader_types.push_back(get16(data + off + 2));
+        off += get32(data + off + 4);
+    }
+    if (v.hspace) {
+        HspaceSubheader h;
+        h.opcode = v.hspace->opcode;
+        h.semantic = v.hspace->semantic;
+        h.triggers = v.hspace->triggers;
+        h.timeout = v.hspace->timeout;
+        h.flags = v.hspace->flags;
+        h.key.assign(v.hspace->key);
+        out.hspace = h;
+    }
+    out.rr = v.rr;
+    out.body_type = v.body_type;
+    out.body.assign(v.body);
+    if (v.body_type == kTypeHandshakeRequest) {
         HandshakeRequest hs;
-        size_t pos = kPreambleSize + 4;
-        if (body_len < pos) return false;
-        hs.fixed1 = get16(body + 8);
-        hs.fixed2 = get16(body + 10);
-        if (!take_string(body, body_len, &pos, &hs.service_type)) return false;
-        if (!take_string(body, body_len, &pos, &hs.client_name)) return false;
-        if (!take_string(body, body_len, &pos, &hs.client_group)) return false;
+        hs.fixed1 = v.fixed1;
+        hs.fixed2 = v.fixed2;
+        hs.service_type.assign(v.strings[0]);
+        hs.client_name.assign(v.strings[1]);
+        hs.client_group.assign(v.strings[2]);
         out.handshake_request = hs;
-    } else if (out.body_type == kTypeHandshakeReply) {
+    } else if (v.body_type == kTypeHandshakeReply) {
         HandshakeReply hs;
-        size_t pos = kPreambleSize + 4;
-        if (body_len < pos) return false;
-        hs.version = get16(body + 8);
-        hs.ltp = get16(body + 10);
-        if (!take_string(body, body_len, &pos, &hs.name)) return false;
+        hs.version = v.fixed1;
+        hs.ltp = v.fixed2;
+        hs.name.assign(v.strings[0]);
         out.handshake_reply = hs;
     }
     out.raw.assign(reinterpret_cast<const char *>(data), wirelen);
@@ -307,38 +431,45 @@ void encode_handshake_reply(std::string &out, uint16_t version, uint16_t ltp, co
 
 void encode_reply(std::string &out, uint32_t corrid, uint32_t status)
 {
-    Packet p;
-    p.rr = status == 0 ? RrSubheader::success(corrid, 0, 0) : RrSubheader::failure(corrid, status);
-    p.body_type = kTypeReply;
-    encode(out, p);
+    char *p = grow(out, kReplySize);
+    p = header_at(p, static_cast<uint32_t>(kReplySize), 1, kTypeReply);
+    p = rr_at(p, status == 0 ? RrSubheader::success(corrid, 0, 0) : RrSubheader::failure(corrid, status));
+    preamble_at(p, kTypeReply, static_cast<uint32_t>(kPreambleSize));
 }
 
-void encode_object(std::string &out, uint32_t corrid, uint8_t opcode, const std::string &key,
-                   const std::string &value, uint32_t count, uint32_t num, int32_t flags)
+void encode_object_head(std::string &out, uint32_t corrid, uint8_t opcode, std::string_view key, size_t value_size,
+                        uint32_t count, uint32_t num, int32_t flags)
 {
-    Packet p;
-    HspaceSubheader h;
-    h.opcode = opcode;
-    h.flags = flags;
-    h.key = key;
-    p.hspace = h;
-    p.rr = RrSubheader::success(corrid, count, num);
-    p.body_type = kTypeObject;
-    p.body = value;
-    encode(out, p);
+    size_t wirelen = object_size(key.size(), value_size);
+    check_sizes(key, wirelen);
+    char *p = grow(out, wirelen - value_size);
+    p = header_at(p, static_cast<uint32_t>(wirelen), 2, kTypeObject);
+    p = hspace_at(p, opcode, 0, 0, 0, flags, key);
+    p = rr_at(p, RrSubheader::success(corrid, count, num));
+    preamble_at(p, kTypeObject, static_cast<uint32_t>(kPreambleSize + value_size));
 }
 
-void encode_notification(std::string &out, const std::string &key, uint8_t trigger, const std::string &value)
+void encode_object(std::string &out, uint32_t corrid, uint8_t opcode, std::string_view key, std::string_view value,
+                   uint32_t count, uint32_t num, int32_t flags)
 {
-    Packet p;
-    HspaceSubheader h;
-    h.opcode = kOpNotification;
-    h.triggers = trigger;
-    h.key = key;
-    p.hspace = h;
-    p.body_type = kTypeObject;
-    p.body = value;
-    encode(out, p);
+    encode_object_head(out, corrid, opcode, key, value.size(), count, num, flags);
+    out.append(value);
+}
+
+void encode_notification_head(std::string &out, std::string_view key, uint8_t trigger, size_t value_size)
+{
+    size_t wirelen = notification_size(key.size(), value_size);
+    check_sizes(key, wirelen);
+    char *p = grow(out, wirelen - value_size);
+    p = header_at(p, static_cast<uint32_t>(wirelen), 1, kTypeObject);
+    p = hspace_at(p, kOpNotification, 0, trigger, 0, 0, key);
+    preamble_at(p, kTypeObject, static_cast<uint32_t>(kPreambleSize + value_size));
+}
+
+void encode_notification(std::string &out, std::string_view key, uint8_t trigger, std::string_view value)
+{
+    encode_notification_head(out, key, trigger, value.size());
+    out.append(value);
 }
 
 } // namespace codec

@@ -16,6 +16,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace hspace {
@@ -129,6 +130,30 @@ struct Packet {
     std::string raw;                           // all wirelen bytes as received
 };
 
+// The same packet decoded in place: every string views the bytes decoded
+// and is valid while they are. No allocation; what the service decodes each
+// request with. Handshake strings are decoded for body types 321 and 322.
+struct HspaceView {
+    uint8_t opcode = 0;                        // kOp*
+    uint8_t semantic = 0;                      // kSem*
+    uint8_t triggers = 0;                      // post: trigger mask; notification: the trigger
+    int32_t timeout = 0;                       // get: timeout
+    int32_t flags = 0;                         // kFlag* bits
+    std::string_view key;                      // key bytes
+};
+struct PacketView {
+    uint16_t sport = 0;                        // header: source port
+    uint16_t dport = 0;                        // header: destination port
+    uint8_t numsh = 0;                         // header: number of subheaders
+    uint16_t type = 0;                         // header: body type
+    std::optional<HspaceView> hspace;          // last hspace subheader, if any
+    std::optional<RrSubheader> rr;             // last rr subheader, if any
+    uint16_t body_type = 0;                    // section type in the body's preamble
+    std::string_view body;                     // body bytes after the preamble
+    uint16_t fixed1 = 0, fixed2 = 0;           // body 321: the fixed fields; 322: version and ltp
+    std::string_view strings[3];               // body 321: service type, client name, group; 322: the name
+};
+
 // Result of frame().
 enum class FrameStatus {
     NeedMore,                                  // nothing wrong so far; more bytes needed
@@ -156,6 +181,8 @@ FrameResult frame(const uint8_t *data, size_t n);
 // an hspace key running past its section, handshake strings running past
 // the body.
 bool decode(const uint8_t *data, size_t wirelen, Packet &out);
+// The same checks, decoding in place into out (views into data).
+bool decode(const uint8_t *data, size_t wirelen, PacketView &out);
 
 // The same over a byte string (decode: the whole string is the packet).
 inline FrameResult frame(const std::string &bytes)
@@ -203,6 +230,9 @@ void encode_handshake_request(std::string &out, const std::string &service_type,
 // Appends a handshake reply (body 322).
 void encode_handshake_reply(std::string &out, uint16_t version, uint16_t ltp, const std::string &name);
 
+// Bytes of a bare reply.
+constexpr size_t kReplySize = kHeaderSize + kRrSectionSize + kPreambleSize;
+
 // Appends a bare reply (body 260) to corrid: success (count 0, num 0) when
 // status is 0, else a failure carrying status as its error.
 void encode_reply(std::string &out, uint32_t corrid, uint32_t status);
@@ -210,13 +240,29 @@ void encode_reply(std::string &out, uint32_t corrid, uint32_t status);
 // Appends an object answering corrid: hspace subheader with opcode (kOpGet or
 // kOpPost), key and flags; a successful rr subheader numbered num of count;
 // body 257 holding value (an empty value sends the bare preamble).
-void encode_object(std::string &out, uint32_t corrid, uint8_t opcode, const std::string &key,
-                   const std::string &value, uint32_t count, uint32_t num, int32_t flags = 0);
+void encode_object(std::string &out, uint32_t corrid, uint8_t opcode, std::string_view key, std::string_view value,
+                   uint32_t count, uint32_t num, int32_t flags = 0);
+// The same without the value's bytes, which the caller sends right after
+// (a gathered write): the packet's first bytes, for a value of value_size.
+// REQUIRES: the packet fits kMaxPacket.
+void encode_object_head(std::string &out, uint32_t corrid, uint8_t opcode, std::string_view key, size_t value_size,
+                        uint32_t count, uint32_t num, int32_t flags = 0);
+// Bytes of an object's packet, or of a notification's, with that key and value.
+constexpr size_t object_size(size_t key_size, size_t value_size)
+{
+    return kHeaderSize + kHspaceSectionBase + key_size + kRrSectionSize + kPreambleSize + value_size;
+}
+constexpr size_t notification_size(size_t key_size, size_t value_size)
+{
+    return kHeaderSize + kHspaceSectionBase + key_size + kPreambleSize + value_size;
+}
 
 // Appends a notification: hspace subheader with opcode 7, the trigger and
 // the key; no rr subheader; body 257 holding value (may be empty).
-void encode_notification(std::string &out, const std::string &key, uint8_t trigger,
-                         const std::string &value = std::string());
+void encode_notification(std::string &out, std::string_view key, uint8_t trigger,
+                         std::string_view value = std::string_view());
+// The same without the value's bytes (see encode_object_head).
+void encode_notification_head(std::string &out, std::string_view key, uint8_t trigger, size_t value_size);
 
 } // namespace codec
 } // namespace hspace

@@ -3,6 +3,10 @@
  * memory, owned by the I/O thread. Every call completes before it returns,
  * and a change reaches the Listener before its completion runs; nothing
  * outlives the process.
+ *
+ * Values are shared with the packets that carry them (ObjectView::shared):
+ * a value no packet holds is overwritten in place, one that a packet still
+ * holds is replaced by a new string, so a queued answer never changes.
  */
 #include <map>
 
@@ -19,15 +23,22 @@ public:
 
     void put(std::string_view key, std::string_view value, Done done) override
     {
-        auto it = objects_.find(key);
-        if (it == objects_.end()) it = objects_.emplace(std::string(key), std::string()).first;
-        it->second.assign(value.data(), value.size());
-        revision_++;
-        if (following_) {
-            std::string_view stored(it->second);
-            listener_.on_change(it->first, kTriggerStored, &stored, revision_);
-        }
-        done(0);
+        auto it = slot(key);
+        if (it->second.use_count() == 1)
+            it->second->assign(value.data(), value.size());
+        else
+            it->second = std::make_shared<std::string>(value);
+        stored(it, done);
+    }
+
+    void put_owned(std::string_view key, std::string &&value, Done done) override
+    {
+        auto it = slot(key);
+        if (it->second.use_count() == 1)
+            it->second->swap(value);
+        else
+            it->second = std::make_shared<std::string>(std::move(value));
+        stored(it, done);
     }
 
     void remove(std::string_view key, Done done) override
@@ -46,16 +57,19 @@ public:
     void read(std::string_view key, bool key_only, Read done) override
     {
         std::vector<ObjectView> found;
+        auto view = [key_only](const Objects::value_type &o) {
+            if (key_only) return ObjectView{o.first, std::string_view()};
+            return ObjectView{o.first, *o.second, o.second};
+        };
         if (is_pattern(key)) {
             std::string_view prefix = key.substr(0, key.size() - 1);
             for (auto it = objects_.lower_bound(prefix); it != objects_.end(); ++it) {
                 if (it->first.compare(0, prefix.size(), prefix) != 0) break;
-                found.push_back(ObjectView{it->first, key_only ? std::string_view() : std::string_view(it->second)});
+                found.push_back(view(*it));
             }
         } else {
             auto it = objects_.find(key);
-            if (it != objects_.end())
-                found.push_back(ObjectView{it->first, key_only ? std::string_view() : std::string_view(it->second)});
+            if (it != objects_.end()) found.push_back(view(*it));
         }
         done(0, revision_, found);
     }
@@ -74,8 +88,30 @@ public:
     const char *kind() const override { return "memory"; }
 
 private:
+    // Values are never null.
+    using Objects = std::map<std::string, std::shared_ptr<std::string>, std::less<>>;
+
+    // The entry of key, made with an empty value when there is none.
+    Objects::iterator slot(std::string_view key)
+    {
+        auto it = objects_.find(key);
+        if (it == objects_.end()) it = objects_.emplace(std::string(key), std::make_shared<std::string>()).first;
+        return it;
+    }
+
+    // The value at it was stored: the change is told and done runs.
+    void stored(Objects::iterator it, const Done &done)
+    {
+        revision_++;
+        if (following_) {
+            std::string_view value(*it->second);
+            listener_.on_change(it->first, kTriggerStored, &value, revision_, it->second);
+        }
+        done(0);
+    }
+
     Listener &listener_;                       // told of each change while following_
-    std::map<std::string, std::string, std::less<>> objects_; // the objects, in key order
+    Objects objects_;                          // the objects, in key order
     int64_t revision_ = 0;                     // revision of the last change
     bool following_ = false;                   // follow(true) was the last call
 };

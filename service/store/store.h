@@ -21,6 +21,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace asio {
@@ -43,35 +44,60 @@ constexpr uint8_t kTriggerStored = 1;            // a put stored the key
 constexpr uint8_t kTriggerRemoved = 2;           // a remove deleted the key
 constexpr uint8_t kTriggerEnded = 4;             // the service ended the subscription (never masked)
 
+// A value's bytes as a string that whoever holds this keeps valid: a store
+// that can hand out its values so lets the service send them without a copy.
+using SharedValue = std::shared_ptr<const std::string>;
+
 struct ObjectView {
     std::string_view key;
     std::string_view value;                      // empty when key-only
+    SharedValue shared = nullptr;                // value's bytes, kept valid by holding it; null: copy them
 };
 
 // Receives the change feed while it is followed. I/O thread.
 class Listener {
 public:
     virtual ~Listener() = default;
-    // One change: value is null for a removal.
-    virtual void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision) = 0;
-    // The feed stopped for good (the store was unreachable for longer than
-    // its retry allows, or its history was compacted past the feed): no
-    // change after the last one delivered will be seen until follow(true)
-    // starts it again.
+    // One change: value is null for a removal. shared, when not null, holds
+    // value's bytes for as long as it is kept (see ObjectView).
+    virtual void on_change(std::string_view key, uint8_t trigger, const std::string_view *value, int64_t revision,
+                           const SharedValue &shared = nullptr) = 0;
+    // The feed stopped for good: the store no longer holds the changes
+    // after the last one delivered (etcd compacted them while the feed was
+    // broken), so none after it will be seen until follow(true) starts it
+    // again. why says so in a line fit for a client ("etcd compacted
+    // revision N; the changes after R are lost"). A store that cannot be
+    // reached does not end the feed: it resumes where it stopped.
     virtual void on_feed_ended(const std::string &why) = 0;
+};
+
+// How a store call ended: its status and, for a failure, the store's own
+// words for it (for the log beside the status; empty otherwise). Converts
+// from and to the bare status, so a completion that wants only the number
+// takes a uint32_t.
+struct StoreStatus {
+    StoreStatus(uint32_t code = 0, std::string why = std::string()) : code(code), why(std::move(why)) {}
+    operator uint32_t() const { return code; }
+    uint32_t code;
+    std::string why;
 };
 
 class Store {
 public:
-    using Done = std::function<void(uint32_t status)>;
+    using Done = std::function<void(const StoreStatus &status)>;
     // status, the revision the objects were read at, the objects in key order.
-    using Read = std::function<void(uint32_t status, int64_t revision, const std::vector<ObjectView> &objects)>;
+    using Read =
+        std::function<void(const StoreStatus &status, int64_t revision, const std::vector<ObjectView> &objects)>;
 
     virtual ~Store() = default;
 
     // Stores or replaces the value under key. When the feed is followed,
     // done runs after the Listener has seen the change.
     virtual void put(std::string_view key, std::string_view value, Done done) = 0;
+    // The same with a value the store may take over (it is left
+    // unspecified): a large value moves from the request into the store
+    // without a copy. By default a put of the bytes.
+    virtual void put_owned(std::string_view key, std::string &&value, Done done) { put(key, value, std::move(done)); }
     // Deletes key; kStatusNoMatch when nothing was stored. When the feed is
     // followed, done runs after the Listener has seen the change.
     virtual void remove(std::string_view key, Done done) = 0;

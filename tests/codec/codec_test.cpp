@@ -147,3 +147,77 @@ TEST(Codec, FramerWaitsOnEveryPrefixAndNeverOverreadsACorruptedPacket)
         }
     }
 }
+
+TEST(Codec, ServiceEncodersMatchTheGenericEncoderAndDecodeInPlace)
+{
+    // Each service encoder against the generic one on the same fields; the
+    // head encoders write the same packet short of the value; the in-place
+    // decoder reads every field back as views into the bytes.
+    const std::string binary("\0\xff\x01v", 4), key_max(kMaxString, 'k');
+    const struct {
+        const char *name;
+        uint8_t opcode;                        // kOpGet, kOpPost: an object; kOpNotification; 0: a bare reply
+        std::string key, value;
+        uint32_t a, b, c;                      // reply: corrid, status; object: corrid, count, num;
+                                               // notification: trigger
+        int32_t flags;
+    } cases[] = {
+        {"success", 0, "", "", 7, 0, 0, 0},
+        {"failure", 0, "", "", 0xFFFFFFFF, 1103, 0, 0},
+        {"get object", kOpGet, "k1", "v", 9, 1, 1, 0},
+        {"post object, key only", kOpPost, "p/a", "", 3, kMaxCount, kMaxCount, kFlagKeyOnly},
+        {"binary value, empty key", kOpGet, "", binary, 1, 2, 1, 0},
+        {"longest key", kOpGet, key_max, "x", 1, 1, 1, 0},
+        {"stored", kOpNotification, "n/1", "value", 1, 0, 0, 0},
+        {"removed", kOpNotification, "n/1", "", 2, 0, 0, 0},
+        {"ended, with its cause", kOpNotification, "n/*", "store history compacted", 4, 0, 0, 0},
+    };
+    for (const auto &c : cases) {
+        Packet want;
+        std::string got, head;
+        if (c.opcode == 0) {
+            want.rr = c.b == 0 ? RrSubheader::success(c.a, 0, 0) : RrSubheader::failure(c.a, c.b);
+            want.body_type = kTypeReply;
+            encode_reply(got, c.a, c.b);
+            head = got;
+        } else {
+            HspaceSubheader h;
+            h.opcode = c.opcode;
+            h.key = c.key;
+            h.flags = c.flags;
+            if (c.opcode == kOpNotification) {
+                h.triggers = static_cast<uint8_t>(c.a);
+                encode_notification(got, c.key, h.triggers, c.value);
+                encode_notification_head(head, c.key, h.triggers, c.value.size());
+                EXPECT_EQ(notification_size(c.key.size(), c.value.size()), got.size()) << c.name;
+            } else {
+                want.rr = RrSubheader::success(c.a, c.b, c.c);
+                encode_object(got, c.a, c.opcode, c.key, c.value, c.b, c.c, c.flags);
+                encode_object_head(head, c.a, c.opcode, c.key, c.value.size(), c.b, c.c, c.flags);
+                EXPECT_EQ(object_size(c.key.size(), c.value.size()), got.size()) << c.name;
+            }
+            want.hspace = h;
+            want.body_type = kTypeObject;
+            want.body = c.value;
+            head += c.value;
+        }
+        std::string generic;
+        encode(generic, want);
+        EXPECT_EQ(generic, got) << c.name;
+        EXPECT_EQ(generic, head) << c.name;
+        PacketView v;
+        ASSERT_TRUE(decode(reinterpret_cast<const uint8_t *>(got.data()), got.size(), v)) << c.name;
+        EXPECT_EQ(v.body, c.value) << c.name;
+        EXPECT_EQ(v.body.data(), got.data() + got.size() - c.value.size()) << c.name << ": not a view";
+        EXPECT_EQ(v.hspace.has_value(), c.opcode != 0) << c.name;
+        EXPECT_TRUE(!v.hspace || (v.hspace->key == c.key && v.hspace->flags == c.flags)) << c.name;
+        EXPECT_EQ(v.rr.has_value(), want.rr.has_value()) << c.name;
+        EXPECT_TRUE(!v.rr || (v.rr->w1 == want.rr->w1 && v.rr->w2 == want.rr->w2)) << c.name;
+    }
+    // The handshake's strings, in place.
+    PacketView hs;
+    ASSERT_TRUE(decode(reinterpret_cast<const uint8_t *>(kHandshake.data()), kHandshake.size(), hs));
+    EXPECT_EQ(hs.body_type, kTypeHandshakeRequest);
+    EXPECT_TRUE(hs.strings[0] == "data" && hs.strings[1] == "anonymous" && hs.strings[2] == "default");
+    EXPECT_TRUE(hs.fixed1 == 1 && hs.fixed2 == 0xFFFF);
+}

@@ -5,8 +5,10 @@
 #   - the shared library exports exactly the functions the installed headers
 #     declare KRO_API, nothing more and nothing less, plus the C++ API of
 #     namespace qel::hspace and nothing else of C++;
-#   - app/consumer.c and app/consumer.cpp build through pkg-config and
-#     through find_package (shared and static) and run.
+#   - app/consumer.c and app/consumer.cpp build through pkg-config (with
+#     every warning applications turn on, as errors; found at run time
+#     through LD_LIBRARY_PATH, and through an rpath) and through
+#     find_package (shared and static) and run.
 #
 #   check_install.sh BINARY_DIR APP_DIR CMAKE GENERATOR C_COMPILER CXX_COMPILER
 set -euo pipefail
@@ -67,15 +69,27 @@ echo "$(echo "$exported" | wc -l) exported, $(echo "$declared" | wc -l) declared
 [ -z "$missing" ] || fail "public but not exported: $(echo $missing)"
 
 step "consumer through pkg-config"
+# The public headers raise no warning under the strict flags applications
+# use (any warning fails the build); the scratch prefix is outside the
+# loader's path, so one build finds the library through LD_LIBRARY_PATH and
+# one through an rpath, as the README says.
+c_flags=(-std=c99 -Wall -Wextra -Wpedantic -Werror)
+cxx_flags=(-std=c++17 -Wall -Wextra -Wpedantic -Wold-style-cast -Wzero-as-null-pointer-constant -Wconversion -Werror)
+rpath=-Wl,-rpath,$libdir
 # shellcheck disable=SC2046 # pkg-config's flags are meant to split
-quiet "$cc" -std=c99 -Wall -Wextra -Werror -pedantic -o "$tmp/consumer_pc" "$app/consumer.c" \
-    $(pkg-config --cflags --libs qel_hspace)
+quiet "$cc" "${c_flags[@]}" -o "$tmp/consumer_pc" "$app/consumer.c" $(pkg-config --cflags --libs qel_hspace)
 LD_LIBRARY_PATH=$libdir "$tmp/consumer_pc" || fail "consumer built through pkg-config"
+# shellcheck disable=SC2046
+quiet "$cc" "${c_flags[@]}" -o "$tmp/consumer_rpath" "$app/consumer.c" $(pkg-config --cflags --libs qel_hspace) "$rpath"
+env -u LD_LIBRARY_PATH "$tmp/consumer_rpath" || fail "consumer built with an rpath"
 
 # shellcheck disable=SC2046
-quiet "$cxx" -std=c++17 -Wall -Wextra -Werror -o "$tmp/consumer_cpp_pc" "$app/consumer.cpp" \
-    $(pkg-config --cflags --libs qel_hspace)
+quiet "$cxx" "${cxx_flags[@]}" -o "$tmp/consumer_cpp_pc" "$app/consumer.cpp" $(pkg-config --cflags --libs qel_hspace)
 LD_LIBRARY_PATH=$libdir "$tmp/consumer_cpp_pc" || fail "C++ consumer built through pkg-config"
+# shellcheck disable=SC2046
+quiet "$cxx" "${cxx_flags[@]}" -o "$tmp/consumer_cpp_rpath" "$app/consumer.cpp" \
+    $(pkg-config --cflags --libs qel_hspace) "$rpath"
+env -u LD_LIBRARY_PATH "$tmp/consumer_cpp_rpath" || fail "C++ consumer built with an rpath"
 
 step "consumer through find_package"
 quiet "$cmake" -S "$app" -B "$tmp/app" -G "$generator" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" \

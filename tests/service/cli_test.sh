@@ -118,9 +118,56 @@ done <<'EOF'
 2|--timeout .5 get f/a
 2|--timeout 5. get f/a
 2|help nosuch
+0|ls --help
+0|ping --help
+0|help ls
+0|help watch
+2|ls a b
+2|ping -c 0
+2|watch -o xml k
 EOF
 grep -qi "exit status" <(timeout 5 "$HSPACE" --help) || fail "--help does not document the exit status"
-grep -q "^Usage: hspace put" <(timeout 5 "$HSPACE" help put) || fail "help put is not put's help"
+grep -q "^Usage: hspace .*put KEY" <(timeout 5 "$HSPACE" help put) || fail "help put is not put's help"
+# --help documents every command's options, and help alone lists every
+# command with its usage; so does a usage error without a command.
+timeout 5 "$HSPACE" --help >"$tmp/help"
+for word in --file --output --raw --no-image --no-retry --count HSPACE_URL "Exit status"; do
+    grep -q -- "$word" "$tmp/help" || fail "--help lacks $word"
+done
+for args in "help" "--bogus" "" "frob"; do
+    timeout 5 "$HSPACE" $args >"$tmp/out" 2>"$tmp/err"
+    for c in "put KEY" "get \[-o FORMAT\] KEY" "ls \[-o FORMAT\] \[PATTERN\]" "rm KEY" "watch \[OPTIONS\] KEY" \
+        "ping \[-c COUNT\]" "help \[COMMAND\]"; do
+        grep -q "^  $c" "$tmp/out" "$tmp/err" || fail "'hspace $args' does not list '$c'"
+    done
+done
+# Every usage error names the command it concerns and the help to read.
+while IFS='|' read -r args text; do
+    eval "set -- $args"
+    hs 2 "$@"
+    expect_err "$text"
+    case $text in
+    *"is not a command") grep -q "^Commands:" "$tmp/err" || fail "'$args' does not list the commands" ;;
+    "hspace "[a-z]*:*)
+        word=${text#hspace }
+        expect_err "Run 'hspace ${word%%:*} --help' for its usage." ;;
+    esac
+done <<'EOF2'
+|hspace: no command given
+frob|hspace: 'frob' is not a command
+get|hspace get: KEY is required
+--bogus get k|hspace get: The following argument was not expected: --bogus
+ls a b|hspace ls: The following argument was not expected: b
+get -o xml k|hspace get: --output: xml not in {text,json,raw}
+watch --no-such k|hspace watch: The following argument was not expected: --no-such
+watch -o k|hspace watch: --output
+ping -c 0|hspace ping: --count: '0' is not a count
+ping -c x|hspace ping: --count: 'x' is not a count
+ping extra|hspace ping: The following argument was not expected: extra
+--timeout soon ls|hspace ls: --timeout: 'soon' is not a number
+rm|hspace rm: KEY is required
+help nosuch|hspace help: 'nosuch' is not a command
+EOF2
 snapshot "$tmp/after"
 cmp -s "$tmp/before" "$tmp/after" || fail "help or a usage error changed the store: $(diff "$tmp/before" "$tmp/after")"
 
@@ -130,6 +177,58 @@ hs 0 get -- -f
 [ "$(cat "$tmp/out")" = "-x" ] || fail "get -- -f printed '$(cat "$tmp/out")'"
 hs 1 rm -- --help
 hs 0 rm -- -f
+
+# Output formats of get and ls: text escapes, raw does not, json gives one
+# object per line, values (and keys) that are no UTF-8 in base64. Every
+# JSON line is parsed.
+jnorm() {
+    PYTHONIOENCODING=utf-8 python3 -c 'import json, sys
+for line in sys.stdin.buffer: print(json.dumps(json.loads(line), sort_keys=True, separators=(",", ":"),
+                                               ensure_ascii=False))'
+}
+printf 'caf\xc3\xa9' | timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 --url "$url" put o/utf8 || fail "put o/utf8"
+printf 'a\xffb\x00' | timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 --url "$url" put o/bin || fail "put o/bin"
+printf '\xed\xa0\x80' | timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 --url "$url" put o/surrogate || fail "put"
+printf '\xc0\xaf' | timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 --url "$url" put o/overlong || fail "put"
+hs 0 put $'o/k\xff' v
+hs 0 put o/empty -f /dev/null
+while IFS='|' read -r norm args want; do
+    eval "set -- $args"
+    hs 0 "$@"
+    if [ "$norm" = json ]; then jnorm <"$tmp/out" >"$tmp/got" || fail "$args printed no JSON: $(cat "$tmp/out")"
+    else cp "$tmp/out" "$tmp/got"; fi
+    printf '%b' "$want" | cmp -s - "$tmp/got" || fail "$args printed: $(cat -A "$tmp/got")"
+done <<'EOF2'
+text|get o/utf8|caf\\xc3\\xa9\n
+raw|get -o raw o/utf8|caf\xc3\xa9
+raw|get --raw o/bin|a\xffb\x00
+json|get -o json o/utf8|{"key":"o/utf8","value":"caf\xc3\xa9"}\n
+json|get --output json o/bin|{"key":"o/bin","value":"Yf9iAA==","value_encoding":"base64"}\n
+json|get -o json o/surrogate|{"key":"o/surrogate","value":"7aCA","value_encoding":"base64"}\n
+json|get -o json o/overlong|{"key":"o/overlong","value":"wK8=","value_encoding":"base64"}\n
+json|get -o json o/empty|{"key":"o/empty","value":""}\n
+text|ls 'o/*'|o/bin\no/empty\no/k\\xff\no/overlong\no/surrogate\no/utf8\n
+raw|ls -o raw 'o/e*'|o/empty\n
+json|ls -o json 'o/k*'|{"key":"by9r/w==","key_encoding":"base64"}\n
+json|ls -o json o/utf8|{"key":"o/utf8"}\n
+json|get -o json 'o/u*'|{"key":"o/utf8","value":"caf\xc3\xa9"}\n
+raw|get -o raw 'o/e*'|o/empty\t\n
+text|get 'o/e*'|o/empty\t\n
+EOF2
+hs 0 ls
+grep -qx "o/utf8" "$tmp/out" && grep -qx "f/a" "$tmp/out" || fail "ls without a pattern: $(cat "$tmp/out")"
+hs 1 ls 'none/*'
+expect_err "hspace: ls: no key starts with none/"
+hs 1 ls none
+expect_err "hspace: ls: nothing stored under none"
+
+# ping: the service's name from the handshake and one line per request.
+hs 0 ping -c 3
+grep -q "^connected to hspaced at $url in [0-9.]* ms$" "$tmp/out" || fail "ping printed: $(cat "$tmp/out")"
+[ "$(grep -c '^reply [123]: [0-9.]* ms$' "$tmp/out")" -eq 3 ] || fail "ping printed: $(cat "$tmp/out")"
+grep -q "^3 replies: min " "$tmp/out" || fail "ping printed no summary"
+expect_exit 3 "$HSPACE" --url tcp://127.0.0.1:1 ping
+expect_err "hspace: cannot connect to tcp://127.0.0.1:1: connection refused (1001)"
 
 # Messages that name the limit or the cause.
 key70k=$(printf 'k%.0s' $(seq 70000))
@@ -176,11 +275,33 @@ done <<'EOF'
 EOF
 expect_exit 3 "$HSPACE" --url tcp://127.0.0.1:1 get k
 expect_err "cannot connect to tcp://127.0.0.1:1: connection refused"
+# On every address, hspaced prints a URL a client on the host can use.
+mkfifo "$tmp/any"
+"$HSPACED" --listen 0.0.0.0 --port 0 --quiet >"$tmp/any" &
+any=$!
+pids+=("$any")
+exec {any_fd}<"$tmp/any"
+read_line "$any_fd"
+case $line in
+"hspaced listening on tcp://127.0.0.1:"*" (all IPv4 addresses of this host"*) ;;
+*) fail "hspaced --listen 0.0.0.0 printed: $line" ;;
+esac
+any_url=${line#hspaced listening on }
+any_url=${any_url%% *}
+expect_exit 0 "$HSPACE" --url "$any_url" ping
+kill -TERM "$any"
+wait_exit "$any_fd" "$any" 0
+# A key prefix the memory store would ignore is refused.
+for args in "--store-prefix x/" "--store memory --store-prefix x/"; do
+    expect_exit 2 "$HSPACED" $args
+    expect_err "--store-prefix applies to --store etcd://... only"
+done
 
 # Output errors: every write to stdout is checked.
 head -c 5000 /dev/zero | tr '\0' v >"$tmp/big"
 hs 0 put big -f "$tmp/big"
-for args in "get big" "get --raw big" "get f/a" "get --raw f/a" "get *" "--help" "put --help"; do
+for args in "get big" "get --raw big" "get f/a" "get --raw f/a" "get *" "--help" "put --help" "help" "ls" \
+    "ls -o json" "get -o json big" "ping" "watch big" "watch -o json f/*"; do
     timeout -k 5 "$WATCHDOG" "$HSPACE" --timeout 0 --url "$url" $args >/dev/full 2>"$tmp/err"
     rc=$?
     [ "$rc" -eq 3 ] || fail "$args > /dev/full exited $rc"
@@ -202,6 +323,29 @@ expect_line "$w1_fd" "removed w/1"
 kill -INT "$w1"
 wait_exit "$w1_fd" "$w1" 0
 
+# watch -o json: JSON lines, each parsed, the image's with index, count
+# and resync flag. (--no-image and the breaks: test_cli_watch.)
+mkfifo "$tmp/watch4"
+hs 0 put w/3 $'\xff'
+"$HSPACE" --timeout 0 --url "$url" watch -o json 'w/*' >"$tmp/watch4" &
+w4=$!
+pids+=("$w4")
+exec {w4_fd}<"$tmp/watch4"
+for want in '{"count":2,"event":"image","index":1,"key":"w/2","resync":false,"value":"sec\nond"}' \
+    '{"count":2,"event":"image","index":2,"key":"w/3","resync":false,"value":"/w==","value_encoding":"base64"}' \
+    rm '{"event":"removed","key":"w/3"}' put '{"event":"stored","key":"w/4","value":"four"}'; do
+    case $want in
+    rm) hs 0 rm w/3 ;;
+    put) hs 0 put w/4 four ;;
+    *)
+        read_line "$w4_fd"
+        [ "$(printf '%s\n' "$line" | jnorm)" = "$want" ] || fail "watch -o json printed $line, expected $want"
+        ;;
+    esac
+done
+kill -TERM "$w4"
+wait_exit "$w4_fd" "$w4" 0
+
 # A service that accepts and never answers: get times out (3) with a
 # message; a watch still connecting ends with 0 on SIGTERM.
 perl -MIO::Socket::INET -e '$| = 1;
@@ -215,6 +359,11 @@ read_line "$listener_fd"
 silent=tcp://127.0.0.1:$line
 expect_exit 3 "$HSPACE" --url "$silent" --timeout 1 get k
 expect_err "timed out after 1 s connecting to $silent"
+expect_line "$listener_fd" accepted
+# The library's own bound of an open (5 s) does not cut a longer --timeout
+# short: the connect waits for the user's bound alone.
+expect_exit 3 "$HSPACE" --url "$silent" --timeout 5.5 ping
+expect_err "timed out after 5.5 s connecting to $silent"
 expect_line "$listener_fd" accepted
 "$HSPACE" --url "$silent" --timeout 0 watch k >"$tmp/watch3" &
 w3=$!
@@ -230,7 +379,7 @@ wait_exit "$w3_fd" "$w3" 0
 start_hspaced "$HSPACED" --max-queue 4096
 small_log=$tmp/hspaced.$nservices.log
 hs 0 put b/0 -f /dev/null
-"$HSPACE" --timeout 0 --url "$url" watch 'b/*' >"$tmp/watch2" 2>"$tmp/watch2.err" &
+"$HSPACE" --timeout 0 --url "$url" watch --no-retry 'b/*' >"$tmp/watch2" 2>"$tmp/watch2.err" &
 w2=$!
 pids+=("$w2")
 exec {w2_fd}<"$tmp/watch2"
@@ -248,8 +397,8 @@ hs 0 get 'b/*'
 hs 0 put b/4 four
 expect_line "$w2_fd" "stored b/4 = four"
 
-# A watch whose service goes away fails with 3 and says why; hspaced
-# stops with 0 on SIGTERM.
+# A watch told not to retry whose service goes away fails with 3 and says
+# why; hspaced stops with 0 on SIGTERM.
 kill -TERM "$svc"
 wait_exit "$svc_fd" "$svc" 0
 wait_exit "$w2_fd" "$w2" 3
@@ -264,6 +413,21 @@ complete_line() {
 [ "$(complete_line hspace g)" = get ] || fail "completion of 'hspace g': $(complete_line hspace g)"
 [ "$(complete_line hspace get --r)" = --raw ] || fail "completion of 'hspace get --r'"
 [ "$(complete_line hspace --ti)" = --timeout ] || fail "completion of 'hspace --ti'"
+while IFS='|' read -r words want; do
+    eval "set -- $words"
+    got=$(complete_line hspace "$@")
+    [ "$got" = "$want" ] || fail "completion of 'hspace $words': '$got', expected '$want'"
+done <<'EOF2'
+l|ls
+p|put ping
+watch --no-|--no-image --no-retry
+watch -o ''|text json raw
+get --output j|json
+ls -|-o --output --help
+ping --c|--count
+help w|watch
+--url x l|ls
+EOF2
 timeout 10 bash -c 'source "$1" && complete -p hspace' _ "$COMPLETION" >/dev/null || fail "completion does not load"
 
 # The manual pages render.
@@ -271,6 +435,17 @@ if [ -d "$MANDIR" ]; then
     for page in hspace.1 hspaced.8; do
         LC_ALL=C MANPAGER=cat MANWIDTH=80 timeout 20 man -l "$MANDIR/$page" >"$tmp/man" 2>&1 || fail "man -l $page failed"
         grep -q -- "--timeout\|--max-queue" "$tmp/man" || fail "$page lacks the options: $(head -20 "$tmp/man")"
+        for section in EXAMPLES FILES "SEE ALSO" ENVIRONMENT; do
+            grep -q "^$section" "$tmp/man" || fail "$page has no $section section"
+        done
+    done
+    LC_ALL=C MANPAGER=cat MANWIDTH=80 timeout 20 man -l "$MANDIR/hspace.1" >"$tmp/man" 2>&1
+    for word in --no-retry --no-image --count --output HSPACE_URL "hspace watch" "Exit status"; do
+        grep -q -- "$word" "$tmp/man" || fail "hspace(1) lacks $word"
+    done
+    LC_ALL=C MANPAGER=cat MANWIDTH=80 timeout 20 man -l "$MANDIR/hspaced.8" >"$tmp/man" 2>&1
+    for word in --store-prefix --listen hspaced.service "systemctl"; do
+        grep -q -- "$word" "$tmp/man" || fail "hspaced(8) lacks $word"
     done
 fi
 

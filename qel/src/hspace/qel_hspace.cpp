@@ -1554,6 +1554,16 @@ extern "C" KRO_API t_kro_error qel_hspace_get_state(t_qel_hspace hspace, t_qel_h
     return 0;
 }
 
+/* The name is written by open before the handle becomes open and freed by
+ * destroy, so the caller that saw open succeed reads it without a lock. */
+extern "C" KRO_API t_kro_error qel_hspace_get_service_name(t_qel_hspace hspace, t_kro_str *name)
+{
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || name == NULL) return KRO_ERR_INVALID_ARG;
+    *name = hspace->service_name;
+    return 0;
+}
+
 /* Sends the handshake request over the connected socket and decodes the
  * reply; the name is a new string owned by the caller. Opening thread, no
  * lock, before the reader thread exists. */
