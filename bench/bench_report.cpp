@@ -448,14 +448,14 @@ double AsyncRound(t_qel_hspace h, long total, double *cpu_us)
     return total / wall;
 }
 
-/* Asynchronous gets against the one-write floor, three rounds of each in
+/* Asynchronous gets against the one-write floor, five rounds of each in
  * turn; the median round of each. */
 void AsyncFigures(const std::string &url, uint16_t echo_port)
 {
     t_qel_hspace h = OpenHandle(url);
     Value v("bench/asy", 64);
     qel_hspace_put(h, v.object, HSPACE_PUT_SYNC, 0);
-    const int rounds = 3;
+    const int rounds = 5;
     const long total = Iters(300000) / rounds;
     std::vector<double> floor, lib, floor_cpu, lib_cpu;
     for (int r = 0; r < rounds; r++) {
@@ -506,33 +506,36 @@ double Throughput(const std::string &url, int threads, int handles, double secon
 }
 
 /* N threads sharing one handle against N handles with a thread each, for
- * N = 1, 2, 4, 8: rounds of each in turn, the median round of each. */
+ * N = 1, 2, 4, 8. Every round measures every arrangement once, so that a
+ * stretch of the machine's load falls on all of them alike; the median
+ * round of each. */
 void ThroughputFigures(const std::string &url)
 {
-    const int rounds = g_scale < 1 ? 5 : 7;
-    const double seconds = g_scale < 1 ? 0.1 : 0.25;
-    for (int n : {1, 2, 4, 8}) {
-        std::vector<double> one, many, one_cpu, many_cpu;
-        for (int r = 0; r < rounds; r++) {
+    const int rounds = g_scale < 1 ? 5 : 9;
+    const double seconds = g_scale < 1 ? 0.06 : 0.2;
+    const int ns[] = {1, 2, 4, 8};
+    std::vector<double> one[4], many[4], one_cpu[4], many_cpu[4];
+    for (int r = 0; r < rounds; r++)
+        for (int i = 0; i < 4; i++) {
             double cpu;
-            one.push_back(Throughput(url, n, 1, seconds, &cpu));
-            one_cpu.push_back(cpu);
-            if (n == 1) continue; // one thread on one handle is one handle
-            many.push_back(Throughput(url, n, n, seconds, &cpu));
-            many_cpu.push_back(cpu);
+            one[i].push_back(Throughput(url, ns[i], 1, seconds, &cpu));
+            one_cpu[i].push_back(cpu);
+            if (ns[i] == 1) continue; // one thread on one handle is one handle
+            many[i].push_back(Throughput(url, ns[i], ns[i], seconds, &cpu));
+            many_cpu[i].push_back(cpu);
         }
-        if (n == 1) many = one, many_cpu = one_cpu;
+    many[0] = one[0], many_cpu[0] = one_cpu[0];
+    const char *section = "Threads sharing one handle, against a handle per thread";
+    for (int i = 0; i < 4; i++) {
+        int n = ns[i];
         std::string k = std::to_string(n);
-        Row("lib.threads." + k, "Threads sharing one handle, against a handle per thread",
-            k + " thread(s) on one handle, synchronous gets 64B", Median(one), "op/s", Median(one_cpu), "lib.threads.1",
-            n == 8 ? ">= 2.50" : "-");
-        Row("lib.handles." + k, "Threads sharing one handle, against a handle per thread",
-            k + " handle(s), a thread each, synchronous gets 64B", Median(many), "op/s", Median(many_cpu),
-            "peer.conns." + k);
+        Row("lib.threads." + k, section, k + " thread(s) on one handle, synchronous gets 64B", Median(one[i]), "op/s",
+            Median(one_cpu[i]), "lib.threads.1", n == 8 ? ">= 2.50" : "-");
+        Row("lib.handles." + k, section, k + " handle(s), a thread each, synchronous gets 64B", Median(many[i]),
+            "op/s", Median(many_cpu[i]), "peer.conns." + k);
         if (n > 1)
-            Row("lib.threads." + k + ".vs.handles", "Threads sharing one handle, against a handle per thread",
-                k + " threads on one handle, against " + k + " handles", Median(one), "op/s", Median(one_cpu),
-                "lib.handles." + k, n == 8 ? ">= 0.90" : "-");
+            Row("lib.threads." + k + ".vs.handles", section, k + " threads on one handle, against " + k + " handles",
+                Median(one[i]), "op/s", Median(one_cpu[i]), "lib.handles." + k, n == 8 ? ">= 0.90" : "-");
     }
 }
 
