@@ -127,8 +127,8 @@ void EchoConnection(int fd)
         size_t whole = pending / req;
         pending %= req;
         if (whole == 0) continue;
-        out.assign(whole * reply, 'r');
-        if (!WriteFull(fd, out.data(), out.size())) break;
+        if (out.size() < whole * reply) out.assign(whole * reply, 'r'); // filled once, not per reply
+        if (!WriteFull(fd, out.data(), whole * reply)) break;
     }
     close(fd);
 }
