@@ -416,11 +416,25 @@ void set_step(int kind, const std::string &what = std::string(), bool bounded = 
     wake_main();
 }
 
-// Opens the handle. The main thread holds the deadline; the library's own
-// bound of an open is the default one.
-t_kro_error open_handle(t_qel_hspace hspace)
+// --timeout in milliseconds for the library's timed calls; 0: no bound.
+t_kro_uint4 timeout_ms(const Command &cmd)
 {
-    return qel_hspace_open(hspace);
+    return static_cast<t_kro_uint4>(std::ceil(cmd.timeout * 1000));
+}
+
+// The bound the library itself puts on a call of the worker: none while the
+// main thread holds the step to --timeout (it reports the deadline), else
+// --timeout (a watch's retries: a try that times out is tried again).
+t_kro_uint4 call_bound(const Command &cmd)
+{
+    return step_bounded.load() ? 0 : timeout_ms(cmd);
+}
+
+// Opens the handle, without the library's default bound of an open: the
+// bound is --timeout's, 0 none at all.
+t_kro_error open_handle(const Command &cmd, t_qel_hspace hspace)
+{
+    return qel_hspace_open_timed(hspace, call_bound(cmd));
 }
 
 // ---- watch: state shared with the reader thread ----
@@ -641,7 +655,7 @@ std::string answer_to(const Command &cmd, const std::string &request)
 void work(t_qel_hspace hspace, const Command &cmd, t_kro_llist objects)
 {
     set_step(kConnecting, connecting_to(cmd));
-    t_kro_error error = open_handle(hspace);
+    t_kro_error error = open_handle(cmd, hspace);
     work_opened = error == 0;
     if (error == 0) {
         set_step(kRequesting, answer_to(cmd, cmd.name));
@@ -704,7 +718,7 @@ void work_ping(const Command &cmd)
     }
     set_step(kConnecting, connecting_to(cmd));
     auto start = std::chrono::steady_clock::now();
-    error = open_handle(hspace);
+    error = open_handle(cmd, hspace);
     double connect_time = seconds_since(start);
     if (error != 0) {
         work_status = failed("cannot connect to " + cmd.url, error, recorded_reason(error));
@@ -819,7 +833,7 @@ void work_watch(const Command &cmd)
             watch_break.ended = false;
         }
         set_step(kConnecting, connecting_to(cmd), !started);
-        error = open_handle(hspace);
+        error = open_handle(cmd, hspace);
         if (error != 0) {
             unsigned reason = recorded_reason(error);
             qel_hspace_destroy(&hspace);
@@ -845,7 +859,8 @@ void work_watch(const Command &cmd)
             }
             image_resync.store(started);
             set_step(kRequesting, answer_to(cmd, "watch"), !started);
-            error = qel_hspace_post(hspace, cmd.key.c_str(), nullptr, HSPACE_POST_SYNC, 0, flags);
+            error = qel_hspace_post_timed(hspace, cmd.key.c_str(), nullptr, HSPACE_POST_SYNC, 0, flags,
+                                          call_bound(cmd));
             if (error != 0) {
                 unsigned reason = recorded_reason(error);
                 if (!started || cmd.no_retry || !transient(error)) {
@@ -856,6 +871,10 @@ void work_watch(const Command &cmd)
                 double wait = backoff.take();
                 notice(cmd, "subscribing failed: " + describe_error(error, reason) + "; trying again in " +
                                 seconds_text(wait));
+                // A post that timed out may still be registered by the
+                // service: the cancel makes sure it is not.
+                if (error == KRO_ERR_TIMEOUT)
+                    qel_hspace_cancel_timed(hspace, cmd.key.c_str(), HSPACE_CANCEL_SYNC, 0, call_bound(cmd));
                 t_qel_hspace_state state = HSPACE_STATE_OPEN;
                 qel_hspace_get_state(hspace, &state);
                 if (state != HSPACE_STATE_OPEN) {
@@ -894,7 +913,7 @@ void work_watch(const Command &cmd)
                             seconds_text(wait));
             // The library keeps its record of the subscription until the
             // cancel; the service answers it with 2.
-            qel_hspace_cancel(hspace, cmd.key.c_str(), HSPACE_CANCEL_SYNC, 0);
+            qel_hspace_cancel_timed(hspace, cmd.key.c_str(), HSPACE_CANCEL_SYNC, 0, call_bound(cmd));
             pause(wait);
         }
         qel_hspace_close(hspace);

@@ -360,6 +360,11 @@ silent=tcp://127.0.0.1:$line
 expect_exit 3 "$HSPACE" --url "$silent" --timeout 1 get k
 expect_err "timed out after 1 s connecting to $silent"
 expect_line "$listener_fd" accepted
+# The library's own bound of an open (5 s) does not cut a longer --timeout
+# short: the connect waits for the user's bound alone.
+expect_exit 3 "$HSPACE" --url "$silent" --timeout 5.5 ping
+expect_err "timed out after 5.5 s connecting to $silent"
+expect_line "$listener_fd" accepted
 "$HSPACE" --url "$silent" --timeout 0 watch k >"$tmp/watch3" &
 w3=$!
 pids+=("$w3")

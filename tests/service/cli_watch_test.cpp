@@ -328,6 +328,31 @@ TEST(CliWatch, RefusedPostWhileSubscribingAgain)
     EXPECT_EQ(cli.wait_exit(), 3);
 }
 
+// While subscribing again, each try is bounded by --timeout: a post the
+// service leaves unanswered times out, is cancelled (the service may have
+// registered it) and tried again.
+TEST(CliWatch, UnansweredPostWhileSubscribingAgainIsTriedAgain)
+{
+    FakeService fake;
+    Cli cli({"--url", fake.url(), "--timeout", "3", "watch", "k"});
+    FakeConnection c = subscribed(fake, "k", {});
+    EXPECT_EQ(cli.line(), "image (none)");
+    c.notify("k", kEnded, "gone");
+    EXPECT_EQ(cli.line(), "ended k: gone");
+    EXPECT_TRUE(contains(cli.err_line(), "ended the subscription: gone; subscribing again in 0.1 s"));
+    c.reply(expect_request(c, kOpCancel, "k"), 2);
+    expect_request(c, kOpPost, "k"); // never answered
+    EXPECT_EQ(cli.err_line(), "hspace: watch k: subscribing failed: timed out (1009); --timeout sets the bound, 0 "
+                              "for none; trying again in 0.2 s");
+    c.reply(expect_request(c, kOpCancel, "k"), 2);
+    uint32_t corrid = expect_request(c, kOpPost, "k");
+    c.reply(corrid);
+    c.objects(corrid, kOpPost, {{"k", "back"}});
+    EXPECT_EQ(cli.line(), "image k = back");
+    cli.signal(SIGINT);
+    EXPECT_EQ(cli.wait_exit(), 0);
+}
+
 // ping: the service's name from the handshake (escaped, it comes from the
 // peer), then one cancel of a key nobody subscribed per reply line, each
 // answered with 2.
