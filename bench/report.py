@@ -276,9 +276,9 @@ set key bottom left
 set title 'against the floor (p50 of single operations)'
 set ylabel 'times the ping-pong floor'
 set yrange [0:*]
-plot '{o}/sizes.dat' using 1:($9/$8):xtic(2) with linespoints lw 2 title 'qel_hspace get', \\
-     '' using 1:($10/$8) with linespoints lw 2 title 'qel_hspace put', \\
-     '' using 1:($11/$8) with linespoints lw 1 dt 2 title 'hiredis GET', \\
+plot '{o}/sizes.dat' using 1:($9/$8):xtic(2) with linespoints lt 2 lw 2 title 'qel_hspace get', \\
+     '' using 1:($10/$8) with linespoints lt 3 lw 2 title 'qel_hspace put', \\
+     '' using 1:($11/$8) with linespoints lt 4 lw 1 dt 2 title 'hiredis GET', \\
      1.1 with lines dt 3 lc rgb 'gray' title 'goal 64 B: 1.10', \\
      1.2 with lines dt 4 lc rgb 'gray' title 'goal 1 MiB: 1.20'
 unset multiplot
