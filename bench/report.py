@@ -120,10 +120,18 @@ def fmt_goal(r):
 
 
 def fmt_ratio(r, by_key):
+    """Two decimals, or as many more as it takes not to round the judged
+    ratio onto its bound (0.996 against "≥ 1.00" is not met, and says so)."""
     ratio, p50 = ratio_of(r, by_key), p50_ratio(r, by_key)
+    judged = p50 if p50 is not None else ratio
+    digits = 2
+    if judged is not None and r["goal"] != "-" and r["ref"] != "-":
+        bound = float(r["goal"].split()[1])
+        while judged != bound and digits < 6 and "%.*f" % (digits, judged) == "%.*f" % (digits, bound):
+            digits += 1
     if p50 is not None:
-        return "%.2f× p50 (means %.2f×)" % (p50, ratio)
-    return "%.2f×" % ratio if ratio is not None else ""
+        return "%.*f× p50 (means %.2f×)" % (digits, p50, ratio)
+    return "%.*f×" % (digits, ratio) if ratio is not None else ""
 
 
 def fmt_dist(r):

@@ -67,7 +67,13 @@ VERDICTS = [
     ("lower bound, rates", row("r", 1000, unit="op/s") + row("x", 2600, "r", ">= 2.5", unit="op/s"),
      "x", "met", "2.60×"),
     ("lower bound missed", row("r", 1000, unit="op/s") + row("x", 899, "r", ">= 0.9", unit="op/s"),
-     "x", "not met", "0.90×"),
+     "x", "not met", "0.899×"),
+    ("a miss that two decimals would round onto the bound shows three",
+     row("r", 1000, unit="op/s") + row("x", 996, "r", ">= 1.00", unit="op/s"), "x", "not met", "0.996×"),
+    ("the same for p50s", row("r", 50, dist=(20, 40, 900)) + row("x", 50, "r", "<= 1.10", dist=(22.09, 60, 400)),
+     "x", "not met", "1.105× p50 (means 1.00×)"),
+    ("and four where three would", row("r", 10000, unit="op/s") + row("x", 9998, "r", ">= 1.00", unit="op/s"),
+     "x", "not met", "0.9998×"),
     # Both rows have single operations' latencies: the p50s decide, a stall
     # that moved the means does not.
     ("p50s decide over the means",
