@@ -65,6 +65,8 @@ t_kro_error kro_socket_read(t_kro_socket socket, t_kro_buf buf, t_kro_uint4 *byt
 t_kro_error kro_socket_write_single(t_kro_socket socket, t_kro_buf buf,
                                     t_kro_uint4 *bytes_transferred);
 
+#define KRO_SOCKET_GATHER_MAX 64 /* chunks one gathered write takes at most */
+
 /* One piece of a gathered write: len bytes at ptr. */
 typedef struct kro_socket_chunk {
     const void *ptr;

@@ -311,8 +311,6 @@ t_kro_error kro_socket_write_single(t_kro_socket socket, t_kro_buf buf,
     return 0;
 }
 
-#define KRO_SOCKET_GATHER_MAX 8 /* chunks one gathered write takes */
-
 /* Waits until fd can take more bytes or the monotonic deadline passes.
  * Returns 0 or ETIMEDOUT. A failed poll counts as ready: the next send
  * reports the error. */

@@ -211,6 +211,47 @@ TEST_F(Timed, CallsWaitingForTheTurnEndWithTheClose)
     EXPECT_EQ(0, RequestCount(c.h));
 }
 
+// Calls that queue behind a blocked write go out, once it is done, in the
+// order they were made (the turn's holder writes them together), and each
+// gets its own answer: those waiting for one are woken by it, the others
+// once written.
+TEST_F(Timed, CallsWaitingForTheTurnGoOutInTheirOrder)
+{
+    UserObject o("q0", "v"), big("big", kBig);
+    ObjectList list;
+    Call blocked([&] { return qel_hspace_put(c.h, big.obj, HSPACE_PUT_SYNC, 0); });
+    ASSERT_TRUE(c.conn.wait_readable());
+    const std::function<t_kro_error()> calls[] = {
+        [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0); },
+        [&] { return qel_hspace_get(c.h, "q1", nullptr, HSPACE_GET_SYNC, 0, 0, list); },
+        [&] { return qel_hspace_remove(c.h, "q2", HSPACE_REMOVE_NOREPLY, 0); },
+        [&] { return qel_hspace_get(c.h, "q3", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); },
+        [&] { return qel_hspace_remove_timed(c.h, "q4", HSPACE_REMOVE_SYNC, 0, 10000); },
+    };
+    std::vector<std::unique_ptr<Call>> queued;
+    for (const auto &call : calls) {
+        queued.push_back(std::make_unique<Call>(call));
+        while (SendQueueLength(c.h) < static_cast<int>(queued.size())) std::this_thread::yield();
+    }
+    Packet p = c.conn.next_packet();
+    ASSERT_TRUE(p.rr && p.hspace);
+    c.conn.reply(p.rr->corrid, 0);
+    for (int i = 0; i < 5; i++) {
+        p = c.conn.next_packet();
+        ASSERT_TRUE(p.hspace);
+        EXPECT_EQ("q" + std::to_string(i), p.hspace->key);
+        if (p.rr && p.hspace->opcode == codec::kOpGet) c.conn.objects(p.rr->corrid, codec::kOpGet, {{p.hspace->key, "v"}});
+        else if (p.rr) c.conn.reply(p.rr->corrid, 0);
+    }
+    EXPECT_EQ(0u, blocked.result());
+    for (auto &call : queued) EXPECT_EQ(0u, call->result());
+    EXPECT_EQ((Pairs{{"q1", "v"}}), list.contents());
+    ASSERT_TRUE(c.events.wait_count(1));
+    EXPECT_EQ("get:0:q3 ", Seen(c));
+    EXPECT_EQ(0, SendQueueLength(c.h));
+    EXPECT_EQ(0, RequestCount(c.h));
+}
+
 // A deadline that cuts the write of a packet leaves the stream unusable:
 // the call returns 1009 with the handle already failed; the get waiting for
 // its answer returns 1009, the asynchronous get and the open image end with

@@ -87,6 +87,7 @@ struct qel_hspace_request;
 /* Bits of a call's wake-up. */
 #define QEL_HSPACE_CALL_GRANTED 0x1u  /* the call's turn to write has come */
 #define QEL_HSPACE_CALL_COMPLETE 0x2u /* the call's request was completed or ended */
+#define QEL_HSPACE_CALL_WRITTEN 0x4u  /* the turn's holder wrote the call's packet (outcome in sent) */
 
 /* One data operation in progress, on its calling thread's stack: its place
  * in the send queue and its own wake-up. Other threads set its wake bits
@@ -96,6 +97,12 @@ struct qel_hspace_call {
     struct kro_wake wake;              /* QEL_HSPACE_CALL_ bits */
     struct qel_hspace_call *send_next; /* mutex: the next call in the send queue */
     uint64_t deadline;                 /* monotonic nanoseconds; 0: none */
+    const t_kro_socket_chunk *chunks;  /* its packet, in the caller's frame and buffers */
+    t_kro_uint4 count;                 /* chunks in it */
+    t_kro_error sent;                  /* the outcome of its write; read by the call once WRITTEN is set */
+    t_kro_bool queued;                 /* mutex: in the send queue */
+    t_kro_bool taken;                  /* mutex: in a batch the turn's holder is writing */
+    t_kro_bool quiet;                  /* mutex: synchronous; no wake-up when written, only when answered */
 };
 
 /* An intrusive hash index over the request table: buckets of singly linked
