@@ -1,24 +1,24 @@
 /*
- * bench_report.cpp - the library's figures for scripts/bench: the network
- * floors, then the library against the reference service on loopback.
+ * bench_report.cpp - the library's figures for scripts/bench: the library
+ * against the reference service on loopback, each figure beside its floor
+ * (raw TCP ping-pong of the same message sizes, one write() per request)
+ * measured in the same run, batches taken in turn.
  *
  * The service (with the floors' echo peer and a responder) runs in a child
- * process forked
- * before any thread exists, so getrusage(RUSAGE_SELF) in this process is
- * the client's CPU time alone: the calling threads and the reader threads.
+ * process forked before any thread exists, so getrusage(RUSAGE_SELF) in
+ * this process is the client's CPU time alone: the calling threads and the
+ * reader threads. The responder answers every request at once, in constant
+ * time (a get with one object of 64 bytes, anything else with success), so
+ * figures taken against it show the library's own costs apart from the
+ * service's.
  *
- * Prints one row per figure on standard output, tab-separated:
- *   key  section  label  value  unit  cpu_us_per_op  ref_key  goal
- * The responder answers every request at once, in constant time (a get with
- * one object of 64 bytes, anything else with success), so figures taken
- * against it show the library's own costs apart from the service's.
- *
- * cpu_us_per_op, ref_key and goal are "-" when they do not apply; a row's
- * ratio is value / value(ref_key). Progress goes to standard error.
+ * Prints one row per figure on standard output, in bench_rows.h's format
+ * (latencies of single operations with their p50/p99/p99.9). Progress goes
+ * to standard error.
  *
  *   bench_report [--quick] [--only GROUP]
  * --quick runs a tenth of the iterations; --only runs one group of figures:
- * floors, sync, async, threads, subs or fanout.
+ * memory, sizes, async, threads, subs or fanout.
  *
  *   bench_report --count N [--url URL]
  * counts the library's allocations over N synchronous gets of 64 bytes (the
@@ -127,8 +127,8 @@ void EchoConnection(int fd)
         size_t whole = pending / req;
         pending %= req;
         if (whole == 0) continue;
-        out.assign(whole * reply, 'r');
-        if (!WriteFull(fd, out.data(), out.size())) break;
+        if (out.size() < whole * reply) out.assign(whole * reply, 'r'); // filled once, not per reply
+        if (!WriteFull(fd, out.data(), whole * reply)) break;
     }
     close(fd);
 }
@@ -254,27 +254,10 @@ int Connect(uint16_t port, uint32_t req, uint32_t reply)
 constexpr uint32_t kGetRequestBytes = 32 + 24 + 22 + 9 + 8;
 uint32_t GetReplyBytes(uint32_t n) { return kGetRequestBytes + n; }
 
-void FloorPingPong(uint16_t port, uint32_t value, const char *tag, long iters)
-{
-    int fd = Connect(port, kGetRequestBytes, GetReplyBytes(value));
-    std::vector<char> req(kGetRequestBytes, 'q'), reply(GetReplyBytes(value));
-    for (int i = 0; i < 100; i++) {
-        WriteFull(fd, req.data(), req.size());
-        ReadFull(fd, reply.data(), reply.size());
-    }
-    double cpu, us = MedianUs(
-                    iters,
-                    [&] {
-                        WriteFull(fd, req.data(), req.size());
-                        ReadFull(fd, reply.data(), reply.size());
-                    },
-                    &cpu);
-    Row(std::string("floor.pingpong.") + tag, "Floors", std::string("raw TCP ping-pong, reply of a ") + tag + " get",
-        us, "us", cpu);
-    close(fd);
-}
-
-void FloorOneWrite(uint16_t port, long iters)
+/* Runs a request loop of one write() per request against the echo peer,
+ * with a thread reading the replies in bulk: the floor of asynchronous
+ * requests. Returns requests per second and *cpu_us per request. */
+double OneWriteRound(uint16_t port, long iters, double *cpu_us)
 {
     int fd = Connect(port, kGetRequestBytes, GetReplyBytes(64));
     std::vector<char> req(kGetRequestBytes, 'q');
@@ -291,10 +274,10 @@ void FloorOneWrite(uint16_t port, long iters)
     });
     for (long i = 0; i < iters; i++) WriteFull(fd, req.data(), req.size());
     reader.join();
-    double wall = m.wall(), cpu = m.cpu();
-    Row("floor.onewrite", "Floors", "one write() per request, bulk reader thread", iters / wall, "op/s",
-        cpu / iters * 1e6);
+    double wall = m.wall();
+    *cpu_us = m.cpu() / iters * 1e6;
     close(fd);
+    return iters / wall;
 }
 
 /* ---------------------------------------------------------------------
@@ -375,49 +358,74 @@ void GetOnce(t_qel_hspace h, const char *key, t_kro_llist list)
     }
 }
 
-/* Mean latency of iters synchronous gets of key, and CPU per get. */
-void GetLatency(t_qel_hspace h, const char *key, long iters, double *us, double *cpu_us)
-{
-    t_kro_llist list;
-    kro_llist_create(&list);
-    for (int i = 0; i < 50; i++) GetOnce(h, key, list);
-    *us = MedianUs(iters, [&] { GetOnce(h, key, list); }, cpu_us);
-    kro_llist_destroy(&list);
-}
-
-void SyncFigures(const std::string &url)
+/* Synchronous put and get of each value size against hspaced, and the
+ * raw TCP ping-pong of the same message sizes with the echo peer, in nine
+ * rounds of a batch of each: the median batch's mean, the client's CPU per
+ * operation and the distribution of single operations. */
+void SizeFigures(const std::string &url, uint16_t echo_port)
 {
     t_qel_hspace h = OpenHandle(url);
+    t_kro_llist list;
+    kro_llist_create(&list);
     const struct {
         const char *tag;
         size_t len;
         long iters;
-    } sizes[] = {{"64B", 64, 20000}, {"4KiB", 4096, 10000}, {"1MiB", 1 << 20, 300}};
+        const char *goal;
+    } sizes[] = {{"64B", 64, 20000, "<= 1.10"},
+                 {"1KiB", 1024, 20000, "-"},
+                 {"64KiB", 64 << 10, 4000, "-"},
+                 {"1MiB", 1 << 20, 600, "<= 1.20"}};
+    const char *section = "Library against hspaced, by value size";
     for (const auto &s : sizes) {
         std::string key = "bench/" + std::string(s.tag).substr(0, 3);
         key.resize(9, '_'); // the 9-byte key of the floors' sizes
         Value v(key.c_str(), s.len);
-        long iters = Iters(s.iters);
-        double us, cpu;
-        us = MedianUs(iters, [&] { qel_hspace_put(h, v.object, HSPACE_PUT_SYNC, 0); }, &cpu);
-        Row(std::string("lib.put.") + s.tag, "Library against hspaced", std::string("synchronous put, ") + s.tag, us,
-            "us", cpu, std::string("floor.pingpong.") + s.tag);
-        GetLatency(h, key.c_str(), iters, &us, &cpu);
-        Row(std::string("lib.get.") + s.tag, "Library against hspaced", std::string("synchronous get, ") + s.tag,
-            us, "us", cpu, std::string("floor.pingpong.") + s.tag, s.len == 64 ? "<= 1.10" : "-");
+        int fd = Connect(echo_port, kGetRequestBytes, GetReplyBytes(static_cast<uint32_t>(s.len)));
+        std::vector<char> req(kGetRequestBytes, 'q'), reply(GetReplyBytes(static_cast<uint32_t>(s.len)));
+        auto pingpong = [&] {
+            if (!WriteFull(fd, req.data(), req.size()) || !ReadFull(fd, reply.data(), reply.size())) {
+                fprintf(stderr, "bench_report: the echo peer failed\n");
+                exit(1);
+            }
+        };
+        auto put = [&] {
+            if (qel_hspace_put(h, v.object, HSPACE_PUT_SYNC, 0) != 0) {
+                fprintf(stderr, "bench_report: put failed\n");
+                exit(1);
+            }
+        };
+        auto get = [&] { GetOnce(h, key.c_str(), list); };
+        const int rounds = 9;
+        long per = std::max(Iters(s.iters) / rounds, 2L);
+        for (long i = 0; i < std::min(per, 50L); i++) pingpong(), put(), get(); // warm-up
+        Series f, p, g;
+        for (int r = 0; r < rounds; r++) {
+            f.Run(per, pingpong);
+            p.Run(per, put);
+            g.Run(per, get);
+        }
+        std::string floor_key = std::string("floor.pingpong.") + s.tag;
+        Row(floor_key, "Floors", std::string("raw TCP ping-pong, reply of a ") + s.tag + " get", f.MedianUs(), "us",
+            f.CpuUs(), "-", "-", f.Distribution());
+        Row(std::string("lib.put.") + s.tag, section, std::string("synchronous put, ") + s.tag, p.MedianUs(), "us",
+            p.CpuUs(), floor_key, "-", p.Distribution());
+        Row(std::string("lib.get.") + s.tag, section, std::string("synchronous get, ") + s.tag, g.MedianUs(), "us",
+            g.CpuUs(), floor_key, s.goal, g.Distribution());
         if (s.len == 64)
-            Row("lib.cpu.get.64B", "Client CPU", "client CPU per synchronous get, 64B", cpu, "us", cpu,
+            Row("lib.cpu.get.64B", "Client CPU", "client CPU per synchronous get, 64B", g.CpuUs(), "us", g.CpuUs(),
                 "peer.cpu.get.64B", "<= 1.00");
+        close(fd);
     }
+    kro_llist_destroy(&list);
     CloseHandle(h);
 }
 
-void AsyncFigure(const std::string &url)
+/* total asynchronous gets from one thread, at most window unanswered;
+ * returns gets per second and *cpu_us per get. */
+double AsyncRound(t_qel_hspace h, long total, double *cpu_us)
 {
-    t_qel_hspace h = OpenHandle(url);
-    Value v("bench/asy", 64);
-    qel_hspace_put(h, v.object, HSPACE_PUT_SYNC, 0);
-    const long total = Iters(200000), window = 1024;
+    const long window = 1024;
     long base;
     {
         std::lock_guard<std::mutex> lock(g_mutex);
@@ -436,14 +444,37 @@ void AsyncFigure(const std::string &url)
         g_cond.wait(lock, [&] { return g_async_done - base >= total; });
     }
     double wall = m.wall();
-    Row("lib.get.async", "Library against hspaced", "asynchronous gets from one thread, 64B", total / wall, "op/s",
-        m.cpu() / total * 1e6, "floor.onewrite", ">= 1.00");
+    *cpu_us = m.cpu() / total * 1e6;
+    return total / wall;
+}
+
+/* Asynchronous gets against the one-write floor, five rounds of each in
+ * turn; the median round of each. */
+void AsyncFigures(const std::string &url, uint16_t echo_port)
+{
+    t_qel_hspace h = OpenHandle(url);
+    Value v("bench/asy", 64);
+    qel_hspace_put(h, v.object, HSPACE_PUT_SYNC, 0);
+    const int rounds = 5;
+    const long total = Iters(300000) / rounds;
+    std::vector<double> floor, lib, floor_cpu, lib_cpu;
+    for (int r = 0; r < rounds; r++) {
+        double cpu;
+        floor.push_back(OneWriteRound(echo_port, total, &cpu));
+        floor_cpu.push_back(cpu);
+        lib.push_back(AsyncRound(h, total, &cpu));
+        lib_cpu.push_back(cpu);
+    }
+    Row("floor.onewrite", "Floors", "one write() per request, bulk reader thread", Median(floor), "op/s",
+        Median(floor_cpu));
+    Row("lib.get.async", "Library against hspaced, by value size", "asynchronous gets from one thread, 64B",
+        Median(lib), "op/s", Median(lib_cpu), "floor.onewrite", ">= 1.00");
     CloseHandle(h);
 }
 
-/* Synchronous gets of 64B for a fixed time from threads spread over
- * handles (thread t uses handle t % handles); total op/s. */
-double Throughput(const std::string &url, int threads, int handles, double *cpu_us)
+/* Synchronous gets of 64B for `seconds` from threads spread over handles
+ * (thread t uses handle t % handles); total op/s. */
+double Throughput(const std::string &url, int threads, int handles, double seconds, double *cpu_us)
 {
     std::vector<t_qel_hspace> hs;
     for (int i = 0; i < handles; i++) hs.push_back(OpenHandle(url));
@@ -452,7 +483,6 @@ double Throughput(const std::string &url, int threads, int handles, double *cpu_
     std::atomic<bool> stop{false};
     std::atomic<long> done{0};
     std::vector<std::thread> ts;
-    const double seconds = 1.0 * (g_scale < 1 ? 0.3 : 1.0);
     Meter m;
     for (int t = 0; t < threads; t++)
         ts.emplace_back([&, t] {
@@ -466,7 +496,7 @@ double Throughput(const std::string &url, int threads, int handles, double *cpu_
             done += n;
             kro_llist_destroy(&list);
         });
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); // the measured stretch
     stop = true;
     for (auto &t : ts) t.join();
     double wall = m.wall();
@@ -475,20 +505,58 @@ double Throughput(const std::string &url, int threads, int handles, double *cpu_
     return done.load() / wall;
 }
 
+/* N threads sharing one handle against N handles with a thread each, for
+ * N = 1, 2, 4, 8. Every round measures every arrangement once, so that a
+ * stretch of the machine's load falls on all of them alike; the median
+ * round of each. */
 void ThroughputFigures(const std::string &url)
 {
-    double cpu;
-    for (int threads : {1, 2, 4, 8}) {
-        double ops = Throughput(url, threads, 1, &cpu);
-        Row("lib.threads." + std::to_string(threads), "Threads sharing one handle",
-            std::to_string(threads) + " thread(s), one handle, synchronous gets", ops, "op/s", cpu, "lib.threads.1");
+    const int rounds = g_scale < 1 ? 5 : 9;
+    const double seconds = g_scale < 1 ? 0.06 : 0.2;
+    const int ns[] = {1, 2, 4, 8};
+    std::vector<double> one[4], many[4], one_cpu[4], many_cpu[4];
+    for (int r = 0; r < rounds; r++)
+        for (int i = 0; i < 4; i++) {
+            double cpu;
+            one[i].push_back(Throughput(url, ns[i], 1, seconds, &cpu));
+            one_cpu[i].push_back(cpu);
+            if (ns[i] == 1) continue; // one thread on one handle is one handle
+            many[i].push_back(Throughput(url, ns[i], ns[i], seconds, &cpu));
+            many_cpu[i].push_back(cpu);
+        }
+    many[0] = one[0], many_cpu[0] = one_cpu[0];
+    const char *section = "Threads sharing one handle, against a handle per thread";
+    for (int i = 0; i < 4; i++) {
+        int n = ns[i];
+        std::string k = std::to_string(n);
+        Row("lib.threads." + k, section, k + " thread(s) on one handle, synchronous gets 64B", Median(one[i]), "op/s",
+            Median(one_cpu[i]), "lib.threads.1", n == 8 ? ">= 2.50" : "-");
+        Row("lib.handles." + k, section, k + " handle(s), a thread each, synchronous gets 64B", Median(many[i]),
+            "op/s", Median(many_cpu[i]), "peer.conns." + k);
+        if (n > 1)
+            Row("lib.threads." + k + ".vs.handles", section, k + " threads on one handle, against " + k + " handles",
+                Median(one[i]), "op/s", Median(one_cpu[i]), "lib.handles." + k, n == 8 ? ">= 0.90" : "-");
     }
-    for (int handles : {1, 4, 16}) {
-        double ops = Throughput(url, handles, handles, &cpu);
-        Row("lib.handles." + std::to_string(handles), "Handles (one thread each)",
-            std::to_string(handles) + " handle(s), synchronous gets", ops, "op/s", cpu,
-            "peer.conns." + std::to_string(handles), handles > 1 ? ">= 1.00" : "-");
-    }
+}
+
+/* Subscribes h to live/FROM .. live/TO-1 from eight threads at once (the
+ * set-up of the subscription figures, untimed). */
+void PostMany(t_qel_hspace h, long from, long to)
+{
+    const int threads = 8;
+    std::vector<std::thread> ts;
+    for (int t = 0; t < threads; t++)
+        ts.emplace_back([=] {
+            char key[64];
+            for (long i = from + t; i < to; i += threads) {
+                snprintf(key, sizeof key, "live/%ld", i);
+                if (qel_hspace_post(h, key, nullptr, HSPACE_POST_SYNC, 3, HSPACE_POST_FLAG_NO_IMAGE) != 0) {
+                    fprintf(stderr, "bench_report: post failed\n");
+                    exit(1);
+                }
+            }
+        });
+    for (auto &t : ts) t.join();
 }
 
 /* Get latency and post cost with 1k / 10k / 100k live subscriptions on
@@ -527,15 +595,9 @@ void SubscriptionFigures(const std::string &url, const std::string &tag, const s
         for (long i = 0; i < gets; i++) GetOnce(h, "bench/sub", list);
         return std::chrono::duration<double>(Clock::now() - t0).count() / gets * 1e6;
     };
-    auto median = [](std::vector<double> x) {
-        std::sort(x.begin(), x.end());
-        return x[x.size() / 2];
-    };
     for (long level : {1000L, 10000L, 100000L}) {
-        while (live < level) {
-            snprintf(key, sizeof key, "live/%ld", live++);
-            if (qel_hspace_post(b, key, nullptr, HSPACE_POST_SYNC, 3, HSPACE_POST_FLAG_NO_IMAGE) != 0) exit(1);
-        }
+        PostMany(b, live, level);
+        live = level;
         std::vector<double> get_a, get_b, post_a, post_b;
         for (int r = 0; r < rounds; r++) {
             get_a.push_back(get_batch(a));
@@ -544,13 +606,13 @@ void SubscriptionFigures(const std::string &url, const std::string &tag, const s
             post_b.push_back(post_batch(b));
         }
         std::string n = std::to_string(level);
-        Row(tag + ".get.base." + n, section, "synchronous get, no subscriptions (beside " + n + ")", median(get_a),
+        Row(tag + ".get.base." + n, section, "synchronous get, no subscriptions (beside " + n + ")", Median(get_a),
             "us", -1);
-        Row(tag + ".get." + n, section, "synchronous get with " + n + " subscriptions", median(get_b), "us", -1,
+        Row(tag + ".get." + n, section, "synchronous get with " + n + " subscriptions", Median(get_b), "us", -1,
             tag + ".get.base." + n, "<= 1.10");
-        Row(tag + ".post.base." + n, section, "one post, no subscriptions (beside " + n + ")", median(post_a), "us",
+        Row(tag + ".post.base." + n, section, "one post, no subscriptions (beside " + n + ")", Median(post_a), "us",
             -1);
-        Row(tag + ".post." + n, section, "one post with " + n + " subscriptions", median(post_b), "us", -1,
+        Row(tag + ".post." + n, section, "one post with " + n + " subscriptions", Median(post_b), "us", -1,
             tag + ".post.base." + n, "<= 1.10");
     }
     kro_llist_destroy(&list);
@@ -589,6 +651,132 @@ void FanoutFigures(const std::string &url)
         for (int i = 0; i < n; i++) qel_hspace_cancel(hs[i], key.c_str(), HSPACE_CANCEL_SYNC, 0);
     }
     for (auto h : hs) CloseHandle(h);
+}
+
+/* ---------------------------------------------------------------------
+ * Memory.
+ * --------------------------------------------------------------------- */
+
+constexpr size_t kLargeValue = 60u << 20; // under the service's default --max-queue
+const double kMiB = 1024.0 * 1024.0;
+
+/* Runs fn in a child process of its own and waits for it, so that the
+ * child's peak resident memory is fn's alone. Called before this process
+ * starts any thread. */
+template <class Fn> void InChild(Fn fn)
+{
+    fflush(stdout);
+    pid_t pid = fork();
+    if (pid < 0) return;
+    if (pid == 0) {
+        fn();
+        fflush(stdout);
+        _exit(0);
+    }
+    waitpid(pid, nullptr, 0);
+}
+
+/* The peak resident memory of this process restarts from its current size
+ * (where the kernel allows it; the peak so far is the base otherwise). */
+double ResetPeak()
+{
+    FILE *f = fopen("/proc/self/clear_refs", "w");
+    if (f != nullptr) {
+        fputs("5", f);
+        fclose(f);
+    }
+    return StatusBytes(getpid(), "VmHWM");
+}
+
+/* The client's memory for a put, then a get, of a value of 60 MiB, each in
+ * a process of its own: the peak resident size over its size with the
+ * handle open and idle, less the value itself (the application's buffer
+ * for the put, the object the get returns). */
+void ClientMemoryFigures(const std::string &url)
+{
+    const char *section = "Client: memory for one large value";
+    for (bool put : {true, false})
+        InChild([&] {
+            qel_hspace_initialize(QEL_HSPACE_VERSION, 1);
+            t_qel_hspace h = OpenHandle(url);
+            t_kro_llist list;
+            kro_llist_create(&list);
+            {
+                Value small("bench/me0", 64);
+                qel_hspace_put(h, small.object, HSPACE_PUT_SYNC, 0); // the handle's buffers in use once
+                GetOnce(h, "bench/me0", list);
+            }
+            double base = ResetPeak(), peak;
+            if (put) {
+                Value v("bench/mem", kLargeValue);
+                memset(v.buf->ptr, 'v', kLargeValue); // resident, as an application's value is
+                if (qel_hspace_put(h, v.object, HSPACE_PUT_SYNC, 0) != 0) {
+                    fprintf(stderr, "bench_report: put of %zu bytes failed\n", kLargeValue);
+                    _exit(1);
+                }
+                peak = StatusBytes(getpid(), "VmHWM");
+            } else {
+                if (qel_hspace_get(h, "bench/mem", nullptr, HSPACE_GET_SYNC, 0, 0, list) != 0 ||
+                    kro_llist_first(list) == nullptr) {
+                    fprintf(stderr, "bench_report: get of %zu bytes failed\n", kLargeValue);
+                    _exit(1);
+                }
+                peak = StatusBytes(getpid(), "VmHWM");
+                GetOnce(h, "bench/mem", list);
+            }
+            Row(put ? "lib.mem.put" : "lib.mem.get", section,
+                std::string("client: peak memory over idle, ") + (put ? "put" : "get") + " of 60 MiB, less the value",
+                (peak - base - static_cast<double>(kLargeValue)) / kMiB, "MiB", -1, "-", "<= 16");
+            kro_llist_destroy(&list);
+            CloseHandle(h);
+            qel_hspace_finalize();
+        });
+}
+
+/* Resident memory of the service (its process, forked for this alone) per
+ * byte of the values it stores: count values of each size under keys of
+ * their own, put without replies and fenced by one synchronous get. */
+void StoredBytesFigures(const Peer &store)
+{
+    const char *section = "Memory per stored byte";
+    t_qel_hspace h = OpenHandle("tcp://127.0.0.1:" + std::to_string(store.service_port));
+    t_kro_llist list;
+    kro_llist_create(&list);
+    const struct {
+        const char *tag;
+        size_t len;
+        long count;
+    } sizes[] = {{"64B", 64, 100000}, {"1KiB", 1024, 20000}, {"64KiB", 64 << 10, 300}};
+    char key[64];
+    for (const auto &s : sizes) {
+        long count = Iters(s.count);
+        Value warm("bench/fence", s.len);
+        qel_hspace_put(h, warm.object, HSPACE_PUT_SYNC, 0);
+        GetOnce(h, "bench/fence", list);
+        double before = StatusBytes(store.pid, "VmRSS");
+        t_kro_buf buf;
+        kro_buf_create(&buf, static_cast<t_kro_uint4>(s.len), 0);
+        memset(buf->ptr, 'v', s.len);
+        for (long i = 0; i < count; i++) {
+            snprintf(key, sizeof key, "st/%s/%08ld", s.tag, i);
+            t_qel_hspace_object o;
+            qel_hspace_object_create(key, buf, &o);
+            if (qel_hspace_put(h, o, HSPACE_PUT_NOREPLY, 0) != 0) {
+                fprintf(stderr, "bench_report: put failed\n");
+                exit(1);
+            }
+            qel_hspace_object_destroy(&o);
+        }
+        kro_buf_release(&buf);
+        GetOnce(h, "bench/fence", list); // every put before it is stored
+        double after = StatusBytes(store.pid, "VmRSS");
+        Row(std::string("svc.mem.perbyte.") + s.tag, section,
+            "hspaced: resident bytes per value byte stored, " + std::to_string(count) + " values of " + s.tag,
+            (after - before) / (static_cast<double>(count) * static_cast<double>(s.len)), "B/B", -1,
+            std::string("peer.mem.perbyte.") + s.tag);
+    }
+    kro_llist_destroy(&list);
+    CloseHandle(h);
 }
 
 /* Allocations of the library per synchronous get of 64 bytes. */
@@ -637,21 +825,18 @@ int main(int argc, char **argv)
         qel_hspace_finalize();
         return 0;
     }
-    Peer peer;
-    if (!peer.start()) {
+    Peer peer, store;
+    if (!peer.start() || (runs("memory") && !store.start())) {
         fprintf(stderr, "bench_report: cannot start the service process\n");
         return 1;
     }
     std::string url = "tcp://127.0.0.1:" + std::to_string(peer.service_port);
+    if (runs("memory")) ClientMemoryFigures(url); // children forked before any thread
     qel_hspace_initialize(QEL_HSPACE_VERSION, 1);
-    if (runs("floors")) {
-        FloorPingPong(peer.echo_port, 64, "64B", Iters(20000));
-        FloorPingPong(peer.echo_port, 4096, "4KiB", Iters(10000));
-        FloorPingPong(peer.echo_port, 1 << 20, "1MiB", Iters(300));
-        FloorOneWrite(peer.echo_port, Iters(200000));
-    }
-    if (runs("sync")) SyncFigures(url);
-    if (runs("async")) AsyncFigure(url);
+    if (runs("memory")) StoredBytesFigures(store);
+    store.stop();
+    if (runs("sizes")) SizeFigures(url, peer.echo_port);
+    if (runs("async")) AsyncFigures(url, peer.echo_port);
     if (runs("threads")) ThroughputFigures(url);
     if (runs("subs")) {
         SubscriptionFigures(url, "lib.subs", "Subscriptions on the handle, against hspaced");

@@ -77,7 +77,7 @@ const CommandInfo kCommands[] = {
     {"help", "help [COMMAND]", "print this list, or a command's help"},
 };
 
-const char kGlobalUsage[] = "hspace [--url URL] [--timeout SECONDS] ";
+const char kGlobalUsage[] = "hspace [--url URL] [--timeout SECONDS] [--cacert FILE] [--cert FILE --key FILE] ";
 
 const char kFooter[] =
     "Output formats (-o, --output, of get, ls and watch):\n"
@@ -96,8 +96,27 @@ const char kFooter[] =
     "  watch stopped at a break by --no-retry, an output error (the reason on\n"
     "  standard error); 128+N when another command is ended by signal N.\n"
     "\n"
+    "TLS (tls://HOST:PORT URLs):\n"
+    "  TLS 1.2 or newer. The service's certificate is checked against the CAs of\n"
+    "  --cacert (default: the system's) and must name HOST; there is no switch to\n"
+    "  skip the check. With --cert and --key the client presents that certificate\n"
+    "  (PEM, the key not encrypted) and claims no name or group of its own: a service\n"
+    "  that checks certificates knows it by the certificate's CN and O values. A TLS\n"
+    "  failure is reported with its cause (certificate verify failed: ..., TLS\n"
+    "  handshake timed out, the service asked for a client certificate ...).\n"
+    "\n"
     "Environment:\n"
-    "  HSPACE_URL  the service's URL when --url is not given";
+    "  HSPACE_URL     the service's URL when --url is not given\n"
+    "  HSPACE_CACERT  --cacert when it is not given\n"
+    "  HSPACE_CERT    --cert when it is not given\n"
+    "  HSPACE_KEY     --key when it is not given\n"
+    "  The three TLS variables apply to tls:// URLs only; the options are refused\n"
+    "  with a tcp:// URL.";
+
+const char kCacertHelp[] = "tls://: the CAs (PEM) to check the service's certificate against (default "
+                           "$HSPACE_CACERT, else the system's)";
+const char kCertHelp[] = "tls://: present this client certificate (PEM; default $HSPACE_CERT); needs --key";
+const char kKeyHelp[] = "tls://: the private key of --cert (PEM, not encrypted; default $HSPACE_KEY)";
 
 enum class Format { kText, kJson, kRaw };
 
@@ -205,19 +224,20 @@ void json_bytes(Json &j, const char *field, const char *p, size_t n)
     }
 }
 
-// The service URL as the user typed it: scheme tcp, a host (IPv4 address
+// The service URL as the user typed it: scheme tcp or tls, a host (IPv4 address
 // or name), a port 1-65535 in decimal and nothing after it. The library
 // accepts more (an empty host, any port text, keeping its low 16 bits);
 // the client refuses what would not reach the service meant. Empty text
 // when the URL is usable, else what is wrong with it.
 std::string check_url(const std::string &url)
 {
-    const std::string form = "; expected tcp://HOST:PORT";
+    const std::string form = "; expected tcp://HOST:PORT or tls://HOST:PORT";
     size_t sep = url.find("://");
     if (url.empty()) return "the URL is empty" + form;
     if (sep == std::string::npos) return "'" + url + "' has no scheme" + form;
     std::string scheme = url.substr(0, sep), rest = url.substr(sep + 3);
-    if (strcasecmp(scheme.c_str(), "tcp") != 0) return "the scheme is '" + scheme + "'; only tcp is supported";
+    if (strcasecmp(scheme.c_str(), "tcp") != 0 && strcasecmp(scheme.c_str(), "tls") != 0)
+        return "the scheme is '" + scheme + "'; only tcp and tls are supported";
     if (rest.find_first_of("[]") != std::string::npos || rest.find(':') != rest.rfind(':'))
         return "'" + rest + "' looks like an IPv6 address, which a service URL cannot carry; "
                             "give an IPv4 address or a host name";
@@ -306,13 +326,18 @@ unsigned recorded_reason(t_kro_error error)
     return reason;
 }
 
-// "TEXT (CODE)", then ": REASON" when the system gave one, then advice
-// where the code calls for it.
-std::string describe_error(t_kro_error error, unsigned reason)
+// "TEXT (CODE)", then ": REASON" when the system gave one, else ": DETAIL"
+// when the library recorded one (why an open or the TLS files failed;
+// "DETAIL (CODE)" alone when it starts with the text), then advice where
+// the code calls for it.
+std::string describe_error(t_kro_error error, unsigned reason, const std::string &detail = std::string())
 {
-    std::string s = std::string(error_text(error)) + " (" + std::to_string(error) + ")";
-    if (reason != 0 && (error == KRO_ERR_NET || error == KRO_ERR_NOT_CONNECTED || error == KRO_ERR_OS))
-        s += std::string(": ") + strerror(static_cast<int>(reason));
+    std::string text = error_text(error), code = " (" + std::to_string(error) + ")";
+    bool system = reason != 0 && (error == KRO_ERR_NET || error == KRO_ERR_NOT_CONNECTED || error == KRO_ERR_OS);
+    std::string s = text + code;
+    if (system) s += std::string(": ") + strerror(static_cast<int>(reason));
+    else if (!detail.empty() && detail.compare(0, text.size(), text) == 0) s = escaped(detail) + code;
+    else if (!detail.empty()) s += ": " + escaped(detail);
     switch (error) {
     case HSPACE_STATUS_STORE_UNAVAILABLE:
     case HSPACE_STATUS_STORE_TIMEOUT:
@@ -331,11 +356,18 @@ std::string describe_error(t_kro_error error, unsigned reason)
     return s;
 }
 
-int failed(const std::string &what, t_kro_error error, unsigned reason = 0)
+int failed(const std::string &what, t_kro_error error, unsigned reason = 0, const std::string &detail = std::string())
 {
     std::lock_guard<std::mutex> lock(print_mutex);
-    fprintf(stderr, "hspace: %s: %s\n", what.c_str(), describe_error(error, reason).c_str());
+    fprintf(stderr, "hspace: %s: %s\n", what.c_str(), describe_error(error, reason, detail).c_str());
     return kFailed;
+}
+
+// Why hspace's last open or TLS configuration failed, as the library saw it.
+std::string detail_of(t_qel_hspace hspace)
+{
+    const t_kro_char *detail = nullptr;
+    return qel_hspace_error_get_detail(hspace, &detail) == 0 && detail != nullptr ? detail : "";
 }
 
 // ---- objects ----
@@ -369,6 +401,8 @@ struct Command {
     unsigned count = 1;                        // ping --count
     double timeout = 5;                        // --timeout, seconds; 0: none
     std::string url;
+    bool tls = false;                          // the URL is tls://
+    std::string tls_ca, tls_cert, tls_key;     // --cacert, --cert, --key (empty: not given)
 };
 
 bool is_pattern(const std::string &key)
@@ -641,6 +675,32 @@ void await_worker(const Command &cmd)
     }
 }
 
+// Makes the command's handle; over TLS with the command's files, which the
+// library reads here. With a client certificate the handshake claims no
+// name or group (the library's defaults), so that a service which knows
+// clients by their certificates takes the certificate's. kDone, or the
+// failure reported and no handle.
+int make_handle(const Command &cmd, t_qel_hspace *hspace)
+{
+    qel_hspace_create_data create_data;
+    create_data.service_url = cmd.url.c_str();
+    create_data.client_name = cmd.tls_cert.empty() ? "hspace" : nullptr;
+    create_data.client_group = cmd.tls_cert.empty() ? "cli" : nullptr;
+    *hspace = nullptr;
+    t_kro_error error = qel_hspace_create(&create_data, on_event, hspace);
+    if (error != 0) return failed(cmd.url, error);
+    if (!cmd.tls) return kDone;
+    qel_hspace_tls_options tls = {QEL_HSPACE_TLS_OPTIONS_VERSION, nullptr, nullptr, nullptr, nullptr};
+    tls.ca_file = cmd.tls_ca.empty() ? nullptr : cmd.tls_ca.c_str();
+    tls.cert_file = cmd.tls_cert.empty() ? nullptr : cmd.tls_cert.c_str();
+    tls.key_file = cmd.tls_key.empty() ? nullptr : cmd.tls_key.c_str();
+    error = qel_hspace_set_tls(*hspace, &tls);
+    if (error == 0) return kDone;
+    int status = failed("cannot use the TLS files", error, 0, detail_of(*hspace));
+    qel_hspace_destroy(hspace);
+    return status;
+}
+
 std::string connecting_to(const Command &cmd)
 {
     return "connecting to " + cmd.url;
@@ -706,22 +766,17 @@ bool answered(t_kro_error error)
 void work_ping(const Command &cmd)
 {
     t_qel_hspace hspace = nullptr;
-    qel_hspace_create_data create_data;
-    create_data.service_url = cmd.url.c_str();
-    create_data.client_name = "hspace";
-    create_data.client_group = "cli";
-    t_kro_error error = qel_hspace_create(&create_data, on_event, &hspace);
-    if (error != 0) {
-        work_status = failed(cmd.url, error);
+    work_status = make_handle(cmd, &hspace);
+    if (work_status != kDone) {
         set_step(kFinished);
         return;
     }
     set_step(kConnecting, connecting_to(cmd));
     auto start = std::chrono::steady_clock::now();
-    error = open_handle(cmd, hspace);
+    t_kro_error error = open_handle(cmd, hspace);
     double connect_time = seconds_since(start);
     if (error != 0) {
-        work_status = failed("cannot connect to " + cmd.url, error, recorded_reason(error));
+        work_status = failed("cannot connect to " + cmd.url, error, recorded_reason(error), detail_of(hspace));
     } else {
         t_kro_str name = nullptr;
         qel_hspace_get_service_name(hspace, &name);
@@ -818,32 +873,26 @@ void work_watch(const Command &cmd)
     };
     for (;;) {
         t_qel_hspace hspace = nullptr;
-        qel_hspace_create_data create_data;
-        create_data.service_url = cmd.url.c_str();
-        create_data.client_name = "hspace";
-        create_data.client_group = "cli";
-        t_kro_error error = qel_hspace_create(&create_data, on_event, &hspace);
-        if (error != 0) {
-            work_status = failed(cmd.url, error);
-            break;
-        }
+        work_status = make_handle(cmd, &hspace);
+        if (work_status != kDone) break;
         {
             std::lock_guard<std::mutex> lock(watch_break.mutex);
             watch_break.link_failed = false;
             watch_break.ended = false;
         }
         set_step(kConnecting, connecting_to(cmd), !started);
-        error = open_handle(cmd, hspace);
+        t_kro_error error = open_handle(cmd, hspace);
         if (error != 0) {
             unsigned reason = recorded_reason(error);
+            std::string detail = detail_of(hspace);
             qel_hspace_destroy(&hspace);
             if (!started || cmd.no_retry) {
-                work_status = failed("cannot connect to " + cmd.url, error, reason);
+                work_status = failed("cannot connect to " + cmd.url, error, reason, detail);
                 break;
             }
             double wait = backoff.take();
-            notice(cmd, "cannot connect to " + cmd.url + ": " + describe_error(error, reason) + "; trying again in " +
-                            seconds_text(wait));
+            notice(cmd, "cannot connect to " + cmd.url + ": " + describe_error(error, reason, detail) +
+                            "; trying again in " + seconds_text(wait));
             pause(wait);
             continue;
         }
@@ -1133,10 +1182,13 @@ std::string describe_command(CLI::App *sub, bool alone)
     }
     if (alone) {
         out += "\nOptions of every command (before or after it):\n";
-        out += help_entry("--url URL", "the service, tcp://HOST:PORT (default $HSPACE_URL, else " +
+        out += help_entry("--url URL", "the service, tcp://HOST:PORT or tls://HOST:PORT (default $HSPACE_URL, else " +
                                            std::string(kDefaultUrl) + ")");
         out += help_entry("--timeout SECONDS", "seconds allowed for connecting and for each answer of the service; "
                                                "0: no limit (default 5)");
+        out += help_entry("--cacert FILE", kCacertHelp);
+        out += help_entry("--cert FILE", kCertHelp);
+        out += help_entry("--key FILE", kKeyHelp);
         out += help_entry("-h, --help", "print this help and exit");
     }
     return out;
@@ -1160,7 +1212,7 @@ std::string command_word(int argc, char **argv)
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         if (a == "--") return i + 1 < argc ? argv[i + 1] : "";
-        if (a == "--url" || a == "--timeout") {
+        if (a == "--url" || a == "--timeout" || a == "--cacert" || a == "--cert" || a == "--key") {
             i++;
             continue;
         }
@@ -1187,9 +1239,15 @@ int main(int argc, char **argv)
     sigaddset(&signals, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    const char *env_url = getenv("HSPACE_URL");
+    auto env = [](const char *name, const char *otherwise) {
+        const char *value = getenv(name);
+        return std::string(value != nullptr && *value != '\0' ? value : otherwise);
+    };
     Command cmd;
-    cmd.url = env_url != nullptr && *env_url != '\0' ? env_url : kDefaultUrl;
+    cmd.url = env("HSPACE_URL", kDefaultUrl);
+    cmd.tls_ca = env("HSPACE_CACERT", "");
+    cmd.tls_cert = env("HSPACE_CERT", "");
+    cmd.tls_key = env("HSPACE_KEY", "");
     std::string timeout_text = "5", format_text = "text", count_text = "1";
     std::string value_arg, file, help_topic;
     bool raw = false;
@@ -1198,7 +1256,8 @@ int main(int argc, char **argv)
     app.set_version_flag("--version", "hspace " HSPACE_VERSION, "print the version and exit");
     app.require_subcommand(1);
     app.fallthrough();
-    app.add_option("--url", cmd.url, "the service, tcp://HOST:PORT (default $HSPACE_URL, else tcp://127.0.0.1:7521)")
+    app.add_option("--url", cmd.url,
+                   "the service, tcp://HOST:PORT or tls://HOST:PORT (default $HSPACE_URL, else tcp://127.0.0.1:7521)")
         ->option_text("URL")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_option("--timeout", timeout_text,
@@ -1214,6 +1273,15 @@ int main(int argc, char **argv)
             size_t whole = digits == std::string::npos ? text.size() : digits;
             return whole > 7 ? text + " is out of range; at most 9999999 seconds" : std::string();
         });
+    CLI::Option *cacert_opt = app.add_option("--cacert", cmd.tls_ca, kCacertHelp)
+                                  ->option_text("FILE")
+                                  ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    CLI::Option *cert_opt = app.add_option("--cert", cmd.tls_cert, kCertHelp)
+                                ->option_text("FILE")
+                                ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    CLI::Option *key_opt = app.add_option("--key", cmd.tls_key, kKeyHelp)
+                               ->option_text("FILE")
+                               ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     auto add_output = [&](CLI::App *sub) {
         sub->add_option("-o,--output", format_text, "text (the default), json (one object per line) or raw "
                                                      "(nothing escaped)")
@@ -1319,6 +1387,24 @@ int main(int argc, char **argv)
         fprintf(stderr, "hspace: %s: %s\n", app.count("--url") > 0 ? "--url" : "HSPACE_URL", wrong.c_str());
         return kUsage;
     }
+    // The TLS files: named on the command line only for a tls:// URL, a
+    // certificate with its key; the variables' are for tls:// URLs alone.
+    cmd.tls = strncasecmp(cmd.url.c_str(), "tls://", 6) == 0;
+    for (const CLI::Option *opt : {cacert_opt, cert_opt, key_opt}) {
+        if (opt->count() > 0 && !cmd.tls) {
+            fprintf(stderr, "hspace: %s applies to tls:// URLs only, not %s\n", opt->get_name().c_str(),
+                    cmd.url.c_str());
+            return kUsage;
+        }
+    }
+    if (cmd.tls && cmd.tls_cert.empty() != cmd.tls_key.empty()) {
+        bool cert = !cmd.tls_cert.empty();
+        const char *given = cert ? (cert_opt->count() > 0 ? "--cert" : "HSPACE_CERT")
+                                 : (key_opt->count() > 0 ? "--key" : "HSPACE_KEY");
+        fprintf(stderr, "hspace: %s requires %s\n", given, cert ? "--key (or HSPACE_KEY)" : "--cert (or HSPACE_CERT)");
+        return kUsage;
+    }
+    if (!cmd.tls) cmd.tls_ca.clear(), cmd.tls_cert.clear(), cmd.tls_key.clear();
     if (cmd.key.size() > kMaxKey) {
         fprintf(stderr, "hspace: %s: key is %zu bytes; at most %zu\n", cmd.name.c_str(), cmd.key.size(), kMaxKey);
         return kUsage;
@@ -1344,22 +1430,19 @@ int main(int argc, char **argv)
         worker.join();
         status = work_status;
     } else {
-        qel_hspace_create_data create_data;
-        create_data.service_url = cmd.url.c_str();
-        create_data.client_name = "hspace";
-        create_data.client_group = "cli";
         t_qel_hspace hspace = nullptr;
-        error = qel_hspace_create(&create_data, on_event, &hspace);
-        if (error != 0) {
+        status = make_handle(cmd, &hspace);
+        if (status != kDone) {
             qel_hspace_finalize();
-            return failed(cmd.url, error);
+            return status;
         }
         t_kro_llist objects = nullptr;
         kro_llist_create(&objects);
         std::thread worker(work, hspace, std::cref(cmd), objects);
         await_worker(cmd);
         worker.join();
-        status = work_opened ? finish(cmd, objects) : failed("cannot connect to " + cmd.url, work_error, work_reason);
+        status = work_opened ? finish(cmd, objects)
+                             : failed("cannot connect to " + cmd.url, work_error, work_reason, detail_of(hspace));
         qel_hspace_close(hspace);
         qel_hspace_destroy(&hspace);
         t_kro_ptr node;

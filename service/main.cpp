@@ -3,13 +3,13 @@
  *
  * Listens until SIGINT or SIGTERM, then closes every connection and exits
  * 0; SIGHUP reads the access rules (--acl) again. Prints "hspaced
- * listening on tcp://HOST:PORT" on stdout once it listens (so a script can
- * learn the port chosen for --port 0) and logs one line per event on stderr
- * (log.h), down to --log-level, as text or JSON. With --http, serves its
- * metrics, health and readiness over HTTP. Exit status: 0 stopped by a
- * signal, 1 cannot listen or use the store, 2 usage error (a bad rule file,
- * or an address other than loopback that would be served open: see
- * check_exposure).
+ * listening on tcp://HOST:PORT" (tls:// with TLS) on stdout once it listens
+ * (so a script can learn the port chosen for --port 0) and logs one line
+ * per event on stderr (log.h), down to --log-level, as text or JSON. With
+ * --http, serves its metrics, health and readiness over HTTP. Exit status:
+ * 0 stopped by a signal, 1 cannot listen or use the store or the TLS files,
+ * 2 usage error (a bad rule file, or an address other than loopback that
+ * would be served open: see check_exposure).
  *
  * Options are parsed with CLI11; --help and --version print on stdout and
  * exit 0 (help2man builds the manual page from them).
@@ -40,8 +40,8 @@ namespace {
 
 const char kDescription[] =
     "hspaced - the reference hspace service: a keyed object store for development, tests and demos, in its "
-    "own memory (nothing persisted) or in an etcd cluster. Every client may do everything unless --acl says "
-    "otherwise.";
+    "own memory (nothing persisted) or in an etcd cluster, over TCP or TLS. Every client may do everything "
+    "unless --acl says otherwise; who a client is, is what it claims unless --tls-client-ca names it.";
 
 const char kFooter[] =
     "Limits:\n"
@@ -74,6 +74,13 @@ const char kFooter[] =
     "  With --store-cacert, --store-cert, --store-key or --store-user, the link and the\n"
     "  login are checked at start: a wrong CA, certificate or password exits 1.\n"
     "\n"
+    "TLS:\n"
+    "  With --tls-cert and --tls-key the port speaks TLS 1.2 or newer only (clients use\n"
+    "  tls://HOST:PORT); a client that does not, a plain TCP one too, is refused at the\n"
+    "  TLS handshake and logged. With --tls-client-ca every client must also present a\n"
+    "  certificate that CA signed; its subject's CN is the client's name and its O values\n"
+    "  its groups, and a handshake claiming another name or group is refused (1105).\n"
+    "\n"
     "Access rules (--acl FILE):\n"
     "  One rule a line, GROUP RIGHTS PATTERN; '#' starts a comment. RIGHTS is r (get,\n"
     "  subscribe), w (put, remove) or rw; PATTERN an exact key or a prefix ending in *\n"
@@ -84,8 +91,8 @@ const char kFooter[] =
     "  is what its handshake claims. SIGHUP reads the file again; a bad file keeps\n"
     "  the rules in force (and is logged), or at start exits 2 naming its line.\n"
     "  Without --acl every client may do everything.\n"
-    "  An address other than loopback is served only to clients with certificates and\n"
-    "  under --acl, or with --insecure.\n"
+    "  An address other than loopback is served only with --tls-client-ca and --acl,\n"
+    "  or with --insecure.\n"
     "\n"
     "Output:\n"
     "  Prints \"hspaced listening on tcp://HOST:PORT\" on standard output when ready\n"
@@ -112,8 +119,9 @@ const char kFooter[] =
     "  A --http address that cannot be bound exits 1.\n"
     "\n"
     "Exit status:\n"
-    "  0 stopped by SIGINT or SIGTERM, 1 cannot listen or use the store, 2 usage error:\n"
-    "  a bad option, a bad rule file, or an exposed address refused (see above).";
+    "  0 stopped by SIGINT or SIGTERM, 1 cannot listen or use the store or the TLS\n"
+    "  files, 2 usage error: a bad option, a bad rule file, or an exposed address\n"
+    "  refused (see above).";
 
 // Checks the --listen value: a host name or an IPv4 address, which a service
 // URL (tcp://HOST:PORT) can carry. Empty text when it is usable, else why not.
@@ -205,8 +213,9 @@ std::string check_exposure(const std::string &address, bool certified, bool acl,
     asio::ip::address_v4 a = asio::ip::make_address_v4(address, ec);
     if (insecure || (!ec && a.is_loopback()) || (certified && acl)) return std::string();
     return "refusing to listen on " + address + ", which is not a loopback address, without client certificates "
-           "(TLS) and access rules (--acl): anyone who reaches the port could read, overwrite and delete every "
-           "key. Give both, listen on 127.0.0.1, or start with --insecure to serve it anyway";
+           "(--tls-cert, --tls-key, --tls-client-ca) and access rules (--acl): anyone who reaches the port could "
+           "read, overwrite and delete every key. Give both, listen on 127.0.0.1, or start with --insecure to serve "
+           "it anyway";
 }
 
 // Checks the --http value: HOST:PORT, an IPv6 host between brackets. Empty
@@ -323,6 +332,20 @@ int main(int argc, char **argv)
     app.add_option("--log-format", log_format, "log lines as key=value text (default) or JSON objects")
         ->option_text("text|json")
         ->check(CLI::IsMember({"text", "json"}));
+    CLI::Option *tls_cert = app.add_option("--tls-cert", options.tls_cert,
+                                           "serve TLS only, with this PEM certificate (and chain); needs --tls-key")
+                            ->option_text("FILE")
+                            ->check(CLI::ExistingFile);
+    CLI::Option *tls_key = app.add_option("--tls-key", options.tls_key, "the PEM private key of --tls-cert (not encrypted)")
+                           ->option_text("FILE")
+                           ->check(CLI::ExistingFile);
+    app.add_option("--tls-client-ca", options.tls_client_ca,
+                   "require a client certificate signed by a CA of this PEM file; needs --tls-cert")
+        ->option_text("FILE")
+        ->check(CLI::ExistingFile)
+        ->needs(tls_cert);
+    tls_cert->needs(tls_key);
+    tls_key->needs(tls_cert);
     app.add_flag("--quiet", quiet, "log errors only: the same as --log-level error")->excludes(level_opt);
     try {
         app.parse(argc, argv);
@@ -387,7 +410,7 @@ int main(int argc, char **argv)
         }
         options.host = results.begin()->endpoint().address().to_string();
     }
-    std::string exposed = check_exposure(options.host, false, options.acl != nullptr, insecure);
+    std::string exposed = check_exposure(options.host, !options.tls_client_ca.empty(), options.acl != nullptr, insecure);
     if (!exposed.empty()) {
         fprintf(stderr, "hspaced: %s\n", exposed.c_str());
         return 2;
@@ -411,11 +434,12 @@ int main(int argc, char **argv)
     // client on this host can use, and the line says what else reaches it.
     std::string listening = server.url();
     if (options.host == "0.0.0.0") {
+        std::string scheme = listening.substr(0, listening.find("://") + 3);
         std::string port_text = listening.substr(listening.rfind(':') + 1);
         char host[256] = "";
         gethostname(host, sizeof host - 1);
-        listening = "tcp://127.0.0.1:" + port_text + " (all IPv4 addresses of this host" +
-                    (host[0] != '\0' ? std::string("; from elsewhere tcp://") + host + ":" + port_text : "") + ")";
+        listening = scheme + "127.0.0.1:" + port_text + " (all IPv4 addresses of this host" +
+                    (host[0] != '\0' ? "; from elsewhere " + scheme + host + ":" + port_text : std::string()) + ")";
     }
     if (printf("hspaced listening on %s\n", listening.c_str()) < 0 || fflush(stdout) != 0) {
         logger.event(LogLevel::error, "start_failed",

@@ -34,7 +34,8 @@
  * subscription, in order, however its subscriptions nest. Each change
  * reaches a connection once, however many of its subscriptions select it.
  *
- * Bytes on the wire are framed, decoded and encoded by the hspace codec.
+ * Bytes on the wire are framed, decoded and encoded by the hspace codec;
+ * they travel over plain TCP or TLS (transport.h), as the options say.
  *
  * Operators see the service through its log (log.h: one event a line) and,
  * with Options::http, its metrics, health and readiness (http.h): the I/O
@@ -72,6 +73,7 @@
 #include "service_metrics.h"
 #include "store/store.h"
 #include "subscription_index.h"
+#include "transport.h"
 
 namespace hspace {
 namespace service {
@@ -224,6 +226,7 @@ enum class Repeat {
     Timeout,                                   // a connection closed for no handshake in time
     Denied,                                    // a request the access rules refused
     IdentityRefused,                           // a handshake claiming what its certificate does not hold
+    Tls,                                       // a connection whose TLS handshake failed
     Count
 };
 
@@ -368,7 +371,10 @@ private:
     size_t revoke(Connection &c);
 
     std::shared_ptr<const Acl> acl_;           // rules in force, null for none; I/O thread (owner before start)
+    bool start_tls(std::string *why);
 
+    // Declared before io_: outlives the connections its handlers still hold.
+    std::unique_ptr<asio::ssl::context> tls_;  // TLS of every connection; null: plain TCP
     asio::io_context io_{1};                   // runs every handler, on thread_ (one thread: the hint)
     asio::ip::tcp::acceptor acceptor_{io_};    // the listener
     std::thread thread_;                       // the I/O thread; joinable from start() to stop()
@@ -418,7 +424,7 @@ namespace {
 // asynchronous operation holds it. I/O thread only.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
-    Connection(Engine &engine, asio::ip::tcp::socket socket, uint64_t id, const asio::ip::tcp::endpoint &peer)
+    Connection(Engine &engine, Transport socket, uint64_t id, const asio::ip::tcp::endpoint &peer)
         : engine_(engine), socket_(std::move(socket)), id_(id), remote_(peer)
     {
     }
@@ -432,9 +438,16 @@ public:
     size_t footprint() const { return closed_ ? 0 : in_.capacity() + large_.size() + queued_; }
     // Bytes waiting to be sent to it.
     size_t unsent() const { return queued_; }
+    // Who the client's verified certificate says it is; null without TLS
+    // client certificates.
+    const PeerIdentity *peer() const { return socket_.peer(); }
 
-    // Starts reading.
-    void start() { read(); }
+    // Runs the TLS handshake (if any), then starts reading.
+    void start()
+    {
+        auto self = shared_from_this();
+        socket_.async_handshake([self](const asio::error_code &ec) { self->on_handshake(ec); });
+    }
 
     // Queues an encoded answer to this connection's own request. Answers
     // never close the connection: while more than max_queue bytes are
@@ -460,9 +473,7 @@ public:
         // returned; they are not counted from here on.
         engine_.unhold(footprint());
         closed_ = true;
-        asio::error_code ignored;
-        if (abortive) socket_.set_option(asio::socket_base::linger(true, 0), ignored);
-        socket_.close(ignored);
+        socket_.close(abortive);
         engine_.drop_all(*this);
         engine_.forget(*this, why, repeat);
     }
@@ -535,6 +546,9 @@ private:
         return queued_ > engine_.fair_share() && engine_.memory_tight();
     }
 
+    void on_handshake(const asio::error_code &ec);
+
+
     // Reads into the space the read buffer offers (see ReadBuffer), or
     // into large_ while a long packet comes. Not while a read is
     // outstanding.
@@ -580,7 +594,9 @@ private:
         engine_.metrics_.received.inc(n);
         if (closed_) return;
         if (ec) {
-            close(ec == asio::error::eof ? std::string("peer closed") : ec.message());
+            // A TLS client may end without a close_notify, as a TCP one does.
+            bool eof = ec == asio::error::eof || ec == asio::ssl::error::stream_truncated;
+            close(eof ? std::string("peer closed") : ec.message());
             return;
         }
         if (n > 0) in_.commit(n);
@@ -691,7 +707,7 @@ private:
             buffers.push_back(asio::buffer(*out_[i].bytes));
         in_flight_ = buffers.size();
         auto self = shared_from_this();
-        asio::async_write(socket_, buffers, [self](const asio::error_code &ec, size_t n) {
+        socket_.async_write(buffers, [self](const asio::error_code &ec, size_t n) {
             self->engine_.metrics_.sent.inc(n);
             self->on_write(ec);
         });
@@ -741,7 +757,7 @@ private:
     };
 
     Engine &engine_;                           // the owner of the table this connection is in
-    asio::ip::tcp::socket socket_;             // the client's socket
+    Transport socket_;                         // the client's socket, plain or TLS
     const uint64_t id_;                        // number in logs and in the table
     const asio::ip::tcp::endpoint remote_;     // the client's address and port, for logs
     ReadBuffer in_;                            // received bytes not yet framed
@@ -760,6 +776,29 @@ private:
     std::string ending_;                       // why end() was called; empty until then
     std::shared_ptr<Connection> hold_;         // this connection, while busy_
 };
+
+// A refused TLS handshake is logged and closes the connection; an accepted
+// one logs the protocol and, with client certificates, who the client is.
+void Connection::on_handshake(const asio::error_code &ec)
+{
+    if (closed_) return;
+    if (ec) {
+        engine_.stats_.tls_refused++;
+        close("TLS handshake failed: " + ec.message(), false, Repeat::Tls);
+        return;
+    }
+    if (socket_.tls()) {
+        socket_.identify();
+        const PeerIdentity *p = socket_.peer();
+        if (engine_.logger_.enabled(LogLevel::info))
+            engine_.logger_.event(LogLevel::info, "conn_tls",
+                                  {{"conn", id_},
+                                   {"tls", socket_.describe()},
+                                   {"cn", p != nullptr ? p->name : std::string()},
+                                   {"o", p != nullptr ? join(p->groups) : std::string()}});
+    }
+    read();
+}
 
 } // namespace
 
@@ -855,6 +894,7 @@ void Engine::flush_log_limits()
         "connections closed for no handshake",
         "requests denied by the access rules",
         "handshakes refused for their identity",
+        "connections whose TLS handshake failed",
     };
     static_assert(sizeof kWhat / sizeof kWhat[0] == static_cast<size_t>(Repeat::Count), "a text for each kind");
     auto now = std::chrono::steady_clock::now();
@@ -888,6 +928,7 @@ bool Engine::start(std::string *error)
     if (started_) return fail("already started");
     std::string why;
     if (!acl_ && !options_.acl_file.empty() && !(acl_ = Acl::load(options_.acl_file, &why))) return fail(why);
+    if (!start_tls(&why)) return fail(why);
     store_ = options_.store_factory ? options_.store_factory(*this) : make_store(options_, io_, *this, &why);
     if (!store_) return fail(why.empty() ? std::string("no store was made") : why);
     asio::error_code ec;
@@ -936,6 +977,50 @@ bool Engine::start(std::string *error)
                                         std::to_string(http_->port())
                                   : std::string("off")}});
     return true;
+}
+
+// Makes the TLS context when the options ask for TLS: TLS 1.2 and newer,
+// the certificate and key, and with a client CA, client certificates
+// required and verified. False with the reason when a file cannot be used.
+bool Engine::start_tls(std::string *why)
+{
+    const Options &o = options_;
+    if (o.tls_cert.empty() && o.tls_key.empty() && o.tls_client_ca.empty()) return true;
+    if (o.tls_cert.empty() || o.tls_key.empty()) {
+        *why = "TLS needs both a certificate and its key";
+        return false;
+    }
+    auto ctx = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_server);
+    SSL_CTX *native = ctx->native_handle();
+    SSL_CTX_set_min_proto_version(native, TLS1_2_VERSION);
+    SSL_CTX_set_options(native, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION | SSL_OP_CIPHER_SERVER_PREFERENCE);
+    SSL_CTX_set_num_tickets(native, 0); // no resumption: nothing to send after the handshake
+    SSL_CTX_set_default_passwd_cb(native, [](char *, int, int, void *) { return 0; }); // never prompt
+    auto use = [&](const char *what, const std::string &file, auto &&load) {
+        asio::error_code ec;
+        load(file, ec);
+        if (ec) *why = std::string("cannot use the TLS ") + what + " " + file + ": " + ec.message();
+        return !ec;
+    };
+    bool ok = use("certificate", o.tls_cert,
+                  [&](const std::string &f, asio::error_code &ec) { ctx->use_certificate_chain_file(f, ec); }) &&
+              use("key", o.tls_key, [&](const std::string &f, asio::error_code &ec) {
+                  ctx->use_private_key_file(f, asio::ssl::context::pem, ec);
+              });
+    if (ok && SSL_CTX_check_private_key(native) != 1) {
+        *why = "the TLS key " + o.tls_key + " does not belong to the certificate " + o.tls_cert;
+        ok = false;
+    }
+    if (ok && !o.tls_client_ca.empty()) {
+        ok = use("client CA", o.tls_client_ca,
+                 [&](const std::string &f, asio::error_code &ec) { ctx->load_verify_file(f, ec); });
+        STACK_OF(X509_NAME) *names = ok ? SSL_load_client_CA_file(o.tls_client_ca.c_str()) : nullptr;
+        if (names != nullptr) SSL_CTX_set_client_CA_list(native, names);
+        ctx->set_verify_mode(asio::ssl::verify_peer | asio::ssl::verify_fail_if_no_peer_cert);
+    }
+    ERR_clear_error();
+    if (ok) tls_ = std::move(ctx);
+    return ok;
 }
 
 void Engine::stop()
@@ -1052,7 +1137,8 @@ void Engine::admit(asio::ip::tcp::socket socket)
     asio::error_code ignored;
     socket.set_option(asio::ip::tcp::no_delay(true), ignored);
     asio::ip::tcp::endpoint peer = socket.remote_endpoint(ignored);
-    auto c = std::make_shared<Connection>(*this, std::move(socket), next_id_++, peer);
+    auto c = std::make_shared<Connection>(
+        *this, tls_ != nullptr ? Transport(std::move(socket), *tls_) : Transport(std::move(socket)), next_id_++, peer);
     conns_[c->id()] = c;
     stats_.accepted++;
     stats_.open++;
@@ -1082,8 +1168,10 @@ void Engine::refuse(asio::ip::tcp::socket socket, Repeat kind, const char *why)
     if (let(kind))
         logger_.event(LogLevel::warn, "conn_refused",
                       {{"peer", peer.address().to_string() + ":" + std::to_string(peer.port())}, {"reason", why}});
+    // Over TLS the answer could only come after a TLS handshake, whose cost
+    // is what the refusal saves: the client sees its TLS handshake end.
     std::string out;
-    codec::encode_reply(out, 0, kStatusConnectionLimit);
+    if (tls_ == nullptr) codec::encode_reply(out, 0, kStatusConnectionLimit);
     const int fd = socket.native_handle();
     if (::send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(out.size()) &&
         ::shutdown(fd, SHUT_WR) == 0) {
@@ -1181,7 +1269,12 @@ void Engine::handle(Connection &c, const codec::PacketView &p, std::string *pack
             return;
         }
         std::string out, why;
-        std::optional<Identity> who = identify(p.strings[1], p.strings[2], nullptr, &why);
+        // A verified client certificate names the client; without one the
+        // handshake's claims are taken as they are.
+        const PeerIdentity *peer = c.peer();
+        std::optional<Subject> subject;
+        if (peer != nullptr) subject = Subject{peer->name, peer->groups};
+        std::optional<Identity> who = identify(p.strings[1], p.strings[2], subject ? &*subject : nullptr, &why);
         if (!who) {
             // The handshake has no status: a failed reply stands in for it.
             stats_.identity_refused++;
@@ -1721,7 +1814,8 @@ uint16_t Server::port() const
 
 std::string Server::url() const
 {
-    return "tcp://" + engine_->host_ + ":" + std::to_string(engine_->port_);
+    bool tls = !engine_->options_.tls_cert.empty();
+    return (tls ? "tls://" : "tcp://") + engine_->host_ + ":" + std::to_string(engine_->port_);
 }
 
 const Stats &Server::stats() const

@@ -91,6 +91,12 @@ struct Options {
     // may do everything. Null with acl_file set: start() loads the file.
     std::shared_ptr<const Acl> acl;
     std::string acl_file;                      // where reload() reads the rules again; empty: nowhere
+    // TLS: with a certificate and its key (PEM files) the port speaks TLS
+    // only (1.2 and newer); with a client CA too, every client must present
+    // a certificate that CA signed, or its TLS handshake is refused.
+    std::string tls_cert;
+    std::string tls_key;
+    std::string tls_client_ca;
 };
 
 // Counters of the service's life, readable from any thread while it runs.
@@ -107,6 +113,7 @@ struct Stats {
     std::atomic<uint64_t> memory{0};           // bytes held for all connections now (see max_memory)
     std::atomic<uint64_t> denied{0};           // requests refused by the access rules
     std::atomic<uint64_t> identity_refused{0}; // handshakes refused: claims the certificate does not hold
+    std::atomic<uint64_t> tls_refused{0};      // connections closed because their TLS handshake failed
 };
 
 // The service's machinery, private to server.cpp.
@@ -141,7 +148,8 @@ public:
 
     // The listening port, after a successful start.
     uint16_t port() const;
-    // "tcp://HOST:PORT" of the listener, after a successful start.
+    // "tcp://HOST:PORT" of the listener ("tls://..." with TLS), after a
+    // successful start.
     std::string url() const;
     // Counters; valid from construction to destruction.
     const Stats &stats() const;

@@ -74,7 +74,8 @@ ServiceMetrics::ServiceMetrics(const Stats &stats, std::function<bool()> store_u
         "hspaced_connections_dropped_total",
         "Client connections the service closed, by reason: invalid (an invalid packet or handshake, or a length "
         "no packet may have), slow (its unsent notifications over --max-queue), memory (the heaviest while over "
-        "--max-memory), handshake_timeout (no handshake within --handshake-timeout).",
+        "--max-memory), handshake_timeout (no handshake within --handshake-timeout), tls_handshake (its TLS handshake "
+        "failed).",
         Type::counter, {"reason"});
     dropped.reading({"invalid"},
                     [&stats] { return static_cast<double>(stats.dropped_invalid.load(std::memory_order_relaxed)); });
@@ -85,6 +86,8 @@ ServiceMetrics::ServiceMetrics(const Stats &stats, std::function<bool()> store_u
     dropped.reading({"handshake_timeout"}, [&stats] {
         return static_cast<double>(stats.dropped_handshake.load(std::memory_order_relaxed));
     });
+    dropped.reading({"tls_handshake"},
+                    [&stats] { return static_cast<double>(stats.tls_refused.load(std::memory_order_relaxed)); });
     registry_
         .family("hspaced_connection_memory_bytes",
                 "Bytes held for all connections now (read buffers, unsent packets), bounded by --max-memory.",

@@ -2,8 +2,9 @@
  * qel_hspace.h - client library of the hspace keyed object store.
  *
  * One handle is one TCP connection to one service. Initialize the library
- * once, create a handle from a service URL ("tcp://host:port") and a client
- * identity, open it, then put, get, post (subscribe), cancel and remove from
+ * once, create a handle from a service URL ("tcp://host:port", or
+ * "tls://host:port" for TLS) and a client identity, open it, then put, get,
+ * post (subscribe), cancel and remove from
  * any number of threads. Asynchronous results arrive at the handle's event
  * callback, which runs on the handle's own reader thread.
  *
@@ -34,7 +35,7 @@ typedef struct qel_hspace_object_struct *t_qel_hspace_object;
 
 /* What qel_hspace_create needs; owned by the application, copied by create. */
 typedef struct qel_hspace_create_data {
-    t_kro_str service_url;  /* "tcp://host:port"; required */
+    t_kro_str service_url;  /* "tcp://host:port" or "tls://host:port"; required */
     t_kro_str client_name;  /* sent in the handshake; null means "anonymous" */
     t_kro_str client_group; /* sent in the handshake; null means "default" */
 } qel_hspace_create_data;
@@ -155,8 +156,8 @@ KRO_API t_kro_error qel_hspace_error_get_text(t_kro_error error, const t_kro_cha
 /* Creates a handle in HSPACE_STATE_INIT into *hspace. create_data and its
  * strings may be reused as soon as create returns. Errors: 7; 12 for null
  * create_data, service_url, event_handler or hspace, or a client name or
- * group longer than 32767 bytes; 21 for a scheme other than tcp; 22 for a
- * malformed URL. */
+ * group longer than 32767 bytes; 21 for a scheme other than tcp or tls; 22
+ * for a malformed URL. */
 KRO_API t_kro_error qel_hspace_create(t_qel_hspace_create_data create_data,
                                       t_qel_hspace_event_handler_func event_handler,
                                       t_qel_hspace *hspace);
@@ -164,17 +165,51 @@ KRO_API t_kro_error qel_hspace_create(t_qel_hspace_create_data create_data,
 /* Bound of open: connecting and the handshake together, in milliseconds. */
 #define QEL_HSPACE_OPEN_TIMEOUT_MS 5000
 
-/* Connects, handshakes and starts the reader thread, giving up after
- * QEL_HSPACE_OPEN_TIMEOUT_MS (name resolution aside) with KRO_ERR_TIMEOUT.
- * On failure the handle stays in HSPACE_STATE_INIT and open may be called
- * again. Errors: 7, 12, 13 unless HSPACE_STATE_INIT, the runtime's connect
- * or read error, KRO_ERR_TIMEOUT, KRO_ERR_INVALID_PACKET for an answer that
- * is no handshake reply. */
+/* Connects (with TLS for a tls:// handle), handshakes and starts the
+ * reader thread, giving up after QEL_HSPACE_OPEN_TIMEOUT_MS (name
+ * resolution aside) with KRO_ERR_TIMEOUT (KRO_ERR_TLS_TIMEOUT when the TLS
+ * handshake was under way). On failure the handle stays in
+ * HSPACE_STATE_INIT, open may be called again, and
+ * qel_hspace_error_get_detail says why. Errors: 7, 12, 13 unless
+ * HSPACE_STATE_INIT, the runtime's connect or read error, KRO_ERR_TIMEOUT,
+ * KRO_ERR_INVALID_PACKET for an answer that is no handshake reply, and
+ * KRO_ERR_TLS_HANDSHAKE, _VERIFY, _CLIENT_CERT, _CONFIG, _TIMEOUT. */
 KRO_API t_kro_error qel_hspace_open(t_qel_hspace hspace);
 
 /* qel_hspace_open with a bound of timeout_ms milliseconds instead of
  * QEL_HSPACE_OPEN_TIMEOUT_MS; 0 waits without bound. */
 KRO_API t_kro_error qel_hspace_open_timed(t_qel_hspace hspace, t_kro_uint4 timeout_ms);
+
+/* TLS options of a tls:// handle. Set version to
+ * QEL_HSPACE_TLS_OPTIONS_VERSION; a null member takes its default. Files
+ * are PEM. Later versions only add members at the end. */
+#define QEL_HSPACE_TLS_OPTIONS_VERSION 1
+typedef struct qel_hspace_tls_options {
+    t_kro_uint4 version;   /* QEL_HSPACE_TLS_OPTIONS_VERSION */
+    t_kro_str ca_file;     /* CA certificates the service's certificate must chain to; null: the system's store */
+    t_kro_str cert_file;   /* client certificate (and chain), sent when the service asks for one; null: none */
+    t_kro_str key_file;    /* private key of cert_file (not encrypted); null: read from cert_file */
+    t_kro_str server_name; /* name the service's certificate must hold; null: the URL's host */
+} qel_hspace_tls_options;
+
+/* Sets the TLS options of a tls:// handle before open (without this call
+ * open uses the defaults: the system's CA store, no client certificate).
+ * The service's certificate is always verified, and its name against the
+ * host; TLS 1.2 and newer only. The files are read here: a file that
+ * cannot be read or used is KRO_ERR_TLS_CONFIG, with the reason in
+ * qel_hspace_error_get_detail. options may be null (the defaults) and are
+ * copied. Errors: 7; 12 for a null handle or a handle whose URL is not
+ * tls://; 9 for an options version this library does not know; 13 unless
+ * HSPACE_STATE_INIT; KRO_ERR_TLS_CONFIG. Same threading rules as open. */
+KRO_API t_kro_error qel_hspace_set_tls(t_qel_hspace hspace, const qel_hspace_tls_options *options);
+
+/* The reason of the handle's last failed open or qel_hspace_set_tls, in
+ * the system's or the TLS library's words, e.g. "certificate verify failed:
+ * certificate has expired", "TLS handshake timed out", "the service asked
+ * for a client certificate and none is configured"; "" when the last one
+ * succeeded. *text is the handle's and stays valid until its next open,
+ * set_tls or destroy. Errors: 7, 12. */
+KRO_API t_kro_error qel_hspace_error_get_detail(t_qel_hspace hspace, const t_kro_char **text);
 
 /* Stores the handle's current state (read without a lock). */
 KRO_API t_kro_error qel_hspace_get_state(t_qel_hspace hspace, t_qel_hspace_state *state);

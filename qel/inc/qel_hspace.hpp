@@ -170,6 +170,16 @@ struct Reconnect {
     unsigned max_attempts = 0;                         // 0: forever
 };
 
+// TLS of a "tls://host:port" Client (qel_hspace_set_tls); an empty string
+// takes the default. Setting any of them for a tcp:// URL fails open with
+// error::invalid_argument.
+struct Tls {
+    std::string ca_file;     // PEM CA certificates the service's must chain to; empty: the system's store
+    std::string cert_file;   // PEM client certificate, sent when the service asks; empty: none
+    std::string key_file;    // its PEM private key; empty: in cert_file
+    std::string server_name; // name the service's certificate must hold; empty: the URL's host
+};
+
 struct Options {
     std::string client_name;                           // empty: "anonymous"
     std::string client_group;                          // empty: "default"
@@ -185,6 +195,7 @@ struct Options {
     // failed). Runs on a thread of the Client (not the reader thread), one
     // call at a time; it must not destroy the Client.
     std::function<void(State, std::error_code)> on_state;
+    Tls tls;                                           // tls:// URLs: CA, client certificate, name
 };
 
 // Per-call options. A call whose deadline passes returns error::timeout;
@@ -271,7 +282,8 @@ public:
     Client &operator=(const Client &) = delete;
 
     // Connects and handshakes, bounded by Options::open_timeout. A failed
-    // open leaves the Client idle; it may be called again.
+    // open leaves the Client idle; it may be called again. The exception's
+    // what() ends with the cause in detail (qel_hspace_error_get_detail).
     void open();
     void open(std::error_code &ec) noexcept;
     // Ends the connection and every subscription; calls waiting get

@@ -8,12 +8,18 @@
  * same three fields and is the ring's sentinel. Nodes are appended at the
  * tail only; walks go from the oldest node to the newest.
  *
+ * Since a record (or the head) is reached through a node pointer of
+ * another type, the operations read and write the links byte-wise
+ * (memcpy), which an optimising compiler may not assume apart from the
+ * record's or the head's own fields.
+ *
  * No operation locks: a list is touched by its owner, or under the lock that
  * guards its owner.
  */
 #ifndef KRO_LLIST_H
 #define KRO_LLIST_H
 
+#include <stddef.h>
 #include <string.h>
 
 #include "kro.h"
@@ -40,15 +46,43 @@ struct kro_llist {
 };
 typedef struct kro_llist *t_kro_llist;
 
+/* The links of the record or list head at p (byte-wise, see above). */
+#define KRO_LLIST_NEXT offsetof(struct kro_llist_node, next)
+#define KRO_LLIST_PREV offsetof(struct kro_llist_node, prev)
+
+static inline t_kro_llist_node kro_llist_link_get(const void *p, size_t offset)
+{
+    t_kro_llist_node link;
+    memcpy(&link, KRO_CAST(const char *, p) + offset, sizeof link);
+    return link;
+}
+
+static inline void kro_llist_link_set(void *p, size_t offset, t_kro_llist_node link)
+{
+    memcpy(KRO_CAST(char *, p) + offset, &link, sizeof link);
+}
+
+static inline struct kro_llist *kro_llist_head_get(const void *p)
+{
+    struct kro_llist *head;
+    memcpy(&head, KRO_CAST(const char *, p) + offsetof(struct kro_llist_node, head), sizeof head);
+    return head;
+}
+
+static inline void kro_llist_head_set(void *p, struct kro_llist *head)
+{
+    memcpy(KRO_CAST(char *, p) + offsetof(struct kro_llist_node, head), &head, sizeof head);
+}
+
 /* Creates an empty list into *variable. Out of memory ends the process. */
 static inline void kro_llist_create(t_kro_llist *variable)
 {
     t_kro_llist list;
     KRO_ALLOC_RECORD(sizeof(struct kro_llist), variable, 0);
     list = *variable;
-    list->head = list;
-    list->prev = KRO_REINTERPRET(t_kro_llist_node, list->head);
-    list->next = list->prev;
+    kro_llist_head_set(list, list);
+    kro_llist_link_set(list, KRO_LLIST_PREV, KRO_REINTERPRET(t_kro_llist_node, list));
+    kro_llist_link_set(list, KRO_LLIST_NEXT, KRO_REINTERPRET(t_kro_llist_node, list));
     list->num_elements = 0;
     list->read_only = 0;
 }
@@ -57,22 +91,22 @@ static inline void kro_llist_create(t_kro_llist *variable)
  * when it is allocated. */
 static inline void kro_llist_node_init(t_kro_ptr node)
 {
-    t_kro_llist_node n = KRO_CAST(t_kro_llist_node, node);
-    n->head = KRO_NULL;
-    n->prev = KRO_NULL;
-    n->next = KRO_NULL;
+    kro_llist_head_set(node, KRO_NULL);
+    kro_llist_link_set(node, KRO_LLIST_PREV, KRO_NULL);
+    kro_llist_link_set(node, KRO_LLIST_NEXT, KRO_NULL);
 }
 
 /* Appends node at the tail. The list must not be read-only. */
 static inline void kro_llist_append(t_kro_llist list, t_kro_ptr node)
 {
     t_kro_llist_node n = KRO_CAST(t_kro_llist_node, node);
+    t_kro_llist_node last = kro_llist_link_get(list, KRO_LLIST_PREV);
     KRO_CHECK(list->read_only == 0);
-    n->prev = list->prev;
-    n->next = KRO_REINTERPRET(t_kro_llist_node, list);
-    n->prev->next = n;
-    list->prev = n;
-    n->head = list;
+    kro_llist_link_set(n, KRO_LLIST_PREV, last);
+    kro_llist_link_set(n, KRO_LLIST_NEXT, KRO_REINTERPRET(t_kro_llist_node, list));
+    kro_llist_link_set(last, KRO_LLIST_NEXT, n);
+    kro_llist_link_set(list, KRO_LLIST_PREV, n);
+    kro_llist_head_set(n, list);
     list->num_elements += 1;
 }
 
@@ -80,28 +114,33 @@ static inline void kro_llist_append(t_kro_llist list, t_kro_ptr node)
  * list that is not read-only. */
 static inline void kro_llist_remove(t_kro_ptr node)
 {
-    t_kro_llist_node n = KRO_CAST(t_kro_llist_node, node);
-    KRO_CHECK(n->head != KRO_NULL);
-    KRO_CHECK(n->head->read_only == 0);
-    n->prev->next = n->next;
-    n->next->prev = n->prev;
-    n->head->num_elements -= 1;
-    n->head = KRO_NULL;
-    n->prev = KRO_NULL;
-    n->next = KRO_NULL;
+    struct kro_llist *head = kro_llist_head_get(node);
+    t_kro_llist_node prev = kro_llist_link_get(node, KRO_LLIST_PREV);
+    t_kro_llist_node next = kro_llist_link_get(node, KRO_LLIST_NEXT);
+    KRO_CHECK(head != KRO_NULL);
+    KRO_CHECK(head->read_only == 0);
+    kro_llist_link_set(prev, KRO_LLIST_NEXT, next);
+    kro_llist_link_set(next, KRO_LLIST_PREV, prev);
+    head->num_elements -= 1;
+    kro_llist_head_set(node, KRO_NULL);
+    kro_llist_link_set(node, KRO_LLIST_PREV, KRO_NULL);
+    kro_llist_link_set(node, KRO_LLIST_NEXT, KRO_NULL);
 }
 
 /* First (oldest) node, or null when the list is empty. */
 static inline t_kro_ptr kro_llist_first(t_kro_llist list)
 {
-    return list->next == KRO_REINTERPRET(t_kro_llist_node, list) ? KRO_NULL : KRO_CAST(t_kro_ptr, list->next);
+    t_kro_llist_node first = kro_llist_link_get(list, KRO_LLIST_NEXT);
+    if (first == KRO_REINTERPRET(t_kro_llist_node, list)) return KRO_NULL;
+    return first;
 }
 
 /* The node after node, or null after the last. */
 static inline t_kro_ptr kro_llist_next(t_kro_llist list, t_kro_ptr node)
 {
-    t_kro_llist_node n = KRO_CAST(t_kro_llist_node, node)->next;
-    return n == KRO_REINTERPRET(t_kro_llist_node, list) ? KRO_NULL : KRO_CAST(t_kro_ptr, n);
+    t_kro_llist_node n = kro_llist_link_get(node, KRO_LLIST_NEXT);
+    if (n == KRO_REINTERPRET(t_kro_llist_node, list)) return KRO_NULL;
+    return n;
 }
 
 /* Unlinks and frees every node as a plain block, then frees the head and
@@ -113,7 +152,7 @@ static inline void kro_llist_destroy(t_kro_llist *variable)
     list->read_only = 0;
     while (list->num_elements > 0) {
         t_kro_ptr node = kro_llist_first(list);
-        if (KRO_CAST(t_kro_llist_node, node)->head != KRO_NULL) kro_llist_remove(node);
+        if (kro_llist_head_get(node) != KRO_NULL) kro_llist_remove(node);
         KRO_CHECK(kro_mm_free(&node) == 0);
     }
     KRO_CHECK(kro_mm_free(variable) == 0);

@@ -4,6 +4,8 @@
  *
  * One socket may be read by one thread while other threads write to it
  * (writes are serialised by the caller) and another thread interrupts it.
+ * A socket given a TLS configuration (kro_socket_set_tls) speaks TLS over
+ * its connection with the same contract (kro_tls.cpp).
  */
 #ifndef KRO_SOCKET_H
 #define KRO_SOCKET_H
@@ -47,7 +49,8 @@ t_kro_error kro_socket_set_deadline(t_kro_socket socket, t_kro_uint4 timeout_ms)
 /* Resolves the remote address and connects, blocking; disables Nagle's
  * algorithm. KRO_ERR_HOST_NOT_FOUND, KRO_ERR_CONN_REFUSED, KRO_ERR_TIMEOUT
  * (the deadline passed) or KRO_ERR_NET on failure; a failed socket may be
- * connected again. */
+ * connected again. With TLS the handshake follows within the same
+ * deadline: KRO_ERR_TLS_HANDSHAKE, _VERIFY, _CLIENT_CERT or _TIMEOUT. */
 t_kro_error kro_socket_connect(t_kro_socket socket);
 
 /* Blocks until at least one byte has arrived, stores at most lim - pos
@@ -61,6 +64,8 @@ t_kro_error kro_socket_read(t_kro_socket socket, t_kro_buf buf, t_kro_uint4 *byt
  * never raising SIGPIPE; 0 means all were sent. pos is left unchanged. */
 t_kro_error kro_socket_write_single(t_kro_socket socket, t_kro_buf buf,
                                     t_kro_uint4 *bytes_transferred);
+
+#define KRO_SOCKET_GATHER_MAX 64 /* chunks one gathered write takes at most */
 
 /* One piece of a gathered write: len bytes at ptr. */
 typedef struct kro_socket_chunk {
@@ -86,6 +91,44 @@ t_kro_error kro_socket_interrupt(t_kro_socket socket);
 
 /* Closes and frees the socket with its create data, and clears *socket. */
 t_kro_error kro_socket_destroy(t_kro_socket *socket);
+
+/* Copies the reason of the socket's last failed connect, read or write
+ * (the system's or the TLS library's words, e.g. "certificate verify
+ * failed: certificate has expired") into text, at most size bytes with the
+ * terminator; "" when none failed. Any thread. */
+t_kro_error kro_socket_error_detail(t_kro_socket socket, t_kro_char *text, t_kro_uint4 size);
+
+/* ---- TLS (kro_tls.cpp, over OpenSSL) ---- */
+
+/* A TLS client configuration: TLS 1.2 and newer, the peer's certificate
+ * verified against the CA certificates, a client certificate sent when the
+ * peer asks for one. Immutable once made; shared by reference. */
+typedef struct kro_tls *t_kro_tls;
+
+typedef struct kro_tls_config_struct {
+    t_kro_str ca_file;   /* PEM CA certificates to trust; null: the system's store */
+    t_kro_str cert_file; /* PEM client certificate (and chain); null: none */
+    t_kro_str key_file;  /* PEM private key of cert_file; null: read from cert_file */
+} t_kro_tls_config_struct;
+
+/* Reads the files and makes a configuration into *tls. KRO_ERR_TLS_CONFIG
+ * when a file cannot be read or used (an encrypted key too: nothing asks
+ * for a passphrase), with the reason in detail (at most detail_size bytes
+ * with the terminator; detail may be null). */
+t_kro_error kro_tls_create(const t_kro_tls_config_struct *config, t_kro_tls *tls, t_kro_char *detail,
+                           t_kro_uint4 detail_size);
+
+/* Drops the caller's reference and clears *tls; the configuration lives on
+ * in the sockets that use it. */
+t_kro_error kro_tls_destroy(t_kro_tls *tls);
+
+/* Makes kro_socket_connect run a TLS handshake over the new connection,
+ * verifying that the peer's certificate holds server_name (a host name, or
+ * a numeric address; null or "" means the remote address of the create
+ * data, "localhost" when that is empty), and every read and write go
+ * through TLS. The socket keeps its own reference and its own copy of the
+ * name. Before connect, from the connecting thread. */
+t_kro_error kro_socket_set_tls(t_kro_socket socket, t_kro_tls tls, t_kro_str server_name);
 
 #ifdef __cplusplus
 }

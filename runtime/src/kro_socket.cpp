@@ -2,9 +2,11 @@
  * kro_socket.cpp - TCP client sockets over BSD sockets.
  *
  * One thread reads, callers serialise their writes, and any thread may
- * interrupt. fd and interrupted are the only fields shared between those
- * threads and are atomic; fd is set only once a connect has succeeded, so
- * an interrupt never sees a half-made socket.
+ * interrupt. fd, tls_conn and interrupted are the only fields shared
+ * between those threads and are atomic; fd is set only once a connect (and
+ * its TLS handshake) has succeeded, after tls_conn, so an interrupt never
+ * sees a half-made socket. A TLS socket reads and writes through
+ * kro_tls.cpp, which serialises its own calls into OpenSSL.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -21,8 +23,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <new>
+#include <string>
 
+#include "kro_llist.h"
 #include "kro_private.h"
 #include "kro_socket.h"
 #include "kro_wake.h"
@@ -33,11 +38,32 @@ struct kro_socket {
     std::atomic<bool> interrupted{false};        /* set by kro_socket_interrupt, never cleared */
     std::chrono::steady_clock::time_point deadline; /* bound of connect, reads and writes; set by the connecting thread */
     bool bounded = false;                        /* deadline applies */
+    t_kro_tls tls = nullptr;                     /* TLS configuration, one reference; null: plain TCP */
+    t_kro_str tls_name = nullptr;                /* name the peer's certificate must hold; owned, null: the host */
+    std::atomic<kro_tls_conn *> tls_conn{nullptr}; /* the TLS connection, stored before fd */
+    std::mutex detail_mutex;                     /* guards detail */
+    std::string detail;                          /* reason of the last failure */
 };
+
+void kro_socket_detail_set(t_kro_socket socket, const std::string &text)
+{
+    std::lock_guard<std::mutex> lock(socket->detail_mutex);
+    socket->detail = text;
+}
+
+t_kro_error kro_socket_error_detail(t_kro_socket socket, t_kro_char *text, t_kro_uint4 size)
+{
+    if (socket == NULL || text == NULL || size == 0) return KRO_ERR_INVALID_ARG;
+    std::lock_guard<std::mutex> lock(socket->detail_mutex);
+    snprintf(text, size, "%s", socket->detail.c_str());
+    return 0;
+}
+
+bool kro_socket_is_interrupted(t_kro_socket socket) { return socket->interrupted.load(); }
 
 /* Milliseconds left before the socket's deadline for poll: -1 without a
  * deadline, 0 once it has passed. */
-static int kro_socket_remaining_ms(t_kro_socket socket)
+int kro_socket_remaining_ms(t_kro_socket socket)
 {
     if (!socket->bounded) return -1;
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(socket->deadline -
@@ -81,6 +107,17 @@ t_kro_error kro_socket_client_create(t_kro_socket_client_create_data create_data
     }
     s->create_data = create_data;
     *socket = s;
+    return 0;
+}
+
+t_kro_error kro_socket_set_tls(t_kro_socket socket, t_kro_tls tls, t_kro_str server_name)
+{
+    if (socket == NULL || tls == NULL) return KRO_ERR_INVALID_ARG;
+    if (socket->fd.load() >= 0) return KRO_ERR_INVALID_ARG;
+    if (socket->tls != NULL) kro_tls_release(socket->tls);
+    socket->tls = kro_tls_ref(tls);
+    if (socket->tls_name != NULL) kro_mm_free(&socket->tls_name);
+    if (server_name != NULL && server_name[0] != '\0') kro_str_assign(&socket->tls_name, server_name);
     return 0;
 }
 
@@ -154,6 +191,8 @@ t_kro_error kro_socket_connect(t_kro_socket socket)
     rc = getaddrinfo(node, service, &hints, &res);
     if (rc != 0) {
         kro_em_net_error_set(rc == EAI_SYSTEM ? errno : rc);
+        kro_socket_detail_set(socket, std::string(node != NULL ? node : "localhost") + ": " +
+                                          (rc == EAI_SYSTEM ? strerror(errno) : gai_strerror(rc)));
         return KRO_ERR_HOST_NOT_FOUND;
     }
     for (ai = res; ai != NULL; ai = ai->ai_next) {
@@ -174,8 +213,21 @@ t_kro_error kro_socket_connect(t_kro_socket socket)
     freeaddrinfo(res);
     if (fd < 0) {
         kro_em_net_error_set(last);
+        kro_socket_detail_set(socket, std::string("connect to ") + (node != NULL ? node : "localhost") + " port " +
+                                          service + ": " +
+                                          (last == ETIMEDOUT && socket->bounded ? "timed out" : strerror(last)));
         if (last == ETIMEDOUT && socket->bounded) return KRO_ERR_TIMEOUT;
         return last == ECONNREFUSED ? KRO_ERR_CONN_REFUSED : KRO_ERR_NET;
+    }
+    if (socket->tls != NULL) {
+        kro_tls_conn *conn = NULL;
+        const char *name = socket->tls_name != NULL ? socket->tls_name : node != NULL ? node : "localhost";
+        t_kro_error error = kro_tls_conn_open(socket, socket->tls, name, fd, &conn);
+        if (error != 0) {
+            close(fd);
+            return error;
+        }
+        socket->tls_conn.store(conn);
     }
     socket->fd.store(fd);
     /* An interrupt that came before the store saw no descriptor to shut. */
@@ -194,6 +246,12 @@ t_kro_error kro_socket_read(t_kro_socket socket, t_kro_buf buf, t_kro_uint4 *byt
     if (socket->interrupted.load()) return KRO_ERR_INTERRUPTED;
     fd = socket->fd.load();
     if (fd < 0) return KRO_ERR_NOT_CONNECTED;
+    if (kro_tls_conn *conn = socket->tls_conn.load()) {
+        t_kro_error error = kro_tls_conn_read(socket, conn, (t_kro_byte *)buf->ptr + buf->pos, buf->lim - buf->pos,
+                                              bytes_transferred);
+        if (error == 0) buf->pos += *bytes_transferred;
+        return error;
+    }
     if (socket->bounded && kro_socket_wait(socket, fd, POLLIN) == ETIMEDOUT) {
         kro_em_net_error_set(ETIMEDOUT);
         return KRO_ERR_TIMEOUT;
@@ -228,6 +286,12 @@ t_kro_error kro_socket_write_single(t_kro_socket socket, t_kro_buf buf,
     if (fd < 0) return KRO_ERR_NOT_CONNECTED;
     p = (const t_kro_byte *)buf->ptr + buf->pos;
     length = buf->lim - buf->pos;
+    if (kro_tls_conn *conn = socket->tls_conn.load()) {
+        t_kro_socket_chunk chunk = {p, length};
+        int ms = kro_socket_remaining_ms(socket);
+        uint64_t deadline = ms < 0 ? 0 : kro_clock_now_ns() + (uint64_t)ms * 1000000u + 1u;
+        return kro_tls_conn_write(socket, conn, &chunk, 1, deadline, bytes_transferred);
+    }
     while (total < length) {
         if (socket->bounded && kro_socket_wait(socket, fd, POLLOUT) == ETIMEDOUT) {
             kro_em_net_error_set(ETIMEDOUT);
@@ -246,8 +310,6 @@ t_kro_error kro_socket_write_single(t_kro_socket socket, t_kro_buf buf,
     *bytes_transferred = total;
     return 0;
 }
-
-#define KRO_SOCKET_GATHER_MAX 8 /* chunks one gathered write takes */
 
 /* Waits until fd can take more bytes or the monotonic deadline passes.
  * Returns 0 or ETIMEDOUT. A failed poll counts as ready: the next send
@@ -287,6 +349,8 @@ t_kro_error kro_socket_write_gather(t_kro_socket socket, const t_kro_socket_chun
         kro_em_net_error_set(ETIMEDOUT);
         return KRO_ERR_TIMEOUT;
     }
+    if (kro_tls_conn *conn = socket->tls_conn.load())
+        return kro_tls_conn_write(socket, conn, chunks, count, deadline, bytes_transferred);
     for (;;) {
         struct msghdr msg;
         t_kro_uint4 n = 0;
@@ -337,6 +401,7 @@ t_kro_error kro_socket_interrupt(t_kro_socket socket)
     if (socket == NULL) return KRO_ERR_INVALID_ARG;
     socket->interrupted.store(true);
     fd = socket->fd.load();
+    if (kro_tls_conn *conn = fd >= 0 ? socket->tls_conn.load() : NULL) kro_tls_conn_close_notify(conn);
     if (fd >= 0 && shutdown(fd, SHUT_RDWR) != 0 && errno != ENOTCONN) {
         kro_em_net_error_set(errno);
         return KRO_ERR_NET;
@@ -354,6 +419,10 @@ t_kro_error kro_socket_destroy(t_kro_socket *socket)
     if (socket == NULL || *socket == NULL) return KRO_ERR_INVALID_ARG;
     s = *socket;
     fd = s->fd.exchange(-1);
+    kro_tls_conn *conn = s->tls_conn.exchange(NULL);
+    kro_tls_conn_free(&conn);
+    if (s->tls != NULL) kro_tls_release(s->tls);
+    if (s->tls_name != NULL) kro_mm_free(&s->tls_name);
     if (fd >= 0 && close(fd) != 0) kro_em_net_error_set(errno);
     data = s->create_data;
     if (data->device_create_data.remote_ifaddr != NULL)

@@ -50,16 +50,30 @@ expect_err "hspaced: $rules:4: rights 'x' are not r, w or rw"
 expect_exit 2 "$HSPACED" --port 0 --acl "$tmp/none"
 expect_err "hspaced: cannot read $tmp/none: No such file or directory"
 
-# Only loopback is served open; --insecure overrides, and then the check
-# is passed (192.0.2.1 is an address no interface has: it cannot listen).
+# Only loopback is served open: elsewhere only with client certificates
+# and rules, or --insecure. Once the check passes, 192.0.2.1 (an address no
+# interface has) cannot be listened on. A self-signed certificate made here
+# is the service's and the clients' CA at once.
 printf 'cli rw *\n' >"$rules"
-for args in "--listen 0.0.0.0" "--listen 0.0.0.0 --acl $rules"; do
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 -subj /CN=hspaced \
+    -keyout "$tmp/key.pem" -out "$tmp/cert.pem" 2>/dev/null || fail "openssl could not make a certificate"
+tls="--tls-cert $tmp/cert.pem --tls-key $tmp/key.pem"
+while IFS='|' read -r want args; do
     eval "set -- $args"
-    expect_exit 2 "$HSPACED" --port 0 "$@"
-    expect_err "hspaced: refusing to listen on 0.0.0.0, which is not a loopback address"
-done
-expect_exit 1 "$HSPACED" --port 0 --listen 192.0.2.1 --insecure
-expect_err 'event=start_failed reason="cannot listen on 192.0.2.1:0'
+    expect_exit "$want" "$HSPACED" --port 0 "$@"
+    if [ "$want" -eq 2 ]; then
+        expect_err "hspaced: refusing to listen on $2, which is not a loopback address"
+    else
+        expect_err 'event=start_failed reason="cannot listen on 192.0.2.1:0'
+    fi
+done <<EOF
+2|--listen 0.0.0.0
+2|--listen 192.0.2.1 --acl $rules
+2|--listen 192.0.2.1 --acl $rules $tls
+2|--listen 192.0.2.1 $tls --tls-client-ca $tmp/cert.pem
+1|--listen 192.0.2.1 --acl $rules $tls --tls-client-ca $tmp/cert.pem
+1|--listen 192.0.2.1 --insecure
+EOF
 
 # A service on the rules, its log through a fifo.
 printf 'cli rw a/*   # the CLI owns a/\ncli r b/*\n' >"$rules"

@@ -5,7 +5,8 @@
  * Then a running service (in-process, memory store) that enforces them: a
  * table of group x operation x key or pattern with the store compared
  * after every request, patterns half inside a rule, refusals without a
- * reply; reloads under live writers and subscribers, a bad file kept out.
+ * reply; reloads under live writers and subscribers, a bad file kept out;
+ * identities from client certificates over TLS, and claims they refuse.
  */
 #include <stdlib.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <random>
 
 #include "acl.h"
+#include "certs.h"
 #include "client_harness.h"
 #include "server.h"
 
@@ -29,6 +31,8 @@ using hspace::service::Identity;
 using hspace::service::Options;
 using hspace::service::Server;
 using hspace::service::Subject;
+using hspace::test::CertFiles;
+using hspace::test::Certs;
 using Groups = std::vector<std::string>;
 
 constexpr t_kro_error kDenied = HSPACE_STATUS_PERMISSION_DENIED;
@@ -537,6 +541,60 @@ TEST_F(AclService, WithoutRulesEveryoneMayDoEverythingAndABadFileFailsTheStart)
     Server bad(options);
     EXPECT_FALSE(bad.start(&error));
     EXPECT_EQ(error, path_ + ":2: rights 'rx' are not r, w or rw");
+}
+
+// With client certificates a client is its certificate: a claim it does not
+// hold refuses the handshake, and its rules are its O values' (alice is in
+// readers, bob in writers and readers).
+TEST_F(AclService, ACertificateNamesTheClientAndAClaimItDoesNotHoldIsRefused)
+{
+    write("readers r *\nwriters rw w/*\n");
+    Options options;
+    options.acl_file = path_;
+    options.tls_cert = Certs().server.cert;
+    options.tls_key = Certs().server.key;
+    options.tls_client_ca = Certs().ca;
+    Server server(options);
+    std::string error;
+    ASSERT_TRUE(server.start(&error)) << error;
+    const CertFiles &alice = Certs().alice, &bob = Certs().bob;
+    const struct {
+        const CertFiles &cert;
+        const char *name, *group;       // claimed in the handshake
+        t_kro_error open, put, get;     // open's result; a put under w/ and a get of w/* once open
+    } cases[] = {
+        {alice, "alice", "readers", 0, kDenied, 0},
+        {alice, nullptr, nullptr, 0, kDenied, 0}, // "anonymous", "default": no claim
+        {alice, "", "", 0, kDenied, 0},
+        {bob, "bob", "readers", 0, 0, 0},         // a claim does not narrow the groups
+        {bob, nullptr, "writers", 0, 0, 0},
+        {alice, "bob", "readers", HSPACE_STATUS_IDENTITY_REFUSED, 0, 0},
+        {alice, "Alice", nullptr, HSPACE_STATUS_IDENTITY_REFUSED, 0, 0},
+        {alice, "alice", "writers", HSPACE_STATUS_IDENTITY_REFUSED, 0, 0},
+        {bob, nullptr, "admins", HSPACE_STATUS_IDENTITY_REFUSED, 0, 0},
+    };
+    uint64_t refused = 0;
+    for (const auto &k : cases) {
+        const std::string row = std::string(k.name ? k.name : "(null)") + "/" + (k.group ? k.group : "(null)");
+        t_qel_hspace h = nullptr;
+        ASSERT_EQ(0u, Create(server.url(), k.name, k.group, &h));
+        qel_hspace_tls_options tls = {QEL_HSPACE_TLS_OPTIONS_VERSION, Certs().ca.c_str(), k.cert.cert.c_str(),
+                                      k.cert.key.c_str(), nullptr};
+        ASSERT_EQ(0u, qel_hspace_set_tls(h, &tls));
+        EXPECT_EQ(Bounded([&] { return qel_hspace_open(h); }), k.open) << row;
+        if (k.open == 0) {
+            UserObject o("w/" + row, "v");
+            EXPECT_EQ(qel_hspace_put(h, o.obj, HSPACE_PUT_SYNC, 0), k.put) << row;
+            ObjectList list;
+            EXPECT_EQ(qel_hspace_get(h, "w/*", nullptr, HSPACE_GET_SYNC, 0, 0, list), k.get) << row;
+        } else {
+            refused++;
+            EXPECT_EQ(State(h), HSPACE_STATE_INIT) << row;
+        }
+        qel_hspace_close(h);
+        EXPECT_EQ(0u, qel_hspace_destroy(&h));
+    }
+    EXPECT_EQ(server.stats().identity_refused.load(), refused);
 }
 
 } // namespace

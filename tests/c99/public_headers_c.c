@@ -10,6 +10,32 @@ static int failures = 0;
 #define EXPECT(cond) \
     ((cond) ? (void)0 : (void)(failures++, printf("%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond)))
 
+int public_headers_cxx_links(t_kro_llist list, t_kro_ptr a, t_kro_ptr b); /* public_headers_cxx.cpp */
+
+/* One list change and the walk right after it, in one function, so that an
+ * optimiser sees both: a record's links are written through the node type
+ * while the head's links are read through the list type. Returns a bit per
+ * wrong answer; the list is empty again on return. */
+static int links_after_change(t_kro_llist list, t_kro_ptr a, t_kro_ptr b)
+{
+    int wrong = 0;
+    kro_llist_append(list, a);
+    if (kro_llist_first(list) != a) wrong |= 1;
+    kro_llist_remove(a); /* the only node: the head links to itself again */
+    if (kro_llist_first(list) != NULL) wrong |= 2;
+    kro_llist_append(list, a);
+    kro_llist_append(list, b);
+    kro_llist_remove(b); /* the last node: the head's prev is a again */
+    if (kro_llist_next(list, a) != NULL) wrong |= 4;
+    kro_llist_append(list, b);
+    if (kro_llist_next(list, a) != b) wrong |= 8;
+    kro_llist_remove(a); /* the first node: the head's next is b */
+    if (kro_llist_first(list) != b) wrong |= 16;
+    kro_llist_remove(b);
+    if (kro_llist_first(list) != NULL || list->num_elements != 0) wrong |= 32;
+    return wrong;
+}
+
 int main(void)
 {
     t_kro_buf buf = NULL, keep;
@@ -52,6 +78,11 @@ int main(void)
         kro_llist_remove(object);
         EXPECT(qel_hspace_object_destroy(&object) == 0 && object == NULL);
     }
+    /* Links right after each change, from C and from C++. */
+    EXPECT(qel_hspace_object_create("a", NULL, &a) == 0 && qel_hspace_object_create("b", NULL, &b) == 0);
+    EXPECT(links_after_change(list, a, b) == 0);
+    EXPECT(public_headers_cxx_links(list, a, b) == 0);
+    EXPECT(qel_hspace_object_destroy(&a) == 0 && qel_hspace_object_destroy(&b) == 0);
     kro_llist_destroy(&list);
     EXPECT(buf->refcount == 1); /* an application-made object borrowed the buffer */
     kro_buf_release(&buf);

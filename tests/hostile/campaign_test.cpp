@@ -5,7 +5,7 @@
  * answer) or stalls while the application closes. Every call returns a
  * status its ending allows; a drop raises exactly one link failure, last; a
  * close raises none; every accepted asynchronous get ends with one final
- * event; no request is left behind.
+ * event; no request is left behind. Over plain TCP and over TLS.
  */
 #include <map>
 #include <set>
@@ -92,11 +92,15 @@ void RunWorker(t_qel_hspace h, int t, uint64_t seed, bool closed, Worker &w)
     }
 }
 
-struct Campaign : LibraryTest {
-    FakeService svc;
+// Over plain TCP and over TLS (the parameter).
+struct Campaign : LibraryTest, ::testing::WithParamInterface<bool> {
+    FakeTls tls = ServiceTls();
+    FakeService svc{GetParam() ? &tls : nullptr};
 };
+INSTANTIATE_TEST_SUITE_P(Transports, Campaign, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool> &p) { return p.param ? "tls" : "tcp"; });
 
-TEST_F(Campaign, LinkDropsAndClosesUnderEightCallingThreads)
+TEST_P(Campaign, LinkDropsAndClosesUnderEightCallingThreads)
 {
     const char *env = getenv("QEL_HOSTILE_SEEDS");
     uint64_t seeds = env != nullptr && atoll(env) > 0 ? static_cast<uint64_t>(atoll(env)) : 16;
@@ -143,8 +147,8 @@ TEST_F(Campaign, LinkDropsAndClosesUnderEightCallingThreads)
             for (uintptr_t g : w.gets) EXPECT_EQ(1, finals[g]) << "final events of get " << g;
         }
     }
-    printf("campaign: %llu rounds: %d end of stream, %d reset, %d cut answer, %d stall and close\n",
-           static_cast<unsigned long long>(seeds), by_ending[kFin], by_ending[kReset], by_ending[kCutAnswer],
+    printf("campaign (%s): %llu rounds: %d end of stream, %d reset, %d cut answer, %d stall and close\n",
+           GetParam() ? "tls" : "tcp", static_cast<unsigned long long>(seeds), by_ending[kFin], by_ending[kReset], by_ending[kCutAnswer],
            by_ending[kStallAndClose]);
 }
 

@@ -1,4 +1,5 @@
-// cut_test.cpp - blocked calls cut short by a close (18) or a dropped connection.
+// cut_test.cpp - blocked calls cut short by a close (18) or a dropped connection,
+// over plain TCP and over TLS.
 #include <memory>
 #include <tuple>
 
@@ -15,12 +16,19 @@ namespace {
 // the subscription with an open image get one event with that status, in
 // table order and the ending's state; the complete subscription ends
 // silently. Only a drop raises a link failure, last; destroy is refused (13)
-// on the open and the failed handle.
-class CutShort : public OpenClientTest, public ::testing::WithParamInterface<bool> {};
+// on the open and the failed handle. Parameters: drop (else close), TLS.
+class CutShort : public ::testing::TestWithParam<std::tuple<bool, bool>> {
+protected:
+    void SetUp() override { ASSERT_TRUE(c.open()); }
+
+    FakeTls tls = ServiceTls();
+    FakeService svc{std::get<1>(GetParam()) ? &tls : nullptr};
+    Client c{svc};
+};
 
 TEST_P(CutShort, EveryBlockedCallReturnsTheSameStatus)
 {
-    const bool drop = GetParam();
+    const bool drop = std::get<0>(GetParam());
     const t_kro_error expected = drop ? KRO_ERR_PEER_CLOSED : KRO_ERR_CLOSED;
     const t_qel_hspace_state ended = drop ? HSPACE_STATE_FAILED : HSPACE_STATE_CLOSED;
     t_kro_ptr urid[] = {reinterpret_cast<t_kro_ptr>(0xa), reinterpret_cast<t_kro_ptr>(0xb)};
@@ -77,7 +85,11 @@ TEST_P(CutShort, EveryBlockedCallReturnsTheSameStatus)
     EXPECT_EQ(want, seen);
 }
 
-INSTANTIATE_TEST_SUITE_P(CloseOrDrop, CutShort, ::testing::Bool());
+INSTANTIATE_TEST_SUITE_P(CloseOrDrop, CutShort, ::testing::Combine(::testing::Bool(), ::testing::Bool()),
+                         [](const ::testing::TestParamInfo<std::tuple<bool, bool>> &p) {
+                             return std::string(std::get<0>(p.param) ? "drop" : "close") +
+                                    (std::get<1>(p.param) ? "_tls" : "_tcp");
+                         });
 
 } // namespace
 } // namespace ops

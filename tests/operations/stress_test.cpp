@@ -1,6 +1,7 @@
 // stress_test.cpp - eight threads run every operation on shared keys of one
 // handle, against a service thread that answers everything (now and then
-// holding a post's reply so a cancel overtakes it), and a close in the middle.
+// holding a post's reply so a cancel overtakes it), and a close in the middle;
+// over plain TCP and over TLS.
 #include <array>
 #include <map>
 #include <optional>
@@ -93,11 +94,17 @@ void RunWorker(t_qel_hspace h, int t, std::array<Issued, 2> &issued)
 }
 
 // Every call returns a result its operation allows, every asynchronous get
-// ends with exactly one final event, and no image ends twice.
-TEST(Stress, ManyThreadsOnOneHandleWithACloseInTheMiddle)
+// ends with exactly one final event, and no image ends twice; over plain
+// TCP and over TLS (the parameter).
+class Stress : public ::testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(Transports, Stress, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool> &p) { return p.param ? "tls" : "tcp"; });
+
+TEST_P(Stress, ManyThreadsOnOneHandleWithACloseInTheMiddle)
 {
     Watchdog watchdog; // ends the process if a call never returns
-    FakeService svc;
+    FakeTls tls = ServiceTls();
+    FakeService svc(GetParam() ? &tls : nullptr);
     Client c(svc);
     ASSERT_TRUE(c.open());
     Signal enough;

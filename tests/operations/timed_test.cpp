@@ -20,9 +20,13 @@ constexpr t_kro_int4 kStart = HSPACE_POST_FLAG_NO_IMAGE | HSPACE_POST_FLAG_START
 const std::string kBig(16u << 20, 'x'); // more than the sockets buffer: its write blocks on a peer that does not read
 
 using Timed = OpenClientTest;
-struct TimedCalls : LibraryTest {
-    FakeService svc; // one connection per case
+// Over plain TCP and over TLS (the parameter).
+struct TimedCalls : LibraryTest, ::testing::WithParamInterface<bool> {
+    FakeTls tls = ServiceTls();
+    FakeService svc{GetParam() ? &tls : nullptr}; // one connection per case
 };
+INSTANTIATE_TEST_SUITE_P(Transports, TimedCalls, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool> &p) { return p.param ? "tls" : "tcp"; });
 
 struct TimedCall {
     const char *what;
@@ -67,7 +71,7 @@ std::string Seen(Client &c)
 // except the notification, which no subscription filters; a timed-out
 // cancel has ended the local subscription. An asynchronous get is bounded
 // up to its write only: its late answer is its events.
-TEST_F(TimedCalls, TheAnswerComesLateAndReachesNoOne)
+TEST_P(TimedCalls, TheAnswerComesLateAndReachesNoOne)
 {
     UserObject o("k", "v");
     const struct {
@@ -207,12 +211,53 @@ TEST_F(Timed, CallsWaitingForTheTurnEndWithTheClose)
     EXPECT_EQ(0, RequestCount(c.h));
 }
 
+// Calls that queue behind a blocked write go out, once it is done, in the
+// order they were made (the turn's holder writes them together), and each
+// gets its own answer: those waiting for one are woken by it, the others
+// once written.
+TEST_F(Timed, CallsWaitingForTheTurnGoOutInTheirOrder)
+{
+    UserObject o("q0", "v"), big("big", kBig);
+    ObjectList list;
+    Call blocked([&] { return qel_hspace_put(c.h, big.obj, HSPACE_PUT_SYNC, 0); });
+    ASSERT_TRUE(c.conn.wait_readable());
+    const std::function<t_kro_error()> calls[] = {
+        [&] { return qel_hspace_put(c.h, o.obj, HSPACE_PUT_SYNC, 0); },
+        [&] { return qel_hspace_get(c.h, "q1", nullptr, HSPACE_GET_SYNC, 0, 0, list); },
+        [&] { return qel_hspace_remove(c.h, "q2", HSPACE_REMOVE_NOREPLY, 0); },
+        [&] { return qel_hspace_get(c.h, "q3", nullptr, HSPACE_GET_ASYNC, 0, 0, nullptr); },
+        [&] { return qel_hspace_remove_timed(c.h, "q4", HSPACE_REMOVE_SYNC, 0, 10000); },
+    };
+    std::vector<std::unique_ptr<Call>> queued;
+    for (const auto &call : calls) {
+        queued.push_back(std::make_unique<Call>(call));
+        while (SendQueueLength(c.h) < static_cast<int>(queued.size())) std::this_thread::yield();
+    }
+    Packet p = c.conn.next_packet();
+    ASSERT_TRUE(p.rr && p.hspace);
+    c.conn.reply(p.rr->corrid, 0);
+    for (int i = 0; i < 5; i++) {
+        p = c.conn.next_packet();
+        ASSERT_TRUE(p.hspace);
+        EXPECT_EQ("q" + std::to_string(i), p.hspace->key);
+        if (p.rr && p.hspace->opcode == codec::kOpGet) c.conn.objects(p.rr->corrid, codec::kOpGet, {{p.hspace->key, "v"}});
+        else if (p.rr) c.conn.reply(p.rr->corrid, 0);
+    }
+    EXPECT_EQ(0u, blocked.result());
+    for (auto &call : queued) EXPECT_EQ(0u, call->result());
+    EXPECT_EQ((Pairs{{"q1", "v"}}), list.contents());
+    ASSERT_TRUE(c.events.wait_count(1));
+    EXPECT_EQ("get:0:q3 ", Seen(c));
+    EXPECT_EQ(0, SendQueueLength(c.h));
+    EXPECT_EQ(0, RequestCount(c.h));
+}
+
 // A deadline that cuts the write of a packet leaves the stream unusable:
 // the call returns 1009 with the handle already failed; the get waiting for
 // its answer returns 1009, the asynchronous get and the open image end with
 // 1009 events, then the link failure with 1009; later calls are refused
 // (13). The same cut by a close instead ends the put with 18.
-TEST_F(TimedCalls, AWriteCutByItsDeadlineFailsTheHandle)
+TEST_P(TimedCalls, AWriteCutByItsDeadlineFailsTheHandle)
 {
     UserObject big("big", kBig);
     for (bool close : {false, true}) {
@@ -255,7 +300,7 @@ TEST_F(TimedCalls, AWriteCutByItsDeadlineFailsTheHandle)
 // notifications before it, before those after it. The flag never reaches
 // the wire; without "no image" it adds nothing, and a refused post raises
 // nothing.
-TEST_F(TimedCalls, TheStartEventMarksWhereTheSubscriptionBegins)
+TEST_P(TimedCalls, TheStartEventMarksWhereTheSubscriptionBegins)
 {
     auto urid = reinterpret_cast<t_kro_ptr>(0x5u);
     const struct {

@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "certs.h"
 #include "fake_service.h" // chrono, threads, strings, containers
 #include "qel_hspace.h"
 
@@ -257,6 +258,20 @@ inline void OnEvent(t_qel_hspace hspace, t_qel_hspace_event type, t_kro_ptr data
     recorder->record(hspace, type, data);
 }
 
+// The service's side of TLS for the fake: the test CA's server certificate,
+// and alice's asked for when client_ca.
+inline FakeTls ServiceTls(bool client_ca = true)
+{
+    return FakeTls{Certs().server.cert, Certs().server.key, client_ca ? Certs().ca : std::string()};
+}
+
+// The client's side: the test CA, and alice's certificate.
+inline qel_hspace_tls_options ClientTls()
+{
+    return {QEL_HSPACE_TLS_OPTIONS_VERSION, Certs().ca.c_str(), Certs().alice.cert.c_str(),
+            Certs().alice.key.c_str(), nullptr};
+}
+
 inline t_kro_error Create(const std::string &url, const char *name, const char *group, t_qel_hspace *hspace)
 {
     qel_hspace_create_data data = {url.c_str(), name, group};
@@ -270,9 +285,10 @@ inline t_qel_hspace_state State(t_qel_hspace hspace)
     return state;
 }
 
-// A handle on the fake service with its own recorder: created in INIT, open()
-// keeps the service's side in conn, the destructor closes and destroys it
-// unless the test has (h null).
+// A handle on the fake service with its own recorder: created in INIT (with
+// ClientTls() when the service speaks TLS), open() keeps the service's side
+// in conn, the destructor closes and destroys it unless the test has (h
+// null).
 class Client {
 public:
     explicit Client(FakeService &service, const char *name = "tester", const char *group = "tests")
@@ -280,6 +296,10 @@ public:
     {
         InitLibrary();
         EXPECT_EQ(0u, Create(svc.url(), name, group, &h));
+        qel_hspace_tls_options tls = ClientTls();
+        if (svc.tls()) {
+            EXPECT_EQ(0u, qel_hspace_set_tls(h, &tls));
+        }
         std::lock_guard<std::mutex> lock(g_registry_mutex);
         g_registry[h] = &events;
     }

@@ -1,7 +1,9 @@
 /*
  * fake_service.cpp - the scriptable fake hspace service of the tests. Every
  * wait is a poll() on a non-blocking socket, bounded by the watchdog. Sends
- * use MSG_NOSIGNAL: a vanished client never raises SIGPIPE.
+ * use MSG_NOSIGNAL, and TLS calls block SIGPIPE on their thread and take
+ * back one it raised: a vanished client never ends the test process, and
+ * SIGPIPE stays deadly for the library under test.
  */
 #include "fake_service.h"
 
@@ -10,11 +12,14 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 
 namespace hspace {
 namespace test {
@@ -41,6 +46,30 @@ bool wait_for(int fd, short events, Clock::time_point deadline, const char *what
     return false;
 }
 
+// Runs one OpenSSL call with SIGPIPE blocked on this thread; a SIGPIPE it
+// raised is taken back before the mask is restored.
+template <class F> int NoSigpipe(F call)
+{
+    sigset_t pipe, old;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, &old);
+    int rc = call();
+    struct timespec zero = {0, 0};
+    while (sigtimedwait(&pipe, nullptr, &zero) == SIGPIPE) {
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return rc;
+}
+
+std::string TlsReason()
+{
+    unsigned long e = ERR_get_error();
+    ERR_clear_error();
+    const char *r = e != 0 ? ERR_reason_error_string(e) : nullptr;
+    return r != nullptr ? r : "the connection ended";
+}
+
 } // namespace
 
 FakeConnection::~FakeConnection() { close(); }
@@ -53,6 +82,11 @@ FakeConnection &FakeConnection::operator=(FakeConnection &&other) noexcept
         close();
         fd_ = other.fd_;
         other.fd_ = -1;
+        ssl_ = other.ssl_;
+        other.ssl_ = nullptr;
+        key_updates_ = std::move(other.key_updates_);
+        key_updates_seen_ = other.key_updates_seen_;
+        tls_error_ = std::move(other.tls_error_);
         in_ = std::move(other.in_);
         batch_ = std::move(other.batch_);
         batching_ = other.batching_;
@@ -60,8 +94,59 @@ FakeConnection &FakeConnection::operator=(FakeConnection &&other) noexcept
     return *this;
 }
 
+bool FakeConnection::start_tls(SSL_CTX *ctx)
+{
+    Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
+    ssl_ = SSL_new(ctx);
+    if (ssl_ == nullptr || SSL_set_fd(ssl_, fd_) != 1) {
+        tls_error_ = "cannot make a TLS session";
+        return false;
+    }
+    key_updates_.reset(new int(0));
+    SSL_set_msg_callback_arg(ssl_, key_updates_.get());
+    SSL_set_msg_callback(ssl_, [](int write_p, int, int type, const void *buf, size_t len, SSL *, void *arg) {
+        if (!write_p && type == SSL3_RT_HANDSHAKE && len > 0 && *static_cast<const uint8_t *>(buf) == SSL3_MT_KEY_UPDATE)
+            ++*static_cast<int *>(arg);
+    });
+    for (;;) {
+        ERR_clear_error();
+        int rc = NoSigpipe([&] { return SSL_accept(ssl_); });
+        if (rc == 1) return true;
+        int err = SSL_get_error(ssl_, rc);
+        if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) {
+            tls_error_ = TlsReason();
+            break;
+        }
+        if (!wait_for(fd_, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline, "the client's TLS handshake")) {
+            tls_error_ = "watchdog";
+            break;
+        }
+    }
+    SSL_free(ssl_);
+    ssl_ = nullptr;
+    return false;
+}
+
 FakeConnection::Io FakeConnection::read_some(Clock::time_point deadline, const char *what)
 {
+    if (!tls_error_.empty()) {
+        ADD_FAILURE() << "fake service: reading " << what << " after the TLS handshake failed: " << tls_error_;
+        return Io::Failed;
+    }
+    if (ssl_ != nullptr) {
+        for (;;) {
+            char buf[65536];
+            ERR_clear_error();
+            int n = NoSigpipe([&] { return SSL_read(ssl_, buf, sizeof buf); });
+            if (n > 0) {
+                in_.append(buf, static_cast<size_t>(n));
+                return Io::Ready;
+            }
+            int err = SSL_get_error(ssl_, n);
+            if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) return ERR_clear_error(), Io::Closed;
+            if (!wait_for(fd_, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline, what)) return Io::Failed;
+        }
+    }
     for (;;) {
         if (!wait_for(fd_, POLLIN, deadline, what)) return Io::Failed;
         char buf[65536];
@@ -167,7 +252,24 @@ bool FakeConnection::send(const std::string &bytes)
 bool FakeConnection::write_all(const std::string &bytes)
 {
     Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
-    for (size_t done = 0; done < bytes.size();) {
+    if (!tls_error_.empty()) {
+        ADD_FAILURE() << "fake service: writing after the TLS handshake failed: " << tls_error_;
+        return false;
+    }
+    for (size_t done = 0; ssl_ != nullptr && done < bytes.size();) {
+        ERR_clear_error();
+        int n = NoSigpipe([&] { return SSL_write(ssl_, bytes.data() + done, static_cast<int>(bytes.size() - done)); });
+        int err = n > 0 ? SSL_ERROR_NONE : SSL_get_error(ssl_, n);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+        } else if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) {
+            ADD_FAILURE() << "fake service: TLS write: " << TlsReason();
+            return false;
+        } else if (!wait_for(fd_, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline, "the client to read")) {
+            return false;
+        }
+    }
+    for (size_t done = 0; ssl_ == nullptr && done < bytes.size();) {
         ssize_t n = fd_ < 0 ? -1 : ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
         if (n >= 0) {
             done += static_cast<size_t>(n);
@@ -179,6 +281,78 @@ bool FakeConnection::write_all(const std::string &bytes)
         }
     }
     return true;
+}
+
+bool FakeConnection::key_update()
+{
+    Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
+    if (key_updates_ != nullptr) key_updates_seen_ = *key_updates_;
+    if (ssl_ == nullptr || SSL_key_update(ssl_, SSL_KEY_UPDATE_REQUESTED) != 1) {
+        ADD_FAILURE() << "fake service: no TLS 1.3 session to update the keys of";
+        return false;
+    }
+    for (;;) { // the message goes out with the next handshake step
+        int rc = NoSigpipe([&] { return SSL_do_handshake(ssl_); });
+        if (rc == 1) return true;
+        int err = SSL_get_error(ssl_, rc);
+        if (err != SSL_ERROR_WANT_WRITE && err != SSL_ERROR_WANT_READ) {
+            ADD_FAILURE() << "fake service: key update: " << TlsReason();
+            return false;
+        }
+        if (!wait_for(fd_, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline, "the client to read")) return false;
+    }
+}
+
+bool FakeConnection::await_key_update()
+{
+    Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
+    while (key_updates_ != nullptr && *key_updates_ == key_updates_seen_) {
+        char buf[65536];
+        ERR_clear_error();
+        int n = NoSigpipe([&] { return SSL_read(ssl_, buf, sizeof buf); });
+        if (n > 0) {
+            in_.append(buf, static_cast<size_t>(n));
+            continue;
+        }
+        int err = SSL_get_error(ssl_, n);
+        if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) break;
+        if (*key_updates_ != key_updates_seen_) break;
+        if (!wait_for(fd_, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline, "the client's key update")) break;
+    }
+    if (key_updates_ == nullptr || *key_updates_ == key_updates_seen_) {
+        ADD_FAILURE() << "fake service: no key update from the client";
+        return false;
+    }
+    return true;
+}
+
+bool FakeConnection::send_beneath_tls(const std::string &bytes)
+{
+    SSL *ssl = ssl_;
+    ssl_ = nullptr; // write_all's plain path
+    bool ok = write_all(bytes);
+    ssl_ = ssl;
+    return ok;
+}
+
+std::string FakeConnection::read_until_tls_fails()
+{
+    Clock::time_point deadline = Clock::now() + kDefaultWatchdog;
+    while (ssl_ != nullptr) {
+        char buf[65536];
+        ERR_clear_error();
+        int n = NoSigpipe([&] { return SSL_read(ssl_, buf, sizeof buf); });
+        if (n > 0) {
+            in_.append(buf, static_cast<size_t>(n));
+            continue;
+        }
+        int err = SSL_get_error(ssl_, n);
+        if (err == SSL_ERROR_ZERO_RETURN) return "close notify";
+        if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) return TlsReason();
+        if (!wait_for(fd_, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline, "the TLS session to fail"))
+            return "watchdog";
+    }
+    return "no TLS session";
 }
 
 bool FakeConnection::wait_closed()
@@ -193,7 +367,8 @@ bool FakeConnection::wait_closed()
 
 bool FakeConnection::wait_readable()
 {
-    return !in_.empty() || wait_for(fd_, POLLIN, Clock::now() + kDefaultWatchdog, "bytes from the client");
+    return !in_.empty() || (ssl_ != nullptr && SSL_pending(ssl_) > 0) ||
+           wait_for(fd_, POLLIN, Clock::now() + kDefaultWatchdog, "bytes from the client");
 }
 
 void FakeConnection::close()
@@ -204,9 +379,9 @@ void FakeConnection::close()
     char buf[4096];
     while (recv(fd_, buf, sizeof buf, 0) > 0) {
     }
+    if (ssl_ != nullptr) NoSigpipe([&] { return SSL_shutdown(ssl_); }), ERR_clear_error(); // close_notify
     shutdown(fd_, SHUT_WR);
-    ::close(fd_);
-    fd_ = -1;
+    reset_fd();
 }
 
 void FakeConnection::reset()
@@ -214,6 +389,13 @@ void FakeConnection::reset()
     if (fd_ < 0) return;
     struct linger lg = {1, 0};
     setsockopt(fd_, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+    reset_fd();
+}
+
+void FakeConnection::reset_fd()
+{
+    SSL_free(ssl_);
+    ssl_ = nullptr;
     ::close(fd_);
     fd_ = -1;
 }
@@ -239,6 +421,24 @@ FakeService::FakeService(Deferred)
     port_ = ntohs(addr.sin_port);
 }
 
+void FakeService::use_tls(const FakeTls &tls)
+{
+    tls_ = SSL_CTX_new(TLS_server_method());
+    bool ok = tls_ != nullptr && SSL_CTX_use_certificate_chain_file(tls_, tls.cert.c_str()) == 1 &&
+              SSL_CTX_use_PrivateKey_file(tls_, tls.key.c_str(), SSL_FILETYPE_PEM) == 1;
+    if (ok && tls.min_version != 0) {
+        SSL_CTX_set_security_level(tls_, 0); // old versions too, as a peer that still speaks them
+        ok = SSL_CTX_set_min_proto_version(tls_, tls.min_version) == 1;
+    }
+    if (ok && tls.max_version != 0) ok = SSL_CTX_set_max_proto_version(tls_, tls.max_version) == 1;
+    if (ok && !tls.client_ca.empty()) {
+        SSL_CTX_set_verify(tls_, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+        ok = SSL_CTX_load_verify_locations(tls_, tls.client_ca.c_str(), nullptr) == 1;
+    }
+    if (ok) SSL_CTX_set_num_tickets(tls_, 0);
+    if (!ok) ADD_FAILURE() << "fake service: cannot set up TLS: " << TlsReason();
+}
+
 FakeService::~FakeService()
 {
     if (worker_.joinable()) {
@@ -252,6 +452,7 @@ FakeService::~FakeService()
     }
     done_.clear();
     if (listen_fd_ >= 0) ::close(listen_fd_);
+    SSL_CTX_free(tls_);
 }
 
 FakeConnection FakeService::accept()
@@ -267,7 +468,9 @@ FakeConnection FakeService::accept()
         }
         int one = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        return FakeConnection(fd);
+        FakeConnection conn(fd);
+        if (tls_ != nullptr) conn.start_tls(tls_); // a failure stays in conn.tls_error()
+        return conn;
     }
 }
 

@@ -1,9 +1,11 @@
 /*
  * fake_service.h - a scriptable hspace service for tests, on 127.0.0.1 and
- * an ephemeral port. Packets come from the service's codec; send_raw()
- * sends anything at all. Every blocking call is bounded by kDefaultWatchdog:
- * when it runs out, or the peer misbehaves, the call records a gtest failure
- * and returns false or an empty packet instead of hanging. Nothing sleeps.
+ * an ephemeral port, in plain TCP or in TLS (FakeTls). Packets come from the
+ * service's codec; send_raw() sends anything at all (inside TLS records
+ * when the service speaks TLS). Every blocking call is bounded by
+ * kDefaultWatchdog: when it runs out, or the peer misbehaves, the call
+ * records a gtest failure and returns false or an empty packet instead of
+ * hanging. Nothing sleeps.
  */
 #ifndef QEL_TESTS_FAKE_SERVICE_H
 #define QEL_TESTS_FAKE_SERVICE_H
@@ -14,6 +16,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -22,12 +25,25 @@
 
 #include "hspace_codec.h"
 
+// OpenSSL's types, without its headers.
+typedef struct ssl_st SSL;
+typedef struct ssl_ctx_st SSL_CTX;
+
 namespace hspace {
 namespace test {
 
 using codec::Packet;
 
 constexpr std::chrono::milliseconds kDefaultWatchdog{10000}; // bound of every blocking call
+
+// A service that speaks TLS: its certificate and key (PEM files) and, when
+// client_ca is set, client certificates required from that CA.
+struct FakeTls {
+    std::string cert, key;
+    std::string client_ca;  // empty: no client certificate asked for
+    int max_version = 0;    // e.g. TLS1_2_VERSION; 0: the library's newest
+    int min_version = 0;    // 0: the library's default
+};
 
 // One accepted connection; owns its socket, move-only. One thread at a time
 // uses it (the test thread or one serve() script).
@@ -41,6 +57,9 @@ public:
     FakeConnection &operator=(const FakeConnection &) = delete;
 
     bool valid() const { return fd_ >= 0; } // accepted and not closed here
+    // Why the TLS handshake failed ("" when it succeeded, or without TLS);
+    // every read and write of such a connection fails.
+    const std::string &tls_error() const { return tls_error_; }
 
     // The client's next packet, decoded, with its raw bytes; an empty Packet
     // (wirelen 0) and a failure on watchdog, close or invalid bytes.
@@ -61,6 +80,18 @@ public:
     void batch() { batching_ = true; } // sends only collect from here ...
     bool flush();                      // ... to here, which writes them at once
 
+    // TLS 1.3: updates the service's keys and asks the client to update its
+    // own (a KeyUpdate message, sent at once).
+    bool key_update();
+    // Reads until a KeyUpdate of the client's arrives after the last
+    // key_update() (bytes read meanwhile stay for next_packet()).
+    bool await_key_update();
+    // TLS: bytes straight onto the socket, beneath the TLS session (a
+    // forged record, say).
+    bool send_beneath_tls(const std::string &bytes);
+    // TLS: reads until the session fails and returns why (for instance the
+    // client's alert); bytes read meanwhile stay for next_packet().
+    std::string read_until_tls_fails();
     bool wait_closed();   // the client closed; bytes read meanwhile stay for next_packet()
     bool wait_readable(); // the client sent unread bytes; reads nothing, so a blocked writer stays blocked
     void close();         // orderly: end of stream (FIN) to the client
@@ -69,12 +100,18 @@ public:
 private:
     friend class FakeService;
     explicit FakeConnection(int fd) : fd_(fd) {}
+    bool start_tls(SSL_CTX *ctx); // the server's handshake; false with tls_error_ set
+    void reset_fd();              // frees the TLS session, closes fd_
     enum class Io { Ready, Closed, Failed }; // Failed: watchdog or error, failure recorded
     Io read_some(std::chrono::steady_clock::time_point deadline, const char *what);
     bool write_all(const std::string &bytes);
     bool send(const std::string &bytes);
 
     int fd_ = -1;                      // the socket, non-blocking; -1 when none
+    SSL *ssl_ = nullptr;               // the TLS session over fd_, or null
+    std::unique_ptr<int> key_updates_; // KeyUpdate messages received (the TLS session's callback counts)
+    int key_updates_seen_ = 0;         // of which had arrived at the last key_update()
+    std::string tls_error_;            // why the TLS handshake failed
     std::string in_;                   // received bytes not yet returned as packets
     std::string batch_;                // bytes collected since batch()
     bool batching_ = false;            // between batch() and flush()
@@ -87,6 +124,13 @@ private:
 class FakeService {
 public:
     FakeService() : FakeService(Deferred()) { listen(); }
+    // TLS with every client when tls is set, plain TCP when it is null.
+    explicit FakeService(const FakeTls *tls) : FakeService(Deferred())
+    {
+        if (tls != nullptr) use_tls(*tls);
+        listen();
+    }
+    explicit FakeService(const FakeTls &tls) : FakeService(&tls) {}
     struct Deferred {}; // the bound port refuses connections until listen()
     explicit FakeService(Deferred);
     ~FakeService();
@@ -94,7 +138,8 @@ public:
     FakeService(const FakeService &) = delete;
     FakeService &operator=(const FakeService &) = delete;
 
-    std::string url() const { return "tcp://127.0.0.1:" + std::to_string(port_); }
+    std::string url() const { return (tls_ != nullptr ? "tls://127.0.0.1:" : "tcp://127.0.0.1:") + std::to_string(port_); }
+    bool tls() const { return tls_ != nullptr; }
 
     FakeConnection accept(); // on the calling thread; invalid, and a failure, on watchdog
     void serve(std::function<void(FakeConnection &)> script); // not from a script
@@ -103,7 +148,9 @@ public:
 
 private:
     void run_scripts();
+    void use_tls(const FakeTls &tls);
 
+    SSL_CTX *tls_ = nullptr;                                    // the TLS context; null: plain TCP
     int listen_fd_ = -1;                                        // listening socket
     uint16_t port_ = 0;                                         // its port
     std::mutex mutex_;                                          // guards scripts_, done_, busy_, quit_

@@ -15,6 +15,7 @@
  */
 #include <arpa/inet.h>
 #include <ctype.h>
+#include <stdio.h>
 #include <string.h>
 #include <strings.h>
 
@@ -66,7 +67,7 @@ extern "C" KRO_API t_kro_error qel_hspace_error_get_text(t_kro_error error, cons
     case KRO_ERR_NOT_SUPPORTED: *text = "not supported"; break;
     case KRO_ERR_CLOSED: *text = "the handle was closed"; break;
     case KRO_ERR_EXISTS: *text = "a subscription for the key already exists"; break;
-    case KRO_ERR_BAD_PROTOCOL: *text = "the service URL's scheme is not tcp"; break;
+    case KRO_ERR_BAD_PROTOCOL: *text = "the service URL's scheme is neither tcp nor tls"; break;
     case KRO_ERR_BAD_ADDRESS: *text = "the service URL is malformed"; break;
     case KRO_ERR_WOULD_DEADLOCK: *text = "blocking call from the handle's event callback"; break;
     case KRO_ERR_CONN_REFUSED: *text = "connection refused"; break;
@@ -789,9 +790,10 @@ static t_kro_error qel_hspace_read_packet(t_qel_hspace hspace, t_qel_hspace_pack
 }
 
 /* ======================================================================
- * Service address: "tcp://host:port" parsed into the runtime's client
- * socket description, and the unconnected socket made from it. Runs on the
- * thread calling create or open; touches no shared state.
+ * Service address: "tcp://host:port" or "tls://host:port" parsed into the
+ * runtime's client socket description, and the unconnected socket made
+ * from it. Runs on the thread calling create or open; touches no shared
+ * state.
  * ====================================================================== */
 
 static void qel_hspace_socket_create_data_destroy(t_kro_socket_client_create_data *socket_create_data)
@@ -838,7 +840,7 @@ static t_kro_error qel_hspace_socket_create_data_create(t_kro_str url,
         } else {
             *p = '\0';
             port = p + 1;
-            if (strcasecmp(scheme, "tcp") != 0) result = KRO_ERR_BAD_PROTOCOL;
+            if (strcasecmp(scheme, "tcp") != 0 && strcasecmp(scheme, "tls") != 0) result = KRO_ERR_BAD_PROTOCOL;
         }
     }
     if (result == 0) {
@@ -851,6 +853,13 @@ static t_kro_error qel_hspace_socket_create_data_create(t_kro_str url,
     KRO_CHECK(kro_mm_free(&copy) == 0);
     if (result != 0) qel_hspace_socket_create_data_destroy(socket_create_data);
     return result;
+}
+
+/* True for a URL of the tls scheme (any letter case); create has accepted
+ * the URL. */
+static bool qel_hspace_url_is_tls(t_kro_str url)
+{
+    return strncasecmp(url, "tls://", 6) == 0;
 }
 
 static t_kro_error qel_hspace_socket_create(t_kro_str url, t_kro_socket *socket)
@@ -1099,12 +1108,16 @@ static void qel_hspace_request_destroy(t_qel_hspace_request *request)
  * waits until the mutex is released (qel_hspace_unlock_and_wake), so the
  * woken thread does not run into the held mutex; a second one decided in
  * the same hold is made at once. */
+static void qel_hspace_call_notify(t_qel_hspace hspace, t_kro_wake wake) KRO_REQUIRES(hspace->mutex)
+{
+    if (hspace->wake_pending != NULL) kro_wake_notify(hspace->wake_pending);
+    hspace->wake_pending = wake;
+}
+
 static void qel_hspace_call_wake(t_qel_hspace hspace, struct qel_hspace_call *call, uint32_t bits)
     KRO_REQUIRES(hspace->mutex)
 {
-    if (!kro_wake_set(&call->wake, bits)) return;
-    if (hspace->wake_pending != NULL) kro_wake_notify(hspace->wake_pending);
-    hspace->wake_pending = &call->wake;
+    if (kro_wake_set(&call->wake, bits)) qel_hspace_call_notify(hspace, &call->wake);
 }
 
 /* Releases the mutex, then notifies the call woken under it, if any. */
@@ -1530,6 +1543,7 @@ extern "C" KRO_API t_kro_error qel_hspace_create(t_qel_hspace_create_data create
     kro_str_assign(&h->client_name, create_data->client_name != NULL ? create_data->client_name : "anonymous");
     kro_str_assign(&h->client_group, create_data->client_group != NULL ? create_data->client_group : "default");
     h->event_handler = event_handler;
+    h->tls_url = qel_hspace_url_is_tls(h->service_url);
     error = qel_hspace_socket_create(h->service_url, &h->socket);
     if (error != 0) {
         qel_hspace_destroy_final(hspace);
@@ -1548,6 +1562,61 @@ extern "C" KRO_API t_kro_error qel_hspace_get_state(t_qel_hspace hspace, t_qel_h
     if (hspace == NULL || state == NULL) return KRO_ERR_INVALID_ARG;
     *state = hspace->state.load();
     return 0;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_set_tls(t_qel_hspace hspace, const qel_hspace_tls_options *options)
+{
+    t_kro_tls_config_struct config = {NULL, NULL, NULL};
+    t_kro_tls tls = NULL;
+    t_kro_error error;
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || !hspace->tls_url) return KRO_ERR_INVALID_ARG;
+    if (options != NULL && options->version != QEL_HSPACE_TLS_OPTIONS_VERSION) return KRO_ERR_VERSION;
+    if (hspace->state.load() != HSPACE_STATE_INIT) return KRO_ERR_INVALID_STATE;
+    if (options != NULL) {
+        config.ca_file = options->ca_file;
+        config.cert_file = options->cert_file;
+        config.key_file = options->key_file;
+    }
+    error = kro_tls_create(&config, &tls, hspace->detail, sizeof hspace->detail);
+    if (error != 0) return error;
+    if (hspace->tls != NULL) KRO_CHECK(kro_tls_destroy(&hspace->tls) == 0);
+    hspace->tls = tls;
+    if (hspace->tls_server_name != NULL) KRO_CHECK(kro_mm_free(&hspace->tls_server_name) == 0);
+    if (options != NULL && options->server_name != NULL) kro_str_assign(&hspace->tls_server_name, options->server_name);
+    return 0;
+}
+
+extern "C" KRO_API t_kro_error qel_hspace_error_get_detail(t_qel_hspace hspace, const t_kro_char **text)
+{
+    if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
+    if (hspace == NULL || text == NULL) return KRO_ERR_INVALID_ARG;
+    *text = hspace->detail;
+    return 0;
+}
+
+/* Records why an open failed with error, before its socket goes: the
+ * socket's own reason when it has one, else what the library saw. */
+static void qel_hspace_open_detail(t_qel_hspace hspace, t_kro_error error, t_kro_uint4 timeout_ms)
+{
+    /* The bytes received: the packet reader leaves them at [pos, lim) when
+     * it finds them invalid, and at [0, pos) when a read fails. */
+    t_kro_buf rb = hspace->readbuf;
+    bool scanned = error == KRO_ERR_INVALID_PACKET;
+    const t_kro_byte *seen = rb == NULL ? NULL : (const t_kro_byte *)rb->ptr + (scanned ? rb->pos : 0);
+    t_kro_uint4 n = rb == NULL ? 0 : scanned ? rb->lim - rb->pos : rb->pos;
+    KRO_CHECK(kro_socket_error_detail(hspace->socket, hspace->detail, sizeof hspace->detail) == 0);
+    if (hspace->detail[0] != '\0') return;
+    /* A TLS record (an alert, a handshake) starts 0x15 or 0x16, then 0x03. */
+    if (!hspace->tls_url && (error == KRO_ERR_PEER_CLOSED || error == KRO_ERR_INVALID_PACKET) && n >= 2 &&
+        (seen[0] == 0x15 || seen[0] == 0x16) && seen[1] == 0x03)
+        snprintf(hspace->detail, sizeof hspace->detail, "the service answered in TLS: use a tls:// URL");
+    else if (error == KRO_ERR_TIMEOUT)
+        snprintf(hspace->detail, sizeof hspace->detail, "no handshake reply within %u ms", (unsigned)timeout_ms);
+    else if (error == KRO_ERR_PEER_CLOSED)
+        snprintf(hspace->detail, sizeof hspace->detail, "the service closed the connection before its handshake reply");
+    else if (error == KRO_ERR_INVALID_PACKET)
+        snprintf(hspace->detail, sizeof hspace->detail, "the service's answer is no handshake reply");
 }
 
 /* The name is written by open before the handle becomes open and freed by
@@ -1600,13 +1669,22 @@ extern "C" KRO_API t_kro_error qel_hspace_open_timed(t_qel_hspace hspace, t_kro_
     if (!qel_hspace_is_initialized()) return KRO_ERR_NOT_INITIALIZED;
     if (hspace == NULL) return KRO_ERR_INVALID_ARG;
     if (hspace->state.load() != HSPACE_STATE_INIT) return KRO_ERR_INVALID_STATE;
-    /* One deadline for connecting, the handshake request and its reply;
-     * lifted before the reader thread starts. */
+    hspace->detail[0] = '\0';
+    if (hspace->tls_url && hspace->tls == NULL) {
+        /* The defaults: the system's CA store, no client certificate. */
+        t_kro_tls_config_struct defaults = {NULL, NULL, NULL};
+        error = kro_tls_create(&defaults, &hspace->tls, hspace->detail, sizeof hspace->detail);
+        if (error != 0) return error;
+    }
+    if (hspace->tls_url) KRO_CHECK(kro_socket_set_tls(hspace->socket, hspace->tls, hspace->tls_server_name) == 0);
+    /* One deadline for connecting (with the TLS handshake), the handshake
+     * request and its reply; lifted before the reader thread starts. */
     KRO_CHECK(kro_socket_set_deadline(hspace->socket, timeout_ms) == 0);
     error = kro_socket_connect(hspace->socket);
     if (error == 0) error = qel_hspace_handshake(hspace, &version, &ltp, &name);
     if (error == 0) KRO_CHECK(kro_socket_set_deadline(hspace->socket, 0) == 0);
     if (error != 0) {
+        qel_hspace_open_detail(hspace, error, timeout_ms);
         /* A retried open starts on a fresh socket and a clean stream. */
         KRO_CHECK(kro_socket_destroy(&hspace->socket) == 0);
         KRO_CHECK(qel_hspace_socket_create(hspace->service_url, &hspace->socket) == 0);
@@ -1717,6 +1795,8 @@ static void qel_hspace_destroy_final(t_qel_hspace *hspace)
     if (h->service_name != NULL) KRO_CHECK(kro_mm_free(&h->service_name) == 0);
     if (h->client_name != NULL) KRO_CHECK(kro_mm_free(&h->client_name) == 0);
     if (h->client_group != NULL) KRO_CHECK(kro_mm_free(&h->client_group) == 0);
+    if (h->tls != NULL) KRO_CHECK(kro_tls_destroy(&h->tls) == 0);
+    if (h->tls_server_name != NULL) KRO_CHECK(kro_mm_free(&h->tls_server_name) == 0);
     h->state.~atomic();
     h->closing.~atomic();
     h->closers.~atomic();
@@ -1813,80 +1893,19 @@ static bool qel_hspace_lock_open(t_qel_hspace hspace) KRO_TRY_ACQUIRE(true, hspa
     return false;
 }
 
-/* A call starting now with a deadline timeout_ms from now (0: none). */
-static void qel_hspace_call_init(struct qel_hspace_call *call, t_kro_uint4 timeout_ms)
+/* A call starting now with a deadline timeout_ms from now (0: none).
+ * quiet: a synchronous call, which waits for its answer once written. */
+static void qel_hspace_call_init(struct qel_hspace_call *call, t_kro_uint4 timeout_ms, bool quiet)
 {
     call->wake.word.store(0, std::memory_order_relaxed);
     call->send_next = NULL;
     call->deadline = kro_deadline_after_ms(timeout_ms);
-}
-
-/* Takes the send turn when it is free, else queues call behind the calls
- * waiting for it. True when the turn is the caller's now. Mutex held, so
- * the queue's order is the request table's. */
-static bool qel_hspace_send_enter(t_qel_hspace hspace, struct qel_hspace_call *call) KRO_REQUIRES(hspace->mutex)
-{
-    uint32_t state = hspace->send_state.load(std::memory_order_relaxed);
-    for (;;) {
-        if (state == 0) {
-            if (hspace->send_state.compare_exchange_weak(state, 1, std::memory_order_acquire)) return true;
-        } else if (state == 1) {
-            if (hspace->send_state.compare_exchange_weak(state, 2, std::memory_order_relaxed)) break;
-        } else {
-            break; /* 2 changes only under the mutex */
-        }
-    }
-    call->send_next = NULL;
-    if (hspace->send_tail != NULL)
-        hspace->send_tail->send_next = call;
-    else
-        hspace->send_head = call;
-    hspace->send_tail = call;
-    return false;
-}
-
-/* Hands the turn the caller holds to the oldest waiting call, or frees it.
- * Mutex held. */
-static void qel_hspace_send_pass(t_qel_hspace hspace) KRO_REQUIRES(hspace->mutex)
-{
-    struct qel_hspace_call *next = hspace->send_head;
-    if (next == NULL) {
-        hspace->send_state.store(0, std::memory_order_release);
-        return;
-    }
-    hspace->send_head = next->send_next;
-    if (hspace->send_head == NULL) {
-        hspace->send_tail = NULL;
-        hspace->send_state.store(1, std::memory_order_relaxed);
-    }
-    qel_hspace_call_wake(hspace, next, QEL_HSPACE_CALL_GRANTED);
-}
-
-/* Gives up the turn after a write: one atomic operation and no lock when
- * no call waits for it. Mutex not held. */
-static void qel_hspace_send_leave(t_qel_hspace hspace)
-{
-    uint32_t busy = 1;
-    if (hspace->send_state.compare_exchange_strong(busy, 0, std::memory_order_release)) return;
-    qel_hspace_lock(hspace);
-    qel_hspace_send_pass(hspace);
-    qel_hspace_unlock_and_wake(hspace);
-}
-
-/* Takes a call that was not granted the turn out of the send queue. Mutex
- * held. */
-static void qel_hspace_send_withdraw(t_qel_hspace hspace, struct qel_hspace_call *call) KRO_REQUIRES(hspace->mutex)
-{
-    struct qel_hspace_call **slot = &hspace->send_head;
-    struct qel_hspace_call *prev = NULL;
-    while (*slot != call) {
-        KRO_CHECK(*slot != NULL);
-        prev = *slot;
-        slot = &prev->send_next;
-    }
-    *slot = call->send_next;
-    if (hspace->send_tail == call) hspace->send_tail = prev;
-    if (hspace->send_head == NULL) hspace->send_state.store(1, std::memory_order_relaxed); /* the writer's alone */
+    call->chunks = NULL;
+    call->count = 0;
+    call->sent = 0;
+    call->queued = 0;
+    call->taken = 0;
+    call->quiet = quiet ? 1 : 0;
 }
 
 /* A write the deadline cut part-way: the stream is unusable. Fails the
@@ -1915,47 +1934,235 @@ static t_kro_error qel_hspace_ended_error(t_qel_hspace hspace)
     return link;
 }
 
-/* Writes one packet, given as count chunks, when the call's turn comes.
- * Entered with the mutex held, right after the call's request (if any) was
- * made; returns with it released. Neither the wait for the turn nor the
- * write holds the mutex, so a peer that stops reading holds up neither the
- * reader thread nor close. Returns 0 once every byte is sent;
- * KRO_ERR_TIMEOUT when the deadline passed (before the first byte: nothing
- * was sent; after it: the handle has failed); QEL_HSPACE_ENDED when the
- * request was ended while the call waited for its turn; KRO_ERR_CLOSED for
- * a handle closed meanwhile or a write a close cut short; the link's error
- * on a failed handle; else the socket's error. The caller keeps the bytes,
- * and its record (caller_waiting is set), alive until this returns. */
+/* Takes the send turn when it is free, else queues call behind the calls
+ * waiting for it. True when the turn is the caller's now. Mutex held, so
+ * the queue's order is the request table's. */
+static bool qel_hspace_send_enter(t_qel_hspace hspace, struct qel_hspace_call *call) KRO_REQUIRES(hspace->mutex)
+{
+    uint32_t state = hspace->send_state.load(std::memory_order_relaxed);
+    for (;;) {
+        if (state == 0) {
+            if (hspace->send_state.compare_exchange_weak(state, 1, std::memory_order_acquire)) return true;
+        } else if (state == 1) {
+            if (hspace->send_state.compare_exchange_weak(state, 2, std::memory_order_relaxed)) break;
+        } else {
+            break; /* 2 changes only under the mutex */
+        }
+    }
+    call->send_next = NULL;
+    call->queued = 1;
+    if (hspace->send_tail != NULL)
+        hspace->send_tail->send_next = call;
+    else
+        hspace->send_head = call;
+    hspace->send_tail = call;
+    return false;
+}
+
+/* Takes the oldest waiting call out of the send queue, or null. Mutex
+ * held, the turn held. */
+static struct qel_hspace_call *qel_hspace_send_pop(t_qel_hspace hspace) KRO_REQUIRES(hspace->mutex)
+{
+    struct qel_hspace_call *next = hspace->send_head;
+    if (next == NULL) return NULL;
+    hspace->send_head = next->send_next;
+    if (hspace->send_head == NULL) {
+        hspace->send_tail = NULL;
+        hspace->send_state.store(1, std::memory_order_relaxed); /* the holder's alone */
+    }
+    next->queued = 0;
+    return next;
+}
+
+/* Hands the turn the caller holds to the oldest waiting call, or frees it.
+ * Mutex held. */
+static void qel_hspace_send_pass(t_qel_hspace hspace) KRO_REQUIRES(hspace->mutex)
+{
+    struct qel_hspace_call *next = qel_hspace_send_pop(hspace);
+    if (next == NULL)
+        hspace->send_state.store(0, std::memory_order_release);
+    else
+        qel_hspace_call_wake(hspace, next, QEL_HSPACE_CALL_GRANTED);
+}
+
+/* Takes a call that was neither granted the turn nor taken into a batch
+ * out of the send queue. Mutex held. */
+static void qel_hspace_send_withdraw(t_qel_hspace hspace, struct qel_hspace_call *call) KRO_REQUIRES(hspace->mutex)
+{
+    struct qel_hspace_call **slot = &hspace->send_head;
+    struct qel_hspace_call *prev = NULL;
+    while (*slot != call) {
+        KRO_CHECK(*slot != NULL);
+        prev = *slot;
+        slot = &prev->send_next;
+    }
+    *slot = call->send_next;
+    if (hspace->send_tail == call) hspace->send_tail = prev;
+    if (hspace->send_head == NULL) hspace->send_state.store(1, std::memory_order_relaxed);
+    call->queued = 0;
+}
+
+#define QEL_HSPACE_BATCH_CALLS (KRO_SOCKET_GATHER_MAX / 2) /* packets (two chunks each) in one gathered write */
+#define QEL_HSPACE_SEND_ROUNDS 8 /* batches a turn's holder writes for others before it hands the turn on */
+
+/* Calls whose packets go out together in one gathered write, in send
+ * order. */
+struct qel_hspace_batch {
+    struct qel_hspace_call *calls[QEL_HSPACE_BATCH_CALLS];
+    t_kro_uint4 n;
+};
+
+/* Moves waiting calls from the send queue into batch, oldest first, while
+ * it has room. A call whose request was ended meanwhile is dropped from
+ * the queue unwritten: its caller, woken by that ending, finds itself
+ * neither queued nor taken. Mutex held, the turn held. */
+static void qel_hspace_send_take(t_qel_hspace hspace, struct qel_hspace_batch *batch) KRO_REQUIRES(hspace->mutex)
+{
+    while (batch->n < QEL_HSPACE_BATCH_CALLS && hspace->send_head != NULL) {
+        struct qel_hspace_call *call = qel_hspace_send_pop(hspace);
+        if ((call->wake.word.load(std::memory_order_relaxed) & QEL_HSPACE_CALL_COMPLETE) != 0) continue;
+        call->taken = 1;
+        batch->calls[batch->n++] = call;
+    }
+}
+
+/* Writes the packets of batch in one gathered write bounded by the
+ * earliest of their deadlines, and stores each call's outcome in its sent,
+ * except for the calls the write did not reach for a deadline not theirs
+ * (nothing sent, their own deadline not passed), which go to again, in
+ * order, to be written in the next round. The turn held, mutex not held. */
+static void qel_hspace_send_round(t_qel_hspace hspace, const struct qel_hspace_batch *batch,
+                                  struct qel_hspace_batch *again)
+{
+    t_kro_socket_chunk chunks[KRO_SOCKET_GATHER_MAX];
+    t_kro_uint4 count = 0, sent = 0, i, j;
+    uint64_t deadline = 0, now = 0;
+    t_kro_error error;
+    for (i = 0; i < batch->n; i++) {
+        const struct qel_hspace_call *call = batch->calls[i];
+        for (j = 0; j < call->count; j++) chunks[count++] = call->chunks[j];
+        if (call->deadline != 0 && (deadline == 0 || call->deadline < deadline)) deadline = call->deadline;
+    }
+    if (hspace->state.load() != HSPACE_STATE_OPEN)
+        error = qel_hspace_ended_error(hspace);
+    else
+        error = kro_socket_write_gather(hspace->socket, chunks, count, deadline, &sent);
+    if (error == KRO_ERR_TIMEOUT && sent > 0)
+        qel_hspace_fail_link(hspace, KRO_ERR_TIMEOUT);
+    else if (error == KRO_ERR_TIMEOUT)
+        now = kro_clock_now_ns();
+    else if (error != 0 && (hspace->closing.load() || hspace->state.load() != HSPACE_STATE_OPEN))
+        error = qel_hspace_ended_error(hspace);
+    again->n = 0;
+    for (i = 0; i < batch->n; i++) {
+        struct qel_hspace_call *call = batch->calls[i];
+        if (now != 0 && (call->deadline == 0 || call->deadline > now))
+            again->calls[again->n++] = call;
+        else
+            call->sent = error;
+    }
+}
+
+/* The turn's holder writes its own packet (unless self is null) together
+ * with the packets of the calls waiting behind it, one gathered write per
+ * round; a synchronous call written so is not woken (it waits on for its
+ * answer), the others are. After at most QEL_HSPACE_SEND_ROUNDS rounds for
+ * others it hands the turn to the oldest waiting call. Without others it
+ * costs no lock after the write. Entered with the mutex held; returns with
+ * it released, and self's outcome (0 when self is null). */
+static t_kro_error qel_hspace_send_hold(t_qel_hspace hspace, struct qel_hspace_call *self) KRO_RELEASE(hspace->mutex)
+{
+    struct qel_hspace_batch batch, again;
+    struct qel_hspace_call *const owner = self;
+    t_kro_uint4 rounds = 0, i;
+    batch.n = 0;
+    if (self != NULL) batch.calls[batch.n++] = self;
+    if (hspace->send_head != NULL) qel_hspace_send_take(hspace, &batch);
+    for (;;) {
+        bool alone = batch.n == (self != NULL ? 1u : 0u) && (self == NULL || batch.calls[0] == self);
+        qel_hspace_unlock(hspace);
+        if (batch.n > 0) qel_hspace_send_round(hspace, &batch, &again);
+        else again.n = 0;
+        if (alone && again.n == 0) {
+            uint32_t busy = 1;
+            if (hspace->send_state.compare_exchange_strong(busy, 0, std::memory_order_release))
+                return owner != NULL ? owner->sent : 0;
+        }
+        qel_hspace_lock(hspace);
+        for (i = 0; i < batch.n; i++) {
+            struct qel_hspace_call *call = batch.calls[i];
+            bool retried = false;
+            for (t_kro_uint4 k = 0; k < again.n; k++) retried = retried || again.calls[k] == call;
+            if (call == owner || retried) continue;
+            /* Decided before the bit is set: from then on the call may
+             * return, and its frame is gone. */
+            bool notify = !call->quiet || call->sent != 0;
+            call->taken = 0;
+            if (kro_wake_set(&call->wake, QEL_HSPACE_CALL_WRITTEN) && notify) qel_hspace_call_notify(hspace, &call->wake);
+        }
+        batch = again;
+        self = NULL; /* written (or in again): the next rounds are for the others */
+        if (batch.n == 0 && ++rounds >= QEL_HSPACE_SEND_ROUNDS) break;
+        if (hspace->send_head != NULL) qel_hspace_send_take(hspace, &batch);
+        if (batch.n == 0) break;
+    }
+    qel_hspace_send_pass(hspace);
+    qel_hspace_unlock_and_wake(hspace);
+    return owner != NULL ? owner->sent : 0;
+}
+
+/* Writes one packet, given as count chunks, when the call's turn comes:
+ * by the caller itself when the turn is free or passed to it, else by the
+ * turn's holder in a batch with others. Entered with the mutex held, right
+ * after the call's request (if any) was made; returns with it released.
+ * Neither the wait for the turn nor the write holds the mutex, so a peer
+ * that stops reading holds up neither the reader thread nor close. Returns
+ * 0 once every byte is sent; KRO_ERR_TIMEOUT when the deadline passed
+ * (before the first byte: nothing was sent; after it: the handle has
+ * failed); QEL_HSPACE_ENDED when the request was ended while the call
+ * waited for its turn; KRO_ERR_CLOSED for a handle closed meanwhile or a
+ * write a close cut short; the link's error on a failed handle; else the
+ * socket's error. The caller keeps the bytes, and its record
+ * (caller_waiting is set), alive until this returns. */
 static t_kro_error qel_hspace_send(t_qel_hspace hspace, struct qel_hspace_call *call,
                                    const t_kro_socket_chunk *chunks, t_kro_uint4 count) KRO_RELEASE(hspace->mutex)
 {
-    t_kro_uint4 sent = 0;
     t_kro_error error;
-    if (!qel_hspace_send_enter(hspace, call)) {
-        uint32_t bits;
-        qel_hspace_unlock(hspace);
-        kro_wake_wait(&call->wake, QEL_HSPACE_CALL_GRANTED | QEL_HSPACE_CALL_COMPLETE, call->deadline);
-        qel_hspace_lock(hspace);
-        /* Under the mutex every bit set so far is visible. */
-        bits = call->wake.word.load(std::memory_order_relaxed);
-        if ((bits & QEL_HSPACE_CALL_GRANTED) == 0) {
-            qel_hspace_send_withdraw(hspace, call);
-            qel_hspace_unlock(hspace);
-            return (bits & QEL_HSPACE_CALL_COMPLETE) != 0 ? QEL_HSPACE_ENDED : KRO_ERR_TIMEOUT;
-        }
-        if ((bits & QEL_HSPACE_CALL_COMPLETE) != 0 || hspace->state.load() != HSPACE_STATE_OPEN) {
-            qel_hspace_send_pass(hspace);
-            qel_hspace_unlock_and_wake(hspace);
-            return (bits & QEL_HSPACE_CALL_COMPLETE) != 0 ? QEL_HSPACE_ENDED : qel_hspace_ended_error(hspace);
-        }
+    uint32_t bits;
+    call->chunks = chunks;
+    call->count = count;
+    if (qel_hspace_send_enter(hspace, call)) {
+        error = qel_hspace_send_hold(hspace, call);
+        return error;
     }
     qel_hspace_unlock(hspace);
-    error = kro_socket_write_gather(hspace->socket, chunks, count, call->deadline, &sent);
-    if (error == KRO_ERR_TIMEOUT && sent > 0) qel_hspace_fail_link(hspace, KRO_ERR_TIMEOUT);
-    qel_hspace_send_leave(hspace);
-    if (error != 0 && error != KRO_ERR_TIMEOUT && (hspace->closing.load() || hspace->state.load() != HSPACE_STATE_OPEN))
-        error = qel_hspace_ended_error(hspace);
-    return error;
+    bits = kro_wake_wait(&call->wake,
+                         QEL_HSPACE_CALL_GRANTED | QEL_HSPACE_CALL_COMPLETE | (call->quiet ? 0 : QEL_HSPACE_CALL_WRITTEN),
+                         call->deadline);
+    if ((bits & QEL_HSPACE_CALL_WRITTEN) != 0) return call->sent; /* set before the bit */
+    qel_hspace_lock(hspace);
+    /* Under the mutex every bit set so far is visible. */
+    bits = call->wake.word.load(std::memory_order_relaxed);
+    if ((bits & QEL_HSPACE_CALL_WRITTEN) != 0) {
+        qel_hspace_unlock(hspace);
+        return call->sent;
+    }
+    if ((bits & QEL_HSPACE_CALL_GRANTED) != 0) {
+        if ((bits & QEL_HSPACE_CALL_COMPLETE) == 0) return qel_hspace_send_hold(hspace, call);
+        qel_hspace_send_hold(hspace, NULL);
+        return QEL_HSPACE_ENDED;
+    }
+    if (call->taken) {
+        /* In a batch under way, whose write the earliest deadline (ours is
+         * past) bounds: its outcome is ours. */
+        call->quiet = 0;
+        qel_hspace_unlock(hspace);
+        kro_wake_wait(&call->wake, QEL_HSPACE_CALL_WRITTEN, 0);
+        return call->sent;
+    }
+    if (call->queued) qel_hspace_send_withdraw(hspace, call);
+    qel_hspace_unlock(hspace);
+    return (bits & QEL_HSPACE_CALL_COMPLETE) != 0 ? QEL_HSPACE_ENDED : KRO_ERR_TIMEOUT;
 }
 
 #define QEL_HSPACE_PREFIX_SPACE 256 /* bytes of a request's packet before its payload kept in the caller's frame */
@@ -2088,7 +2295,7 @@ static t_kro_error qel_hspace_put_call(t_qel_hspace hspace, t_qel_hspace_object 
 
     (void)flags; /* a put carries no flags */
     form = qel_hspace_pkt_put_form(object, semantic);
-    qel_hspace_call_init(&call, timeout_ms);
+    qel_hspace_call_init(&call, timeout_ms, semantic == HSPACE_PUT_SYNC);
     if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     if (semantic == HSPACE_PUT_NOREPLY) return qel_hspace_send_for_status(hspace, &call, NULL, &form);
     qel_hspace_request_init(hspace, &record, 1, HSPACE_OPCODE_PUT, object->key, NULL, NULL, 0, 0, NULL);
@@ -2114,7 +2321,7 @@ static t_kro_error qel_hspace_get_call(t_qel_hspace hspace, t_kro_str key, t_kro
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
     form = qel_hspace_pkt_get_form(key, semantic, timeout, flags);
-    qel_hspace_call_init(&call, timeout_ms);
+    qel_hspace_call_init(&call, timeout_ms, sync);
     if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     if (sync) {
         qel_hspace_request_init(hspace, &record, 1, HSPACE_OPCODE_GET, key, urid, NULL, 0, 0, objects);
@@ -2161,7 +2368,7 @@ static t_kro_error qel_hspace_post_call(t_qel_hspace hspace, t_kro_str key, t_kr
     if ((error = qel_hspace_check_open(hspace)) != 0) return error;
 
     form = qel_hspace_pkt_post_form(key, triggers, flags);
-    qel_hspace_call_init(&call, timeout_ms);
+    qel_hspace_call_init(&call, timeout_ms, true);
     qel_hspace_lock(hspace);
     if (qel_hspace_request_get_post(hspace, key) != NULL) {
         qel_hspace_unlock(hspace);
@@ -2205,7 +2412,7 @@ static t_kro_error qel_hspace_cancel_call(t_qel_hspace hspace, t_kro_str key, t_
 
     (void)flags; /* a cancel carries no flags */
     form = qel_hspace_pkt_form_of(HSPACE_OPCODE_CANCEL, true, key, HSPACE_BODY_REQUEST);
-    qel_hspace_call_init(&call, timeout_ms);
+    qel_hspace_call_init(&call, timeout_ms, true);
     if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     qel_hspace_request_init(hspace, &record, 1, HSPACE_OPCODE_CANCEL, key, NULL, NULL, 0, 0, NULL);
     return qel_hspace_send_for_status(hspace, &call, &record, &form);
@@ -2226,7 +2433,7 @@ static t_kro_error qel_hspace_remove_call(t_qel_hspace hspace, t_kro_str key, t_
 
     (void)flags; /* a remove carries no flags */
     form = qel_hspace_pkt_form_of(HSPACE_OPCODE_REMOVE, semantic == HSPACE_REMOVE_SYNC, key, HSPACE_BODY_REQUEST);
-    qel_hspace_call_init(&call, timeout_ms);
+    qel_hspace_call_init(&call, timeout_ms, semantic == HSPACE_REMOVE_SYNC);
     if (!qel_hspace_lock_open(hspace)) return KRO_ERR_INVALID_STATE;
     if (semantic == HSPACE_REMOVE_NOREPLY) return qel_hspace_send_for_status(hspace, &call, NULL, &form);
     qel_hspace_request_init(hspace, &record, 1, HSPACE_OPCODE_REMOVE, key, NULL, NULL, 0, 0, NULL);

@@ -33,6 +33,7 @@
 #include "qel_hspace.hpp"
 
 #include <string.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <condition_variable>
@@ -377,6 +378,7 @@ struct __attribute__((visibility("hidden"))) Client::Impl : std::enable_shared_f
     std::minstd_rand random{std::random_device{}()}; // mu: backoff jitter
     std::thread worker;                    // started by the first open
     std::thread::id worker_id;             // mu: the worker's, once started
+    std::string open_detail;               // mu: why the last failed connect failed, in detail
 
     // ---- links ----
 
@@ -539,7 +541,19 @@ std::error_code Client::Impl::connect(Link *&out)
     t_kro_error e = qel_hspace_create(&cd, c_event, &h);
     if (e != 0) return make_error_code(e);
     registry_add(h, shared_from_this());
-    e = qel_hspace_open_timed(h, Deadline(options.open_timeout).c_ms());
+    const Tls &t = options.tls;
+    auto str = [](const std::string &v) { return v.empty() ? nullptr : v.c_str(); };
+    qel_hspace_tls_options tls = {QEL_HSPACE_TLS_OPTIONS_VERSION, str(t.ca_file), str(t.cert_file), str(t.key_file),
+                                  str(t.server_name)};
+    bool wants_tls = url.size() > 6 && strncasecmp(url.c_str(), "tls://", 6) == 0;
+    if (wants_tls || tls.ca_file || tls.cert_file || tls.key_file || tls.server_name) e = qel_hspace_set_tls(h, &tls);
+    if (e == 0) e = qel_hspace_open_timed(h, Deadline(options.open_timeout).c_ms());
+    if (e != 0) {
+        const t_kro_char *detail = "";
+        qel_hspace_error_get_detail(h, &detail);
+        std::lock_guard<std::mutex> lock(mu);
+        open_detail = detail;
+    }
     if (e != 0) {
         registry_remove(h);
         qel_hspace_destroy(&h);
@@ -1199,7 +1213,13 @@ void Client::open()
 {
     std::error_code ec;
     open(ec);
-    throw_if(ec, "qel::hspace::Client::open");
+    if (!ec) return;
+    std::string what = "qel::hspace::Client::open";
+    if (impl_ != nullptr) {
+        std::lock_guard<std::mutex> lock(impl_->mu);
+        if (!impl_->open_detail.empty()) what += ": " + impl_->open_detail;
+    }
+    throw std::system_error(ec, what);
 }
 
 void Client::open(std::error_code &ec) noexcept

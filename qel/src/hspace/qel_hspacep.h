@@ -87,6 +87,7 @@ struct qel_hspace_request;
 /* Bits of a call's wake-up. */
 #define QEL_HSPACE_CALL_GRANTED 0x1u  /* the call's turn to write has come */
 #define QEL_HSPACE_CALL_COMPLETE 0x2u /* the call's request was completed or ended */
+#define QEL_HSPACE_CALL_WRITTEN 0x4u  /* the turn's holder wrote the call's packet (outcome in sent) */
 
 /* One data operation in progress, on its calling thread's stack: its place
  * in the send queue and its own wake-up. Other threads set its wake bits
@@ -96,6 +97,12 @@ struct qel_hspace_call {
     struct kro_wake wake;              /* QEL_HSPACE_CALL_ bits */
     struct qel_hspace_call *send_next; /* mutex: the next call in the send queue */
     uint64_t deadline;                 /* monotonic nanoseconds; 0: none */
+    const t_kro_socket_chunk *chunks;  /* its packet, in the caller's frame and buffers */
+    t_kro_uint4 count;                 /* chunks in it */
+    t_kro_error sent;                  /* the outcome of its write; read by the call once WRITTEN is set */
+    t_kro_bool queued;                 /* mutex: in the send queue */
+    t_kro_bool taken;                  /* mutex: in a batch the turn's holder is writing */
+    t_kro_bool quiet;                  /* mutex: synchronous; no wake-up when written, only when answered */
 };
 
 /* An intrusive hash index over the request table: buckets of singly linked
@@ -191,6 +198,11 @@ struct qel_hspace_struct {
     std::atomic<t_kro_bool> closing; /* an application thread's close has cut the socket */
     std::atomic<int> closers;  /* application threads inside close */
     std::atomic<t_qel_hspace_state> state; /* written under mutex (or before the reader starts), read anywhere */
+    /* TLS and failure texts: the thread calling create, set_tls and open. */
+    t_kro_bool tls_url;        /* the URL's scheme is tls */
+    t_kro_tls tls;             /* TLS configuration; null until set_tls (or open) makes it */
+    t_kro_str tls_server_name; /* our copy of the options' server name; null: the URL's host */
+    t_kro_char detail[256];    /* why the last open or set_tls failed; "" after a success */
 };
 
 /* A library-made object (user_created 0) holding copies of key_len bytes
