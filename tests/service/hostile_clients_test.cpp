@@ -17,6 +17,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -254,6 +255,8 @@ public:
         // Between fork and exec only async-signal-safe calls.
         pid_ = fork();
         if (pid_ == 0) {
+            // It dies with the test, even one the watchdog aborts.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
             struct rlimit limit = {nofile, nofile};
             if (nofile != 0 && setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(126);
             dup2(out[1], 1);
