@@ -37,6 +37,21 @@ wait_exit() {
     [ "$got" -eq "$3" ] || fail "process $2 exited $got, expected $3"
 }
 
+# expect_exit CODE COMMAND...: runs the command (bounded by the watchdog),
+# checks its exit status; its output is in $tmp/out and $tmp/err.
+expect_exit() {
+    local want=$1
+    shift
+    timeout -k 5 "$WATCHDOG" "$@" >"$tmp/out" 2>"$tmp/err" </dev/null
+    local got=$?
+    [ "$got" -eq 124 ] && fail "$* did not end within ${WATCHDOG}s"
+    [ "$got" -eq "$want" ] || fail "$* exited $got, expected $want; stderr: $(cat "$tmp/err")"
+}
+# expect_err TEXT: the last command's stderr contains TEXT.
+expect_err() {
+    grep -qF -- "$1" "$tmp/err" || fail "stderr lacks '$1': $(cat "$tmp/err")"
+}
+
 # start_hspaced HSPACED [ARGS...]: runs the service on a port of its
 # choosing (quiet unless ARGS say otherwise; its stderr goes to
 # $tmp/hspaced.N.log); sets $svc (pid), $svc_fd (its output) and $url.

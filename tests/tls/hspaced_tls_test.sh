@@ -14,16 +14,6 @@ COMPLETION=$3
 MANDIR=$4
 . "$(dirname "$0")/../service/lib.sh"
 
-# expect_exit CODE COMMAND...: the command's exit status; output in $tmp/out, $tmp/err.
-expect_exit() {
-    local want=$1
-    shift
-    timeout -k 5 "$WATCHDOG" "$@" >"$tmp/out" 2>"$tmp/err" </dev/null
-    local got=$?
-    [ "$got" -eq 124 ] && fail "$* did not end within ${WATCHDOG}s"
-    [ "$got" -eq "$want" ] || fail "$* exited $got, expected $want; stderr: $(cat "$tmp/err")"
-}
-expect_err() { grep -qF -- "$1" "$tmp/err" || fail "stderr lacks '$1': $(cat "$tmp/err")"; }
 
 # A CA, a server certificate for 127.0.0.1 and a client certificate (CN
 # alice, O readers), another CA, P-256 keys.
