@@ -12,20 +12,6 @@ HSPACED=$1
 HSPACE=$2
 . "$(dirname "$0")/../service/lib.sh"
 
-# expect_exit CODE COMMAND...: runs the command (bounded), checks its exit
-# status; its output is in $tmp/out and $tmp/err.
-expect_exit() {
-    local want=$1
-    shift
-    timeout -k 5 "$WATCHDOG" "$@" >"$tmp/out" 2>"$tmp/err" </dev/null
-    local got=$?
-    [ "$got" -eq 124 ] && fail "$* did not end within ${WATCHDOG}s"
-    [ "$got" -eq "$want" ] || fail "$* exited $got, expected $want; stderr: $(cat "$tmp/err")"
-}
-# expect_err TEXT: the last command's stderr contains TEXT.
-expect_err() {
-    grep -qF -- "$1" "$tmp/err" || fail "stderr lacks '$1': $(cat "$tmp/err")"
-}
 # hs CODE ARGS...: hspace against the service of $url.
 hs() {
     local want=$1
